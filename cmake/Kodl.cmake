@@ -1,0 +1,32 @@
+# kodl_generate(<library> OUT_SOURCES <var> OWN <files...> [IMPORTS <files...>])
+#
+# Runs kodlgen over a library's interface definitions. Each definition file lies at
+# <root>/<module path>/types.kodl; its header and source land at
+# ${MORPHEL_GENERATED_DIR}/<library>/{include,src}/<module path>/types.{h,cpp}, where a module path
+# starting with "kodl" is written "kitra".
+function(kodl_generate library)
+    cmake_parse_arguments(ARG "" "OUT_SOURCES;ROOT" "OWN;IMPORTS" ${ARGN})
+    set(out ${MORPHEL_GENERATED_DIR}/${library})
+    set(outputs "")
+    set(sources "")
+    foreach(file IN LISTS ARG_OWN)
+        file(RELATIVE_PATH rel ${ARG_ROOT} ${file})
+        get_filename_component(dir ${rel} DIRECTORY)
+        string(REGEX REPLACE "^kodl" "kitra" dir "${dir}")
+        list(APPEND outputs ${out}/include/${dir}/types.h ${out}/src/${dir}/types.cpp)
+        list(APPEND sources ${out}/src/${dir}/types.cpp)
+    endforeach()
+    list(APPEND outputs ${out}/src/${library}_versions.cpp)
+    list(APPEND sources ${out}/src/${library}_versions.cpp)
+    set(import_args "")
+    foreach(file IN LISTS ARG_IMPORTS)
+        list(APPEND import_args --import ${file})
+    endforeach()
+    add_custom_command(
+        OUTPUT ${outputs}
+        COMMAND kodlgen --library ${library} --out ${out} --versions ${MORPHEL_VERSIONS_FILE} ${import_args} ${ARG_OWN}
+        DEPENDS kodlgen ${ARG_OWN} ${ARG_IMPORTS} ${MORPHEL_VERSIONS_FILE}
+        COMMENT "Generating the ${library} bindings"
+        VERBATIM)
+    set(${ARG_OUT_SOURCES} ${sources} PARENT_SCOPE)
+endfunction()

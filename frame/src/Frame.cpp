@@ -1,0 +1,59 @@
+#include <morphel/frame/Frame.h>
+
+#include <fundix/PanicAssert.h>
+
+namespace Frame {
+
+Kitra::Type* GetTypeOnce(TypeCache& cache, CreateFn create, const void* record) {
+    if (cache.once & 1u) return cache.type;
+    cache.once |= 1u;
+    Kitra::Type* type = nullptr;
+    try {
+        type = create(record);
+    } catch (...) {
+        cache.once &= ~1u;
+        throw;
+    }
+    // The cache holds its reference for the life of the process.
+    if (type != nullptr) type->IncRef();
+    cache.type = type;
+    return type;
+}
+
+Kitra::Type* CreateData(const void* record) {
+    return Kitra::CreateDataObjectType(static_cast<const Kitra::DataTypeInfo*>(record));
+}
+
+Kitra::Type* CreateManaged(const void* record) {
+    return Kitra::CreateManagedObjectType(static_cast<const Kitra::ManagedTypeInfo*>(record));
+}
+
+Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* type) {
+    if (cache == nullptr && type != nullptr) cache = type->AsDataObjectType();
+    return cache;
+}
+
+unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
+                const Kitra::FieldLayout& layout, const void* object) {
+    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + Kitra::Fields::ExtraSize(layout, object, sizer);
+}
+
+void RegisterModule(const ModuleInfo& module) {
+    Kitra::VersionMap* versionMap = Kitra::GetVersionMap();
+    if (versionMap == nullptr) Fundix::PanicAssert("versionMap != 0", module.sourcePath, module.assertLine);
+    const VersionTable& table = *module.versions;
+    for (size_t i = 0; i < table.versionCount; ++i) {
+        const VersionEntry& v = table.versions[i];
+        versionMap->AddVersion(v.name, v.wireNamespace, v.versionString, false, "dovra.Task", false,
+                               v.serviceNamespace);
+    }
+    for (size_t i = 0; i < table.relationCount; ++i)
+        versionMap->AddRelation(table.relations[i].version, table.relations[i].included);
+
+    Kitra::TypeMap* typeMap = Kitra::GetTypeMap();
+    if (typeMap == nullptr) Fundix::PanicAssert("typeMap != 0", module.sourcePath, module.assertLine + 282);
+    typeMap->BeginModule(module.sourcePath);
+    for (size_t i = 0; i < module.typeCount; ++i) typeMap->AddType(module.types[i]());
+}
+
+}  // namespace Frame

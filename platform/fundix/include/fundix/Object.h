@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace Fundix {
+
+// Interface of every reference-counted object. Lifetime is managed through IncRef/DecRef, normally by
+// holding the object in a Ref<T>.
+class Object {
+public:
+    virtual ~Object();
+
+    virtual void IncRef() const = 0;
+    virtual void DecRef() const = 0;
+
+protected:
+    Object() = default;
+    Object(const Object&) = default;
+    Object& operator=(const Object&) = default;
+};
+
+// Standard implementation of Object with an atomic count. A new object starts at 0, so the first Ref that
+// takes it becomes its owner. The object deletes itself when the last reference goes away, which means it
+// must have been allocated with new.
+class ObjectImpl : public virtual Object {
+public:
+    ~ObjectImpl() override;
+
+    void IncRef() const override;
+    void DecRef() const override;
+
+    // Only a snapshot; another thread may change it right after the call.
+    int32_t GetRefCount() const;
+
+protected:
+    ObjectImpl() = default;
+
+    // The count belongs to the object's identity, not to its value: a copy is a new object with no owners
+    // yet, and assigning a value does not change who holds the target.
+    ObjectImpl(const ObjectImpl& other);
+    ObjectImpl& operator=(const ObjectImpl& other);
+
+private:
+    mutable std::atomic<int32_t> refCount_{0};
+};
+
+}  // namespace Fundix

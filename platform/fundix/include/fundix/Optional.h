@@ -1,0 +1,159 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "fundix/Exception.h"
+
+namespace Fundix {
+
+// A value that may be absent. Reading an unset optional throws InvalidArgumentException instead of
+// returning a default, so a missing value is never mistaken for a real one.
+template <class T>
+class Optional {
+public:
+    Optional() = default;
+    Optional(T value) : value_(std::move(value)), set_(true) {}
+
+    Optional& operator=(T value) {
+        Set(std::move(value));
+        return *this;
+    }
+
+    bool IsSet() const { return set_; }
+
+    const T& GetValue() const {
+        CheckSet();
+        return value_;
+    }
+
+    T& GetValue() {
+        CheckSet();
+        return value_;
+    }
+
+    const T& operator*() const { return GetValue(); }
+    T& operator*() { return GetValue(); }
+    const T* operator->() const { return &GetValue(); }
+    T* operator->() { return &GetValue(); }
+
+    void Set(T value) {
+        value_ = std::move(value);
+        set_ = true;
+    }
+
+    // Also resets the stored value so whatever it holds is released now rather than on the next Set.
+    void Unset() {
+        value_ = T();
+        set_ = false;
+    }
+
+    friend bool operator==(const Optional& a, const Optional& b) {
+        return a.set_ == b.set_ && (!a.set_ || a.value_ == b.value_);
+    }
+    friend bool operator==(const Optional& a, const T& b) { return a.set_ && a.value_ == b; }
+
+private:
+    void CheckSet() const {
+        if (!set_) {
+            throw InvalidArgumentException("unset optional");
+        }
+    }
+
+    T value_{};
+    bool set_ = false;
+};
+
+// Strings are kept in a separate allocation so that an unset optional string, the common case in sparse
+// records, costs a single null pointer.
+template <>
+class Optional<std::string> {
+public:
+    Optional() = default;
+    Optional(std::string value) : value_(std::make_unique<std::string>(std::move(value))) {}
+    // A null pointer gives an unset optional.
+    Optional(const char* value) {
+        if (value != nullptr) {
+            value_ = std::make_unique<std::string>(value);
+        }
+    }
+
+    Optional(const Optional& other) {
+        if (other.value_) {
+            value_ = std::make_unique<std::string>(*other.value_);
+        }
+    }
+    Optional(Optional&&) noexcept = default;
+
+    Optional& operator=(const Optional& other) {
+        if (this != &other) {
+            if (other.value_) {
+                Set(*other.value_);
+            } else {
+                Unset();
+            }
+        }
+        return *this;
+    }
+    Optional& operator=(Optional&&) noexcept = default;
+
+    Optional& operator=(std::string value) {
+        Set(std::move(value));
+        return *this;
+    }
+    Optional& operator=(const char* value) { return *this = Optional(value); }
+
+    bool IsSet() const { return value_ != nullptr; }
+
+    const std::string& GetValue() const {
+        CheckSet();
+        return *value_;
+    }
+
+    std::string& GetValue() {
+        CheckSet();
+        return *value_;
+    }
+
+    const std::string& operator*() const { return GetValue(); }
+    std::string& operator*() { return GetValue(); }
+    const std::string* operator->() const { return &GetValue(); }
+    std::string* operator->() { return &GetValue(); }
+
+    // The separately allocated string, or null when unset.
+    const std::string* GetPtr() const { return value_.get(); }
+
+    // Reuses the existing allocation when there is one.
+    void Set(std::string value) {
+        if (value_) {
+            *value_ = std::move(value);
+        } else {
+            value_ = std::make_unique<std::string>(std::move(value));
+        }
+    }
+
+    void Unset() { value_.reset(); }
+
+    friend bool operator==(const Optional& a, const Optional& b) {
+        if (!a.value_ || !b.value_) {
+            return !a.value_ && !b.value_;
+        }
+        return *a.value_ == *b.value_;
+    }
+    friend bool operator==(const Optional& a, const std::string& b) { return a.value_ && *a.value_ == b; }
+    friend bool operator==(const Optional& a, const char* b) {
+        return b == nullptr ? !a.value_ : a.value_ && *a.value_ == b;
+    }
+
+private:
+    void CheckSet() const {
+        if (!value_) {
+            throw InvalidArgumentException("unset optional");
+        }
+    }
+
+    std::unique_ptr<std::string> value_;
+};
+
+}  // namespace Fundix

@@ -1,0 +1,91 @@
+// Field storage of generated data objects and the generic operations over it.
+//
+// A generated class keeps its fields as ordinary members and publishes, beside its property records, the
+// byte offset of each own field. Everything that loops over fields (get/set/test by index, equality,
+// differences, size) is written once here and walks the records: the storage of a field follows from its
+// record's type kind and flags alone.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <fundix/Optional.h>
+#include <fundix/System/DateTime.h>
+#include <kitra/Any.h>
+#include <kitra/TypeInfo.h>
+
+namespace Kitra {
+
+// A counted field: data object, array, managed-object reference or untyped value. Null when absent.
+class RefSlot {
+public:
+    RefSlot() = default;
+    ~RefSlot() {
+        if (p_ != nullptr) p_->DecRef();
+    }
+    RefSlot& operator=(const RefSlot&) = delete;
+    Any* Get() const { return p_; }
+    // Takes a reference to `value`, exchanges it in and releases the previous value.
+    void Store(Any* value);
+
+protected:
+    RefSlot(const RefSlot&) = delete;
+    explicit RefSlot(Any* value) : p_(value) {
+        if (p_ != nullptr) p_->IncRef();
+    }
+    Any* p_ = nullptr;
+};
+
+// A data object, managed-object reference or untyped value: a copy shares the value.
+class ObjSlot : public RefSlot {
+public:
+    ObjSlot() = default;
+    ObjSlot(const ObjSlot& other) : RefSlot(other.p_) {}
+};
+
+// An array: a copy holds a clone, so that copies never share an array; storing null empties the array
+// in place and keeps it attached.
+class ArraySlot : public RefSlot {
+public:
+    ArraySlot() = default;
+    ArraySlot(const ArraySlot& other);
+    void Store(Any* value);
+};
+
+// How a generated class describes its own fields to the generic operations.
+struct FieldLayout {
+    const PropertyTypeInfo* properties;
+    const uint32_t* offsets;  // byte offset of each own field within the declaring class
+    uint32_t count;
+};
+
+namespace Fields {
+
+// The record's property functions, over the declaring class's subobject at `object`.
+void Get(const FieldLayout& layout, const void* object, int index, void* out);
+void Set(const FieldLayout& layout, void* object, int index, const void* in);
+bool IsSet(const FieldLayout& layout, const void* object, int index);
+void Init(const FieldLayout& layout, void* object, int index);
+
+bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial);
+void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
+          PropertyDiffSet& diffs);
+// Memory held by the fields beyond the object itself.
+unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer);
+
+// Shared property functions of types without properties (or without arrays, for Init).
+void NoGet(DataObject*, int, void*);
+void NoSet(DataObject*, int, const void*);
+bool AlwaysSet(const DataObject*, int);
+void NoInit(DataObject*, int);
+
+}  // namespace Fields
+
+// The storage class of a property, derived from its record.
+enum class Storage : uint8_t {
+    String, OptString, I32, OptI32, I64, OptI64, I16, OptI16, I8, OptI8,
+    Bool, OptBool, F32, OptF32, F64, OptF64, Date, OptDate, Slot,
+};
+Storage StorageOf(const PropertyTypeInfo& property);
+
+}  // namespace Kitra

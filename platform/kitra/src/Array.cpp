@@ -1,0 +1,89 @@
+// Arrays of counted elements, and managed-object references.
+#include <new>
+
+#include <kitra/Array.h>
+#include <kitra/DataObject.h>
+#include <kitra/MoRef.h>
+#include <kitra/Registry.h>
+
+namespace Kitra {
+
+bool ArrayBase::_IsEqual(const Any* other, bool) const {
+    auto* o = dynamic_cast<const ArrayBase*>(other);
+    return o != nullptr && o->GetLength() == 0 && GetLength() == 0;
+}
+
+void ThrowArrayElementMismatch(const Type* element, const Any* value) {
+    ThrowTypeMismatch(element != nullptr ? element->GetName() : "?", value);
+}
+
+template <>
+const TypeInfo* ElementRecord<MoRef>() {
+    return &gManagedObjectTypeInfo;
+}
+
+template <>
+const TypeInfo* ElementRecord<Any>() {
+    return &gAnyTypeInfo;
+}
+
+Type* DataArrayBase::GetElementType() const {
+    if (IsPrimitiveKind(elementInfo_->kind)) return GetPrimitiveType(elementInfo_);
+    return GetTypeMap()->GetType(elementInfo_->name);
+}
+
+void DataArrayBase::AppendBoxed(const Any* value) {
+    bool ok = value != nullptr;
+    if (ok && elementInfo_->kind == kKindManaged) {
+        ok = dynamic_cast<const MoRef*>(value) != nullptr;
+    } else if (ok && elementInfo_->kind != kKindAnyType) {
+        Type* element = GetElementType();
+        ok = dynamic_cast<const DataObject*>(value) != nullptr && element != nullptr &&
+             value->_GetType()->IsA(element);
+    }
+    if (!ok) ThrowArrayElementMismatch(GetElementType(), value);
+    items_.emplace_back(const_cast<Any*>(value));
+}
+
+DataArrayBase* DataArrayBase::_Clone() const {
+    Type* element = GetElementType();
+    auto* copy = static_cast<DataArrayBase*>(element != nullptr ? element->NewArray() : nullptr);
+    if (copy == nullptr) return nullptr;
+    copy->items_.reserve(items_.size());
+    for (const auto& item : items_) {
+        if (auto* data = dynamic_cast<const DataObject*>(item.Get())) copy->items_.emplace_back(data->_Clone());
+        else copy->items_.push_back(item);
+    }
+    return copy;
+}
+
+bool DataArrayBase::_IsEqual(const Any* other, bool partial) const {
+    auto* o = dynamic_cast<const DataArrayBase*>(other);
+    if (o == nullptr || o->items_.size() != items_.size()) return false;
+    for (size_t i = 0; i < items_.size(); ++i)
+        if (!AreEqualAnysInt(items_[i].Get(), o->items_[i].Get(), 0, partial)) return false;
+    return true;
+}
+
+unsigned DataArrayBase::_GetSize(Sizer sizer) const {
+    unsigned size = sizer(sizeof(*this)) + sizer(static_cast<unsigned>(items_.capacity() * sizeof(items_[0])));
+    for (const auto& item : items_)
+        if (item) size += item->_GetSize(sizer);
+    return size;
+}
+
+Type* MoRef::_GetType() const {
+    Type* t = GetTypeMap()->GetType(type_);
+    return t != nullptr ? t : GetType<ManagedObject>();
+}
+
+bool MoRef::_IsEqual(const Any* other, bool) const {
+    auto* o = dynamic_cast<const MoRef*>(other);
+    return o != nullptr && o->type_ == type_ && o->id_ == id_;
+}
+
+unsigned MoRef::_GetSize(Sizer sizer) const {
+    return sizer(sizeof(*this)) + GetExtraSize(type_, sizer) + GetExtraSize(id_, sizer);
+}
+
+}  // namespace Kitra

@@ -1,0 +1,150 @@
+// The data-object and fault bases, and the comparisons that generated code delegates to.
+#include <new>
+#include <typeinfo>
+
+#include <fundix/Exception.h>
+#include <kitra/Array.h>
+#include <kitra/DataObject.h>
+#include <kitra/MoRef.h>
+
+namespace Kitra {
+
+// ---- PropertyDiffSet and helpers
+
+void PropertyDiffSet::Add(const std::string& path) {
+    if (!Contains(path)) paths_.push_back(path);
+}
+
+bool PropertyDiffSet::Contains(const std::string& path) const {
+    for (const auto& p : paths_)
+        if (p == path) return true;
+    return false;
+}
+
+unsigned IdentitySizer(unsigned size) { return size; }
+
+unsigned GetExtraSize(const std::string& text, Sizer sizer) {
+    // Short strings live inside the object; longer ones own a heap buffer of their capacity.
+    return text.capacity() < 16 ? sizer(0) : sizer(static_cast<unsigned>(text.capacity()));
+}
+
+void ThrowTypeMismatch(const char* expected, const Any* received) {
+    std::string got = "null";
+    if (received != nullptr) {
+        Type* t = received->_GetType();
+        got = t != nullptr ? t->GetName() : typeid(*received).name();
+    }
+    throw Fundix::TypeMismatchException(expected, got);
+}
+
+namespace {
+
+bool IsEmptyArray(const Any* value) {
+    auto* a = dynamic_cast<const ArrayBase*>(value);
+    return a != nullptr && a->IsEmpty();
+}
+
+}  // namespace
+
+bool AreEqualAnysInt(const Any* mine, const Any* theirs, uint32_t flags, bool partial) {
+    if (mine == theirs) return true;
+    if ((flags & kFlagArray) && (mine == nullptr || IsEmptyArray(mine)) && (theirs == nullptr || IsEmptyArray(theirs)))
+        return true;
+    if (theirs == nullptr) return partial && (flags & kFlagOptional);
+    if (mine == nullptr) return false;
+    return mine->_IsEqual(theirs, partial);
+}
+
+void DiffAnyPropertiesInt(const Any* mine, const Any* theirs, const std::string& path, uint32_t flags,
+                          PropertyDiffSet& diffs) {
+    if (mine == theirs) return;
+    if ((flags & kFlagArray) && (mine == nullptr || IsEmptyArray(mine)) && (theirs == nullptr || IsEmptyArray(theirs)))
+        return;
+    if (mine == nullptr || theirs == nullptr) {
+        diffs.Add(path);
+        return;
+    }
+    mine->_DiffProperties(theirs, path, diffs);
+}
+
+void Any::_DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const {
+    if (!_IsEqual(other, false)) diffs.Add(prefix);
+}
+
+bool EnumBox::_IsEqual(const Any* other, bool) const {
+    auto* o = dynamic_cast<const EnumBox*>(other);
+    return o != nullptr && o->type_ == type_ && o->value_ == value_;
+}
+
+// ---- DataObject
+
+DataObjectType* DataObject::_GetDataType() const {
+    Type* t = _GetType();
+    return t != nullptr ? t->AsDataObjectType() : nullptr;
+}
+
+bool DataObject::_IsEqual(const Any* other, bool partial) const {
+    auto* o = dynamic_cast<const DataObject*>(other);
+    if (o == nullptr || typeid(*this) != typeid(*o)) return false;
+    return _EqualFields(o, partial);
+}
+
+void DataObject::_DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const {
+    auto* o = dynamic_cast<const DataObject*>(other);
+    if (o == nullptr || typeid(*this) != typeid(*o)) {
+        diffs.Add(prefix);
+        return;
+    }
+    _DiffFields(o, prefix, diffs);
+}
+
+unsigned DataObject::_GetSize(Sizer sizer) const { return sizer(sizeof(DataObject)); }
+
+bool DataObject::_EqualFields(const DataObject*, bool) const { return true; }
+
+void DataObject::_DiffFields(const DataObject*, const std::string&, PropertyDiffSet&) const {}
+
+DynamicData* DynamicData::_Clone() const { return new DynamicData(*this); }
+Type* DynamicData::_GetType() const { return GetType<DynamicData>(); }
+
+// ---- Faults
+
+MethodFault::Exception::Exception(MethodFault* fault)
+    : Fundix::Exception(fault != nullptr && fault->_GetType() != nullptr ? fault->_GetType()->GetName()
+                                                                         : "kodl.MethodFault"),
+      fault_(fault) {
+    if (fault_ != nullptr) fault_->IncRef();
+}
+
+MethodFault::Exception::Exception() : Exception(new (std::nothrow) MethodFault()) {}
+
+MethodFault::Exception::Exception(const Exception& other) : Fundix::Exception(other), fault_(other.fault_) {
+    if (fault_ != nullptr) fault_->IncRef();
+}
+
+MethodFault::Exception::~Exception() {
+    if (fault_ != nullptr) fault_->DecRef();
+}
+
+Fundix::Exception* MethodFault::Exception::Clone() const { return new (std::nothrow) Exception(*this); }
+void MethodFault::Exception::Throw() const { throw Exception(*this); }
+
+MethodFault* MethodFault::_Clone() const { return new MethodFault(*this); }
+Type* MethodFault::_GetType() const { return GetType<MethodFault>(); }
+void MethodFault::Throw() { throw Exception(this); }
+MethodFault::Exception* MethodFault::CreateException() { return new (std::nothrow) Exception(this); }
+
+RuntimeFault::Exception::Exception(RuntimeFault* fault) : MethodFault::Exception(fault) {}
+RuntimeFault::Exception::Exception() : Exception(new (std::nothrow) RuntimeFault()) {}
+RuntimeFault* RuntimeFault::Exception::GetFault() const {
+    return CheckedCast<RuntimeFault>(MethodFault::Exception::GetFault());
+}
+Fundix::Exception* RuntimeFault::Exception::Clone() const { return new (std::nothrow) Exception(*this); }
+void RuntimeFault::Exception::Throw() const { throw Exception(*this); }
+
+RuntimeFault* RuntimeFault::_Clone() const { return new RuntimeFault(*this); }
+Type* RuntimeFault::_GetType() const { return GetType<RuntimeFault>(); }
+void RuntimeFault::Throw() { throw Exception(this); }
+RuntimeFault::Exception* RuntimeFault::CreateException() { return new (std::nothrow) Exception(this); }
+
+}  // namespace Kitra

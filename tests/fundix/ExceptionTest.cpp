@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "fundix/Exception.h"
+#include "fundix/Functor.h"
+
+using namespace Fundix;
+
+namespace {
+
+TEST(ExceptionTest, MessagesAndDetails) {
+    TypeMismatchException mismatch("int32", "string");
+    EXPECT_STREQ(mismatch.what(), "type mismatch: expected int32, received string");
+    EXPECT_EQ(mismatch.GetExpected(), "int32");
+    EXPECT_EQ(mismatch.GetReceived(), "string");
+
+    std::ostringstream out;
+    InvalidArgumentException("bad size").Dump(out);
+    EXPECT_EQ(out.str(), "bad size\n");
+    EXPECT_THROW(throw InvalidArgumentException("x"), Throwable);
+    EXPECT_THROW(throw TypeMismatchException("a", "b"), std::exception);
+}
+
+TEST(ExceptionTest, CloneAndThrowKeepMostDerivedType) {
+    std::unique_ptr<Exception> stored;
+    try {
+        throw TypeMismatchException("bool", "double");
+    } catch (const Exception& e) {
+        stored.reset(e.Clone());
+    }
+    try {
+        stored->Throw();
+    } catch (const TypeMismatchException& e) {
+        EXPECT_EQ(e.GetMessage(), "type mismatch: expected bool, received double");
+    }
+
+    std::unique_ptr<Exception> invalid(InvalidArgumentException("nope").Clone());
+    EXPECT_THROW(invalid->Throw(), InvalidArgumentException);
+    std::unique_ptr<Exception> plain(Exception("plain").Clone());
+    EXPECT_THROW(plain->Throw(), Exception);
+}
+
+TEST(FunctorTest, CallsWrappedCallableOrThrowsWhenEmpty) {
+    Functor<int(int, int)> add = [](int a, int b) { return a + b; };
+    ASSERT_TRUE(add);
+    EXPECT_EQ(add(2, 3), 5);
+    Functor<void(std::unique_ptr<int>)> sink = [](std::unique_ptr<int> p) { EXPECT_EQ(*p, 4); };
+    sink(std::make_unique<int>(4));
+
+    Functor<void()> empty;
+    Functor<void()> copyOfEmpty = empty;
+    EXPECT_FALSE(copyOfEmpty);
+    try {
+        copyOfEmpty();
+        FAIL() << "expected an exception";
+    } catch (const InvalidArgumentException& e) {
+        EXPECT_EQ(e.GetMessage(), "empty functor");
+    }
+}
+
+}  // namespace

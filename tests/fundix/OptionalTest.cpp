@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "fundix/Exception.h"
+#include "fundix/Optional.h"
+
+using Fundix::InvalidArgumentException;
+using Fundix::Optional;
+
+namespace {
+
+TEST(OptionalTest, SetUnsetAndEquality) {
+    Optional<int> value;
+    EXPECT_FALSE(value.IsSet());
+    EXPECT_THROW(*std::as_const(value), InvalidArgumentException);
+
+    value = 0;  // zero is a real value, not "unset"
+    EXPECT_TRUE(value.IsSet());
+    value.GetValue() = 4;
+    EXPECT_EQ(*value, 4);
+    EXPECT_TRUE(value == 4);
+    EXPECT_TRUE(4 == value);
+
+    Optional<int> unset;
+    EXPECT_NE(value, unset);
+    EXPECT_NE(unset, Optional<int>(0));
+    EXPECT_FALSE(unset == 0);
+    value.Unset();
+    EXPECT_EQ(value, unset);
+    EXPECT_THROW(value.GetValue(), InvalidArgumentException);
+}
+
+TEST(OptionalStringTest, CopiesAreIndependent) {
+    Optional<std::string> original = "alpha";
+    Optional<std::string> copy = original;
+    ASSERT_NE(copy.GetPtr(), nullptr);
+    EXPECT_NE(copy.GetPtr(), original.GetPtr());
+    copy->append("-beta");
+    EXPECT_EQ(*original, "alpha");
+
+    Optional<std::string> assigned;
+    assigned = original;
+    EXPECT_NE(assigned.GetPtr(), original.GetPtr());
+    EXPECT_EQ(assigned, original);
+    assigned = Optional<std::string>();
+    EXPECT_FALSE(assigned.IsSet());
+    EXPECT_TRUE(original.IsSet());
+
+    Optional<std::string> moved = std::move(copy);
+    EXPECT_EQ(moved, "alpha-beta");
+}
+
+TEST(OptionalStringTest, UnsetAndEmptyDiffer) {
+    Optional<std::string> unset;
+    EXPECT_EQ(sizeof(unset), sizeof(void*));
+    EXPECT_EQ(unset.GetPtr(), nullptr);
+    EXPECT_THROW(unset.GetValue(), InvalidArgumentException);
+    EXPECT_FALSE(Optional<std::string>(static_cast<const char*>(nullptr)).IsSet());
+
+    Optional<std::string> empty = std::string();
+    EXPECT_TRUE(empty.IsSet());
+    EXPECT_NE(unset, empty);
+    EXPECT_TRUE(empty == "");
+    EXPECT_FALSE(unset == "");
+    EXPECT_FALSE(unset == std::string());
+    EXPECT_TRUE(Optional<std::string>("word") == std::string("word"));
+    EXPECT_FALSE(Optional<std::string>("word") == "other");
+    empty.Unset();
+    EXPECT_EQ(empty.GetPtr(), nullptr);
+}
+
+}  // namespace
