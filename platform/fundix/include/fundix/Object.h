@@ -22,8 +22,10 @@ protected:
 
 // Standard implementation of Object with an atomic count. A new object starts at 0, so the first Ref that
 // takes it becomes its owner. The object deletes itself when the last reference goes away, which means it
-// must have been allocated with new.
-class ObjectImpl : public virtual Object {
+// must have been allocated with new. Object is an ordinary base here: a virtual one would give every one
+// of the hundreds of generated classes construction tables of its own, for no use, since a value class
+// never inherits the interface twice.
+class ObjectImpl : public Object {
 public:
     ~ObjectImpl() override;
 
