@@ -1,1 +1,52 @@
-int main() { return 0; }
+// morphel-types: looks at the interface metadata that the libraries register at load.
+//
+//   morphel-types dump               the whole type map as JSON
+//   morphel-types describe NAME...   one type for a person, by wire name
+//   morphel-types list               the wire names of all types, one per line
+#include <iostream>
+#include <string>
+
+#include <kitra/Kitra.h>
+#include <morphel/types.h>
+
+#include "Tool.h"
+
+namespace {
+
+int Usage(std::ostream& out, int status) {
+    out << "usage: morphel-types dump\n"
+           "       morphel-types describe <wire name>...   (for example morphel.task.TaskInfo)\n"
+           "       morphel-types list\n";
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Referencing one type keeps the bindings library linked, and with it every registration.
+    (void)Kitra::GetType<Morphel::ComputerSpec>();
+    if (argc < 2) return Usage(std::cerr, 2);
+    std::string command = argv[1];
+    if (command == "--help" || command == "-h" || command == "help") return Usage(std::cout, 0);
+    if (command == "dump" && argc == 2) {
+        MorphelTypesTool::Dump(std::cout);
+        return std::cout ? 0 : 1;
+    }
+    if (command == "list" && argc == 2) {
+        for (Kitra::Type* t : Kitra::GetTypeMap()->GetTypes()) std::cout << t->GetName() << "\n";
+        return 0;
+    }
+    if (command == "describe" && argc >= 3) {
+        int status = 0;
+        for (int i = 2; i < argc; ++i) {
+            if (i > 2) std::cout << "\n";
+            if (!MorphelTypesTool::Describe(std::cout, argv[i])) {
+                std::cerr << "morphel-types: no type named '" << argv[i]
+                          << "' (wire names look like morphel.task.TaskInfo; 'morphel-types list' lists them)\n";
+                status = 1;
+            }
+        }
+        return status;
+    }
+    return Usage(std::cerr, 2);
+}
