@@ -149,6 +149,19 @@ FieldTypes TypesOf(const Field& f) {
     return t;
 }
 
+// The object model's storage class of a field (Kitra::Storage), as its record will describe it.
+std::string StorageName(const Field& f) {
+    Storage s = StorageOf(f.type, f.flags);
+    if (s != Storage::Scalar && s != Storage::Enum) return "Slot";
+    bool optional = (f.flags & 2) != 0;
+    static const std::map<std::string, std::string> names = {
+        {"string", "String"}, {"typeName", "String"}, {"propertyPath", "String"}, {"int", "I32"},
+        {"long", "I64"},      {"short", "I16"},       {"byte", "I8"},           {"boolean", "Bool"},
+        {"float", "F32"},     {"double", "F64"},      {"dateTime", "Date"}};
+    std::string base = f.type.primitive.empty() ? "I32" : names.at(f.type.primitive);
+    return optional ? "Opt" + base : base;
+}
+
 std::string AccessorStem(const Field& f) { return f.accessor.empty() ? Capitalize(f.name) : f.accessor; }
 
 std::string GetterName(const Field& f) {
@@ -353,7 +366,7 @@ void ModuleEmitter::EmitDataClass(Printer& p, const TypeDecl* t) {
         p.Print("    bool _EqualFields(const ::Kitra::DataObject* other, bool partial) const override;\n"
                 "    void _DiffFields(const ::Kitra::DataObject* other, const std::string& prefix,\n"
                 "                     ::Kitra::PropertyDiffSet& diffs) const override;\n"
-                "\nprivate:\n    static const uint32_t _kOffsets[];\n");
+                "\nprivate:\n    static const ::Kitra::FieldDesc _kFields[];\n");
         for (const auto& f : t->fields) {
             FieldTypes ft = TypesOf(f);
             bool scalar = ft.storage == Storage::Enum ||
@@ -492,10 +505,11 @@ void ModuleEmitter::EmitDataSource(Printer& p, const TypeDecl* t) {
             {{"q", q}, {"id", id}});
 
     if (hasFields) {
-        p.Print("const uint32_t $q$::_kOffsets[] = {", {{"q", q}});
+        p.Print("const ::Kitra::FieldDesc $q$::_kFields[] = {\n", {{"q", q}});
         for (size_t i = 0; i < t->fields.size(); ++i)
-            p.Print("$sep$offsetof($q$, $m$)", {{"sep", i ? ", " : ""}, {"q", q}, {"m", MemberName(t->fields[i])}});
-        p.Print("};\nconst ::Kitra::FieldLayout $q$::_kLayout = {kP_$id$, _kOffsets, $n$};\n\n",
+            p.Print("    {offsetof($q$, $m$), ::Kitra::Storage::$s$},\n",
+                    {{"q", q}, {"m", MemberName(t->fields[i])}, {"s", StorageName(t->fields[i])}});
+        p.Print("};\nconst ::Kitra::FieldLayout $q$::_kLayout = {kP_$id$, _kFields, $n$};\n\n",
                 {{"q", q}, {"id", id}, {"n", std::to_string(t->fields.size())}});
     }
     std::string base = BaseClass(t);

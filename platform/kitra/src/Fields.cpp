@@ -63,12 +63,12 @@ using Fundix::System::DateTime;
 
 template <class T>
 T& At(void* object, const FieldLayout& layout, int index) {
-    return *reinterpret_cast<T*>(static_cast<char*>(object) + layout.offsets[index]);
+    return *reinterpret_cast<T*>(static_cast<char*>(object) + layout.fields[index].offset);
 }
 
 template <class T>
 const T& At(const void* object, const FieldLayout& layout, int index) {
-    return *reinterpret_cast<const T*>(static_cast<const char*>(object) + layout.offsets[index]);
+    return *reinterpret_cast<const T*>(static_cast<const char*>(object) + layout.fields[index].offset);
 }
 
 bool InRange(const FieldLayout& layout, const void* object, int index) {
@@ -111,7 +111,7 @@ struct IsOptional<Optional<T>> : std::true_type {};
 
 void Get(const FieldLayout& layout, const void* object, int index, void* out) {
     if (!InRange(layout, object, index) || out == nullptr) return;
-    Dispatch(StorageOf(layout.properties[index]), [&](auto* tag) {
+    Dispatch(layout.fields[index].storage, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
         if constexpr (std::is_same_v<T, RefSlot>) {
             *static_cast<Fundix::Ref<Any>*>(out) = At<RefSlot>(object, layout, index).Get();
@@ -124,7 +124,7 @@ void Get(const FieldLayout& layout, const void* object, int index, void* out) {
 void Set(const FieldLayout& layout, void* object, int index, const void* in) {
     if (!InRange(layout, object, index) || in == nullptr) return;
     const PropertyTypeInfo& p = layout.properties[index];
-    Dispatch(StorageOf(p), [&](auto* tag) {
+    Dispatch(layout.fields[index].storage, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
         if constexpr (std::is_same_v<T, RefSlot>) {
             Any* value = static_cast<const Fundix::Ref<Any>*>(in)->Get();
@@ -144,7 +144,7 @@ bool IsSet(const FieldLayout& layout, const void* object, int index) {
         return array != nullptr && !array->IsEmpty();
     }
     if (!(p.flags & kFlagOptional)) return true;
-    return Dispatch(StorageOf(p), [&](auto* tag) -> bool {
+    return Dispatch(layout.fields[index].storage, [&](auto* tag) -> bool {
         using T = std::remove_pointer_t<decltype(tag)>;
         if constexpr (std::is_same_v<T, RefSlot>) {
             return At<RefSlot>(object, layout, index).Get() != nullptr;
@@ -169,7 +169,7 @@ bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool
     for (uint32_t i = 0; i < layout.count; ++i) {
         const PropertyTypeInfo& p = layout.properties[i];
         int index = static_cast<int>(i);
-        bool same = Dispatch(StorageOf(p), [&](auto* tag) -> bool {
+        bool same = Dispatch(layout.fields[i].storage, [&](auto* tag) -> bool {
             using T = std::remove_pointer_t<decltype(tag)>;
             if constexpr (std::is_same_v<T, RefSlot>) {
                 return AreEqualAnysInt(At<RefSlot>(mine, layout, index).Get(), At<RefSlot>(theirs, layout, index).Get(),
@@ -193,14 +193,15 @@ void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const
     for (uint32_t i = 0; i < layout.count; ++i) {
         const PropertyTypeInfo& p = layout.properties[i];
         int index = static_cast<int>(i);
-        std::string path = prefix + "." + p.name;
-        Dispatch(StorageOf(p), [&](auto* tag) {
+        // The path is built only where it is needed: at a difference, or to descend into a value.
+        Dispatch(layout.fields[i].storage, [&](auto* tag) {
             using T = std::remove_pointer_t<decltype(tag)>;
             if constexpr (std::is_same_v<T, RefSlot>) {
-                DiffAnyPropertiesInt(At<RefSlot>(mine, layout, index).Get(), At<RefSlot>(theirs, layout, index).Get(),
-                                     path, p.flags, diffs);
+                const Any* a = At<RefSlot>(mine, layout, index).Get();
+                const Any* b = At<RefSlot>(theirs, layout, index).Get();
+                if (a != b) DiffAnyPropertiesInt(a, b, prefix + "." + p.name, p.flags, diffs);
             } else {
-                if (!(At<T>(mine, layout, index) == At<T>(theirs, layout, index))) diffs.Add(path);
+                if (!(At<T>(mine, layout, index) == At<T>(theirs, layout, index))) diffs.Add(prefix + "." + p.name);
             }
         });
     }
@@ -210,7 +211,7 @@ unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
     unsigned size = 0;
     for (uint32_t i = 0; i < layout.count; ++i) {
         int index = static_cast<int>(i);
-        switch (StorageOf(layout.properties[i])) {
+        switch (layout.fields[i].storage) {
         case Storage::String: size += GetExtraSize(At<std::string>(object, layout, index), sizer); break;
         case Storage::OptString: {
             const auto& o = At<Optional<std::string>>(object, layout, index);

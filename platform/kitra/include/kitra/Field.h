@@ -52,10 +52,24 @@ public:
     void Store(Any* value);
 };
 
+// The storage class of a property, derived from its record.
+enum class Storage : uint8_t {
+    String, OptString, I32, OptI32, I64, OptI64, I16, OptI16, I8, OptI8,
+    Bool, OptBool, F32, OptF32, F64, OptF64, Date, OptDate, Slot,
+};
+Storage StorageOf(const PropertyTypeInfo& property);
+
+// One own field of a generated class: where it lies within the declaring class, and how it is stored
+// (what StorageOf says of its property record, worked out once by the generator).
+struct FieldDesc {
+    uint32_t offset;
+    Storage storage;
+};
+
 // How a generated class describes its own fields to the generic operations.
 struct FieldLayout {
     const PropertyTypeInfo* properties;
-    const uint32_t* offsets;  // byte offset of each own field within the declaring class
+    const FieldDesc* fields;
     uint32_t count;
 };
 
@@ -81,11 +95,5 @@ void NoInit(DataObject*, int);
 
 }  // namespace Fields
 
-// The storage class of a property, derived from its record.
-enum class Storage : uint8_t {
-    String, OptString, I32, OptI32, I64, OptI64, I16, OptI16, I8, OptI8,
-    Bool, OptBool, F32, OptF32, F64, OptF64, Date, OptDate, Slot,
-};
-Storage StorageOf(const PropertyTypeInfo& property);
 
 }  // namespace Kitra
