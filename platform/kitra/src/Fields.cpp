@@ -17,6 +17,13 @@ void RefSlot::Store(Any* value) {
     if (old != nullptr) old->DecRef();
 }
 
+ObjSlot::ObjSlot(const ObjSlot& other) : RefSlot() {
+    if (other.p_ != nullptr) {
+        p_ = other.p_->_Clone();
+        if (p_ != nullptr) p_->IncRef();
+    }
+}
+
 ArraySlot::ArraySlot(const ArraySlot& other) : RefSlot() {
     if (other.p_ != nullptr) {
         p_ = other.p_->_Clone();

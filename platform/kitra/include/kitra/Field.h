@@ -36,11 +36,12 @@ protected:
     Any* p_ = nullptr;
 };
 
-// A data object, managed-object reference or untyped value: a copy shares the value.
+// A data object, managed-object reference or untyped value: a copy holds a clone, so that a cloned record
+// shares nothing that its copy could change.
 class ObjSlot : public RefSlot {
 public:
     ObjSlot() = default;
-    ObjSlot(const ObjSlot& other) : RefSlot(other.p_) {}
+    ObjSlot(const ObjSlot& other);
 };
 
 // An array: a copy holds a clone, so that copies never share an array; storing null empties the array
