@@ -3,7 +3,7 @@
 # there; safe to run again.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev python3)
+packages=(cmake ninja-build g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3)
 if [[ "${MORPHEL_SETUP_EXTRA:-}" != "" ]]; then
     read -r -a extra <<<"$MORPHEL_SETUP_EXTRA"
     packages+=("${extra[@]}")
