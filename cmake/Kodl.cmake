@@ -3,7 +3,7 @@
 # Runs kodlgen over a library's interface definitions. Each definition file lies at
 # <root>/<module path>/types.kodl; its header and source land at
 # ${MORPHEL_GENERATED_DIR}/<library>/{include,src}/<module path>/types.{h,cpp}, where a module path
-# starting with "kodl" is written "kitra".
+# starting with "kodl" is written "kitra"; <library>/<library>Types.h includes every module.
 function(kodl_generate library)
     cmake_parse_arguments(ARG "" "OUT_SOURCES;ROOT" "OWN;IMPORTS" ${ARGN})
     set(out ${MORPHEL_GENERATED_DIR}/${library})
@@ -16,7 +16,7 @@ function(kodl_generate library)
         list(APPEND outputs ${out}/include/${dir}/types.h ${out}/src/${dir}/types.cpp)
         list(APPEND sources ${out}/src/${dir}/types.cpp)
     endforeach()
-    list(APPEND outputs ${out}/src/${library}_versions.cpp)
+    list(APPEND outputs ${out}/src/${library}_versions.cpp ${out}/include/${library}/${library}Types.h)
     list(APPEND sources ${out}/src/${library}_versions.cpp)
     set(import_args "")
     foreach(file IN LISTS ARG_IMPORTS)

@@ -1,0 +1,275 @@
+// The generated data-object classes: construction, copies, comparison, differences, size, the property
+// functions reached through the type, and who holds which reference.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <fundix/Exception.h>
+#include <kitra/Kitra.h>
+#include <morphel/types.h>
+
+namespace {
+
+using Bundle = Morphel::DiagnosticManager::TaskLogBundleInfo;
+using Content = Morphel::DiagnosticManager::BundleContent;
+using Live = Morphel::ComputerSpec::LiveComputerLocation;
+using ContentArray = Kitra::Array<Content>;
+
+Fundix::Ref<ContentArray> MakeContent(std::initializer_list<Content> values) {
+    Fundix::Ref<ContentArray> array(new ContentArray());
+    for (Content c : values) array->Append(c);
+    return array;
+}
+
+Fundix::Ref<Bundle> MakeBundle() {
+    auto content = MakeContent({Content::agentLogs, Content::serverLogs, Content::workerLogs});
+    return Fundix::Ref<Bundle>(new Bundle("bundle-1", Fundix::System::DateTime(2011, 5, 4, 3, 2, 1),
+                                          Morphel::DiagnosticManager::BundleFormat::zip, content.Get(), 1LL << 33, -7));
+}
+
+Fundix::Ref<Live> MakeLive(const std::string& host, Fundix::Optional<int32_t> port = {}) {
+    return Fundix::Ref<Live>(new Live(host, port, Fundix::Optional<std::string>("admin"), {}, "windowsOs", true, {}));
+}
+
+TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
+    Fundix::Ref<Bundle> empty(new Bundle());
+    EXPECT_EQ(empty->GetKey(), "");
+    EXPECT_EQ(empty->GetTimeCreated(), Fundix::System::DateTime());
+    EXPECT_EQ(empty->GetFormat(), Morphel::DiagnosticManager::BundleFormat::zip);
+    EXPECT_EQ(empty->GetContent(), nullptr);
+    EXPECT_EQ(empty->GetSize(), 0);
+    EXPECT_EQ(empty->GetCrc(), 0);
+
+    Fundix::Ref<Bundle> bundle = MakeBundle();
+    EXPECT_EQ(bundle->GetKey(), "bundle-1");
+    EXPECT_EQ(bundle->GetSize(), 1LL << 33);
+    EXPECT_EQ(bundle->GetCrc(), -7);
+    ContentArray* content = bundle->GetContent();
+    ASSERT_NE(content, nullptr);
+    EXPECT_EQ(content->GetRefCount(), 1);  // the record's reference only
+    EXPECT_EQ(content->GetValues(), (std::vector<Content>{Content::agentLogs, Content::serverLogs, Content::workerLogs}));
+
+    // A clone holds a clone of the array.
+    Fundix::Ref<Bundle> copy(bundle->_Clone());
+    ASSERT_NE(copy->GetContent(), nullptr);
+    EXPECT_NE(copy->GetContent(), content);
+    EXPECT_TRUE(copy->_IsEqual(bundle.Get(), false));
+    copy->GetContent()->Append(Content::clientLogs);
+    EXPECT_EQ(content->GetLength(), 3u);
+    EXPECT_FALSE(copy->_IsEqual(bundle.Get(), false));
+
+    // Null empties the held array in place; the property then counts as not set.
+    Kitra::DataObjectType* type = bundle->_GetDataType();
+    const int contentIndex = type->FindProperty("content");
+    ASSERT_EQ(contentIndex, 3);
+    EXPECT_TRUE(type->IsPropertySet(bundle.Get(), contentIndex));
+    bundle->SetContent(nullptr);
+    EXPECT_EQ(bundle->GetContent(), content);
+    EXPECT_TRUE(content->IsEmpty());
+    EXPECT_FALSE(type->IsPropertySet(bundle.Get(), contentIndex));
+    EXPECT_FALSE(type->IsPropertySet(empty.Get(), contentIndex));
+    EXPECT_TRUE(type->IsPropertySet(empty.Get(), type->FindProperty("crc")));
+
+    // A new array replaces the old one and releases it.
+    Fundix::Ref<ContentArray> old(content);
+    auto fresh = MakeContent({Content::sysinfoLogs});
+    bundle->SetContent(fresh.Get());
+    EXPECT_EQ(old->GetRefCount(), 1);
+    EXPECT_EQ(fresh->GetRefCount(), 2);
+    bundle.Reset();
+    EXPECT_EQ(fresh->GetRefCount(), 1);
+}
+
+TEST(DataObjectTest, EqualityAcrossClassesAndPartialComparison) {
+    auto withPort = MakeLive("src", 902);
+    auto withoutPort = MakeLive("src");
+    EXPECT_FALSE(withPort->_IsEqual(withoutPort.Get(), false));
+    EXPECT_TRUE(withPort->_IsEqual(withoutPort.Get(), true));
+    EXPECT_FALSE(withoutPort->_IsEqual(withPort.Get(), true));
+    EXPECT_FALSE(withPort->_IsEqual(MakeLive("src", 903).Get(), true));
+    EXPECT_FALSE(withPort->_IsEqual(MakeLive("other", 902).Get(), true));  // required: never forgiven
+
+    // Same fields, other class: never equal, in either direction.
+    Fundix::Ref<Morphel::ComputerSpec::HostedVmLocation> hosted(
+        new Morphel::ComputerSpec::HostedVmLocation("/vm/a.cfg", {}, {}, {}, {}));
+    Fundix::Ref<Morphel::ComputerSpec::TarnHostedVmLocation> tarn(
+        new Morphel::ComputerSpec::TarnHostedVmLocation("/vm/a.cfg", {}, {}, {}, {}));
+    EXPECT_FALSE(hosted->_IsEqual(tarn.Get(), false));
+    EXPECT_FALSE(tarn->_IsEqual(hosted.Get(), true));
+    Fundix::Ref<Morphel::ComputerSpec::HyperVComputerLocation> hyperV(
+        new Morphel::ComputerSpec::HyperVComputerLocation("src", 902, Fundix::Optional<std::string>("admin"), {}, {},
+                                                          {}, true, {}));
+    EXPECT_FALSE(withPort->_IsEqual(hyperV.Get(), true));
+    Fundix::Ref<Morphel::UserSession> session(new Morphel::UserSession());
+    EXPECT_FALSE(MakeBundle()->_IsEqual(session.Get(), false));
+    EXPECT_FALSE(session->_IsEqual(nullptr, true));
+
+    // Records are compared by value, through their fields.
+    Fundix::Ref<Morphel::ComputerSpec> a(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
+    Fundix::Ref<Morphel::ComputerSpec> b(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
+    EXPECT_TRUE(a->_IsEqual(b.Get(), false));
+    b->SetLocation(withoutPort.Get());
+    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
+    EXPECT_TRUE(a->_IsEqual(b.Get(), true));
+}
+
+TEST(DataObjectTest, DifferencePaths) {
+    auto mine = MakeBundle();
+    Fundix::Ref<Bundle> theirs(mine->_Clone());
+    Kitra::PropertyDiffSet diffs;
+    mine->_DiffProperties(theirs.Get(), "", diffs);
+    EXPECT_TRUE(diffs.Empty());
+
+    theirs->SetCrc(1);
+    theirs->GetContent()->Append(Content::clientLogs);
+    mine->_DiffProperties(theirs.Get(), "", diffs);
+    EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{".content", ".crc"}));
+    diffs.Clear();
+    mine->_DiffProperties(theirs.Get(), "bundle", diffs);
+    EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{"bundle.content", "bundle.crc"}));
+
+    // Records of one class are descended into; a change of class stops at the field.
+    Fundix::Ref<Morphel::ComputerSpec> a(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
+    Fundix::Ref<Morphel::ComputerSpec> b(new Morphel::ComputerSpec(MakeLive("dst").Get()));
+    diffs.Clear();
+    a->_DiffProperties(b.Get(), "", diffs);
+    EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{".location.hostname", ".location.port"}));
+    Fundix::Ref<Morphel::ComputerSpec::HostedVmLocation> hosted(
+        new Morphel::ComputerSpec::HostedVmLocation("/vm/a.cfg", {}, {}, {}, {}));
+    b->SetLocation(hosted.Get());
+    diffs.Clear();
+    a->_DiffProperties(b.Get(), "", diffs);
+    EXPECT_EQ(diffs.Paths(), std::vector<std::string>{".location"});
+}
+
+std::vector<unsigned> gRequested;
+unsigned CountingSizer(unsigned size) {
+    gRequested.push_back(size);
+    return size + 8;
+}
+
+TEST(DataObjectTest, SizeCountsStringBuffersAndHeldObjects) {
+    using Login = Morphel::DovraConnectionSpec::LoginDovraCredentials;
+    const unsigned own = sizeof(Login) + 8;
+    auto zeros = [] { return std::count(gRequested.begin(), gRequested.end(), 0u); };
+
+    Fundix::Ref<Login> login(new Login(std::string(15, 'u'), "pw"));
+    gRequested.clear();
+    EXPECT_EQ(login->_GetSize(&CountingSizer), own + 8 + 8);  // both strings inside the object
+    EXPECT_EQ(zeros(), 2);
+
+    login->SetUsername(std::string(16, 'u'));
+    const unsigned capacity = static_cast<unsigned>(login->GetUsername().capacity());
+    gRequested.clear();
+    EXPECT_EQ(login->_GetSize(&CountingSizer), own + (capacity + 8) + 8);
+    EXPECT_EQ(zeros(), 1);
+
+    auto live = MakeLive("src", 902);
+    Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(live.Get()));
+    EXPECT_EQ(spec->_GetSize(&CountingSizer), sizeof(Morphel::ComputerSpec) + 8 + live->_GetSize(&CountingSizer));
+    // An optional string that is set holds a string object of its own.
+    auto bare = MakeLive("src");
+    bare->UnsetUsername();
+    EXPECT_EQ(live->_GetSize(&Kitra::IdentitySizer) - bare->_GetSize(&Kitra::IdentitySizer), sizeof(std::string));
+}
+
+TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
+    Kitra::DataObjectType* type = Kitra::GetType<Live>()->AsDataObjectType();
+    ASSERT_NE(type, nullptr);
+    std::vector<std::string> names;
+    for (const auto& p : type->GetProperties()) names.emplace_back(p.info->name);
+    EXPECT_EQ(names, (std::vector<std::string>{"hostname", "port", "username", "password", "osType", "verifyPeer",
+                                               "sslThumbprint"}));
+
+    auto live = MakeLive("src");
+    auto host = type->GetPropertyValue(live.Get(), 0);
+    ASSERT_NE(dynamic_cast<Kitra::Primitive<std::string>*>(host.Get()), nullptr);
+    EXPECT_EQ(static_cast<Kitra::Primitive<std::string>*>(host.Get())->GetValue(), "src");
+
+    const int port = type->FindProperty("port");
+    EXPECT_FALSE(type->IsPropertySet(live.Get(), port));
+    EXPECT_FALSE(type->GetPropertyValue(live.Get(), port));
+    Fundix::Ref<Kitra::Any> p902(new Kitra::Primitive<int32_t>(902));
+    type->SetPropertyValue(live.Get(), port, p902.Get());
+    EXPECT_EQ(live->GetPort(), 902);
+    EXPECT_TRUE(type->IsPropertySet(live.Get(), port));
+    type->SetPropertyValue(live.Get(), port, nullptr);
+    EXPECT_FALSE(live->GetPort().IsSet());
+    EXPECT_TRUE(type->IsPropertySet(live.Get(), type->FindProperty("osType")));
+
+    // Another class, or a value of another type, is refused.
+    Fundix::Ref<Morphel::UserSession> session(new Morphel::UserSession());
+    Fundix::Ref<Kitra::Any> text(new Kitra::Primitive<std::string>("x"));
+    EXPECT_THROW(type->GetPropertyValue(session.Get(), 0), Fundix::TypeMismatchException);
+    EXPECT_THROW(type->SetPropertyValue(session.Get(), 0, text.Get()), Fundix::TypeMismatchException);
+    EXPECT_THROW(type->IsPropertySet(session.Get(), port), Fundix::TypeMismatchException);
+    EXPECT_THROW(type->SetPropertyValue(live.Get(), port, text.Get()), Fundix::TypeMismatchException);
+
+    // Inherited properties come first.
+    Kitra::DataObjectType* ovf = Kitra::GetType<Morphel::ComputerSpec::OvfVmLocation>()->AsDataObjectType();
+    EXPECT_EQ(ovf->FindProperty("configFilePath"), 0);
+    EXPECT_EQ(ovf->FindProperty("propertyMapping"), 6);
+    EXPECT_EQ(ovf->GetProperties().size(), 7u);
+
+    // Enumerations travel as boxes of their own type.
+    auto bundle = MakeBundle();
+    Kitra::DataObjectType* bundleType = bundle->_GetDataType();
+    const int format = bundleType->FindProperty("format");
+    auto box = bundleType->GetPropertyValue(bundle.Get(), format);
+    auto* formatBox = dynamic_cast<Kitra::EnumBox*>(box.Get());
+    ASSERT_NE(formatBox, nullptr);
+    EXPECT_EQ(formatBox->_GetType(), Kitra::GetType<Morphel::DiagnosticManager::BundleFormat>());
+    Fundix::Ref<Kitra::Any> contentBox(new Kitra::Primitive<Content>(Content::agentLogs));
+    EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), format, contentBox.Get()), Fundix::TypeMismatchException);
+    auto contentValue = bundleType->GetPropertyValue(bundle.Get(), bundleType->FindProperty("content"));
+    EXPECT_EQ(contentValue.Get(), bundle->GetContent());
+
+    // A record field takes any subclass of its type, and nothing else.
+    Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
+    Kitra::DataObjectType* specType = spec->_GetDataType();
+    specType->SetPropertyValue(spec.Get(), 0, live.Get());
+    EXPECT_EQ(spec->GetLocation(), live.Get());
+    EXPECT_THROW(specType->SetPropertyValue(spec.Get(), 0, session.Get()), Fundix::TypeMismatchException);
+}
+
+TEST(DataObjectTest, ReferencesTakenAndReleased) {
+    auto first = MakeLive("a");
+    auto second = MakeLive("b");
+    {
+        Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(first.Get()));
+        EXPECT_EQ(first->GetRefCount(), 2);
+        spec->SetLocation(second.Get());
+        EXPECT_EQ(first->GetRefCount(), 1);
+        EXPECT_EQ(second->GetRefCount(), 2);
+        spec->SetLocation(second.Get());  // the same value again
+        EXPECT_EQ(second->GetRefCount(), 2);
+        // A clone shares record fields.
+        Fundix::Ref<Morphel::ComputerSpec> clone(spec->_Clone());
+        EXPECT_EQ(clone->GetLocation(), second.Get());
+        EXPECT_EQ(second->GetRefCount(), 3);
+    }
+    EXPECT_EQ(second->GetRefCount(), 1);
+
+    Fundix::Ref<Morphel::DovraConnectionSpec> connection(
+        new Morphel::DovraConnectionSpec("vc", 443, new Morphel::DovraConnectionSpec::LoginDovraCredentials("u", "p"),
+                                         {}, {}));
+    Fundix::Ref<Kitra::MoRef> vm(new Kitra::MoRef("dovra.VirtualMachine", "vm-12"));
+    {
+        Fundix::Ref<Morphel::ComputerSpec::ManagedVmLocation> one(
+            new Morphel::ComputerSpec::ManagedVmLocation(connection.Get(), vm.Get(), {}, {}));
+        Fundix::Ref<Morphel::ComputerSpec::ManagedVmLocation> two(
+            new Morphel::ComputerSpec::ManagedVmLocation(connection.Get(), nullptr, {}, {}));
+        EXPECT_EQ(connection->GetRefCount(), 3);
+        EXPECT_EQ(vm->GetRefCount(), 2);
+        EXPECT_EQ(connection->GetCredentials()->GetRefCount(), 1);
+        EXPECT_EQ(one->GetVm(), vm.Get());
+        one->UnsetVm();
+        EXPECT_EQ(one->GetVm(), nullptr);
+        EXPECT_EQ(vm->GetRefCount(), 1);
+    }
+    EXPECT_EQ(connection->GetRefCount(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,193 @@
+// Faults as exceptions: raising, catching along the class chain, copies, and faults as values.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <typeinfo>
+
+#include <fundix/Exception.h>
+#include <kitra/Kitra.h>
+#include <morphel/agent/internal/fault/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/info/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+namespace MF = Morphel::Fault;
+namespace AF = Morphel::Agent::Internal::Fault;
+
+// Raises `fault` through its base pointer and reports whether a handler for H caught it.
+template <class H>
+bool CaughtAs(Kitra::MethodFault* fault) {
+    try {
+        fault->Throw();
+    } catch (H&) {
+        return true;
+    } catch (...) {
+        return false;
+    }
+    return false;
+}
+
+TEST(FaultTest, RaisedThroughTheBaseAndCaughtAlongTheChain) {
+    Fundix::Ref<Kitra::MethodFault> fault(new MF::FileNotFound("/etc/missing.cfg"));
+    EXPECT_TRUE(CaughtAs<MF::FileNotFound::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<MF::MorphelFileFault::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<MF::MorphelFault::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<Kitra::RuntimeFault::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<Kitra::MethodFault::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<Fundix::Exception>(fault.Get()));
+    EXPECT_TRUE(CaughtAs<std::exception>(fault.Get()));
+    EXPECT_FALSE(CaughtAs<MF::InsufficientDiskSpace::Exception>(fault.Get()));
+    EXPECT_FALSE(CaughtAs<MF::FileIOFault::Exception>(fault.Get()));
+    EXPECT_EQ(fault->GetRefCount(), 1);
+
+    std::unique_ptr<Fundix::Exception> kept;
+    try {
+        fault->Throw();
+    } catch (MF::MorphelFault::Exception& e) {
+        EXPECT_STREQ(e.what(), "morphel.fault.FileNotFound");
+        EXPECT_EQ(e.GetFault(), fault.Get());
+        EXPECT_EQ(fault->GetRefCount(), 2);
+        kept.reset(e.Clone());
+        EXPECT_EQ(fault->GetRefCount(), 3);
+    }
+    EXPECT_EQ(fault->GetRefCount(), 2);  // the clone still holds it
+    ASSERT_NE(kept, nullptr);
+    try {
+        kept->Throw();
+    } catch (MF::FileNotFound::Exception& e) {
+        EXPECT_EQ(e.GetFault(), fault.Get());
+        EXPECT_EQ(e.GetFault()->GetFile(), "/etc/missing.cfg");
+    } catch (...) {
+        ADD_FAILURE() << "the clone lost its most-derived type";
+    }
+    kept.reset();
+    EXPECT_EQ(fault->GetRefCount(), 1);
+
+    std::unique_ptr<Kitra::MethodFault::Exception> created(fault->CreateException());
+    ASSERT_NE(created, nullptr);
+    EXPECT_EQ(typeid(*created), typeid(MF::FileNotFound::Exception));
+    EXPECT_EQ(created->GetFault(), fault.Get());
+    EXPECT_EQ(fault->GetRefCount(), 2);
+    created.reset();
+    EXPECT_EQ(fault->GetRefCount(), 1);
+
+    // The building constructor makes a fault that the exception alone holds.
+    MF::FileNotFound::Exception built("/tmp/x");
+    ASSERT_NE(built.GetFault(), nullptr);
+    EXPECT_EQ(built.GetFault()->GetFile(), "/tmp/x");
+    EXPECT_EQ(built.GetFault()->GetRefCount(), 1);
+    MF::FileNotFound::Exception copy(built);
+    EXPECT_EQ(copy.GetFault(), built.GetFault());
+    EXPECT_EQ(built.GetFault()->GetRefCount(), 2);
+    EXPECT_STREQ(copy.what(), "morphel.fault.FileNotFound");
+}
+
+TEST(FaultTest, FaultsOutsideTheProgramRoot) {
+    Fundix::Ref<Kitra::MethodFault> propertyInfo(new MF::PropertyInfoFault());
+    EXPECT_FALSE(CaughtAs<Kitra::RuntimeFault::Exception>(propertyInfo.Get()));
+    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(propertyInfo.Get()));
+    EXPECT_TRUE(CaughtAs<Kitra::MethodFault::Exception>(propertyInfo.Get()));
+    EXPECT_TRUE(CaughtAs<MF::PropertyInfoFault::Exception>(propertyInfo.Get()));
+
+    Fundix::Ref<Kitra::MethodFault> platform(new AF::PlatformError(5));
+    EXPECT_TRUE(CaughtAs<Kitra::RuntimeFault::Exception>(platform.Get()));
+    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(platform.Get()));
+    try {
+        platform->Throw();
+    } catch (AF::PlatformError::Exception& e) {
+        EXPECT_EQ(e.GetFault()->GetErrCode(), 5);
+        EXPECT_STREQ(e.what(), "morphel.agent.internal.fault.PlatformError");
+    }
+
+    Fundix::Ref<Kitra::MethodFault> root(new MF::MorphelFault());
+    EXPECT_TRUE(CaughtAs<MF::MorphelFault::Exception>(root.Get()));
+    EXPECT_FALSE(CaughtAs<MF::FileNotFound::Exception>(root.Get()));
+    EXPECT_STREQ(Kitra::GetType<MF::MorphelFault>()->GetBaseType()->GetName(), "kodl.RuntimeFault");
+    EXPECT_STREQ(Kitra::GetType<MF::PropertyInfoFault>()->GetBaseType()->GetName(), "kodl.MethodFault");
+    EXPECT_STREQ(Kitra::GetType<AF::PlatformError>()->GetBaseType()->GetName(), "kodl.RuntimeFault");
+}
+
+TEST(FaultTest, FamiliesCatchTheirMembers) {
+    Fundix::Ref<Kitra::MethodFault> agent(new MF::NoHostConnectionFromAgent("agent-host"));
+    EXPECT_TRUE(CaughtAs<MF::NoHostConnection::Exception>(agent.Get()));
+    EXPECT_TRUE(CaughtAs<MF::ConnectionFault::Exception>(agent.Get()));
+    try {
+        agent->Throw();
+    } catch (MF::ConnectionFault::Exception& e) {
+        auto* raised = dynamic_cast<MF::NoHostConnectionFromAgent*>(e.GetFault());
+        ASSERT_NE(raised, nullptr);
+        EXPECT_EQ(raised->GetHostName(), "agent-host");
+    }
+
+    Fundix::Ref<Kitra::MethodFault> scsi(new AF::NoAttachPointForDiskMigratedToScsi());
+    EXPECT_TRUE(CaughtAs<AF::InsufficientScsiAttachPoints::Exception>(scsi.Get()));
+    EXPECT_TRUE(CaughtAs<AF::InsufficientMassStorageBusAttachPoints::Exception>(scsi.Get()));
+    EXPECT_TRUE(CaughtAs<MF::MorphelFault::Exception>(scsi.Get()));
+    EXPECT_FALSE(CaughtAs<AF::InsufficientIdeAttachPoints::Exception>(scsi.Get()));
+
+    Fundix::Ref<MF::OvfImportSourceNotFound> ovf(new MF::OvfImportSourceNotFound("pkg.ovf"));
+    EXPECT_EQ(ovf->GetSource(), "pkg.ovf");
+    EXPECT_TRUE(CaughtAs<MF::ImportSourceNotFound::Exception>(ovf.Get()));
+    EXPECT_TRUE(CaughtAs<MF::ImportSourceFault::Exception>(ovf.Get()));
+    Fundix::Ref<Kitra::MethodFault> notAdmin(new MF::ImportSourceLiveNotAdmin());
+    EXPECT_TRUE(CaughtAs<MF::ImportSourceNoPermission::Exception>(notAdmin.Get()));
+    EXPECT_EQ(Kitra::GetType<MF::ImportSourceLiveNotAdmin>()->GetBaseType(),
+              Kitra::GetType<MF::ImportSourceNoPermission>());
+}
+
+TEST(FaultTest, FaultsAsValues) {
+    Fundix::Ref<MF::SysinfoQueryNotRootFault> a(new MF::SysinfoQueryNotRootFault("query failed", "alice"));
+    Fundix::Ref<MF::SysinfoQueryNotRootFault> b(new MF::SysinfoQueryNotRootFault("query failed", "bob"));
+    EXPECT_EQ(a->GetDescription(), "query failed");
+    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
+    EXPECT_FALSE(a->_IsEqual(b.Get(), true));
+    Fundix::Ref<MF::SysinfoQueryNotRootFault> clone(a->_Clone());
+    EXPECT_TRUE(a->_IsEqual(clone.Get(), false));
+    Kitra::PropertyDiffSet diffs;
+    a->_DiffProperties(b.Get(), "", diffs);
+    EXPECT_EQ(diffs.Paths(), std::vector<std::string>{".userName"});
+
+    // Same fields, unrelated classes.
+    Fundix::Ref<AF::ParamValidationError> param(new AF::ParamValidationError("name", "too long"));
+    Fundix::Ref<AF::CustomizationSysprepFault> sysprep(new AF::CustomizationSysprepFault("name", "too long"));
+    EXPECT_FALSE(param->_IsEqual(sysprep.Get(), false));
+    EXPECT_FALSE(sysprep->_IsEqual(param.Get(), true));
+    diffs.Clear();
+    param->_DiffProperties(sysprep.Get(), "error", diffs);
+    EXPECT_EQ(diffs.Paths(), std::vector<std::string>{"error"});
+
+    // Optional text fields stay unset until given.
+    Fundix::Ref<MF::DescriptionTooLong> tooLong(new MF::DescriptionTooLong());
+    EXPECT_FALSE(tooLong->GetDescription().IsSet());
+    Fundix::Ref<MF::CloneFault> cloneFault(new MF::CloneFault());
+    EXPECT_EQ(cloneFault->GetDescription(), "");
+
+    // Array fields are cloned with the fault, record elements included.
+    auto* chain = new Kitra::DataArray<Morphel::SSLCertificateData>();
+    auto* bytes = new Kitra::Array<int8_t>();
+    bytes->Append(static_cast<int8_t>(0x30));
+    chain->Append(new Morphel::SSLCertificateData(bytes));
+    Fundix::Ref<MF::SSLVerificationFault> ssl(new MF::SSLVerificationFault(true, "AB:CD", "self signed", {}, chain));
+    Fundix::Ref<MF::SSLVerificationFault> sslCopy(ssl->_Clone());
+    ASSERT_NE(sslCopy->GetCertificateChain(), nullptr);
+    EXPECT_NE(sslCopy->GetCertificateChain(), chain);
+    EXPECT_NE(sslCopy->GetCertificateChain()->Get(0), chain->Get(0));
+    EXPECT_TRUE(ssl->_IsEqual(sslCopy.Get(), false));
+    sslCopy->SetErrorFlags(int64_t{1} << 40);
+    EXPECT_FALSE(ssl->_IsEqual(sslCopy.Get(), false));
+    EXPECT_FALSE(ssl->_IsEqual(sslCopy.Get(), true));  // set on the other side: not forgiven
+
+    // A record that stores a fault holds its own reference.
+    Fundix::Ref<Morphel::Task::TaskInfo> task(new Morphel::Task::TaskInfo());
+    task->SetError(a.Get());
+    EXPECT_EQ(a->GetRefCount(), 2);
+    EXPECT_EQ(task->GetError(), a.Get());
+    task.Reset();
+    EXPECT_EQ(a->GetRefCount(), 1);
+}
+
+}  // namespace

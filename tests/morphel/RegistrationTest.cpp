@@ -1,0 +1,222 @@
+// What the library leaves in the process-wide maps once it is loaded.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <kitra/Kitra.h>
+#include <morphel/fault/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace Frame {
+extern const VersionTable gMorphelVersions;
+}
+
+namespace {
+
+const std::string kSourcePrefix = "sysimage/kodl/morphel/";
+
+std::map<std::string, const Kitra::Module*> MorphelModules() {
+    std::map<std::string, const Kitra::Module*> modules;
+    for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules())
+        if (m->source.rfind(kSourcePrefix, 0) == 0) modules[m->source.substr(kSourcePrefix.size())] = m;
+    return modules;
+}
+
+TEST(RegistrationTest, ModulesHoldTheirTypesInCatalogueOrder) {
+    struct Row {
+        const char* path;  // between the common prefix and "/types"; empty for the root module
+        size_t types;
+        size_t enumerations;
+    };
+    const Row rows[] = {
+        {"", 32, 4},           {"agent", 7, 0},          {"agent/helper", 9, 0},     {"agent/params", 6, 0},
+        {"agent/task", 1, 0},  {"agent/internal", 76, 4}, {"agent/internal/fault", 26, 0},
+        {"event", 185, 1},     {"internal", 3, 0},       {"fault", 142, 0},          {"info", 56, 14},
+        {"ovf", 10, 0},        {"params", 39, 5},        {"propertyInfo", 31, 0},    {"server", 7, 2},
+        {"server/conversion", 8, 0}, {"server/job", 11, 3}, {"server/protection", 15, 2},
+        {"tallow", 7, 1},      {"worker", 4, 0},         {"task", 17, 2},
+    };
+    const auto modules = MorphelModules();
+    EXPECT_EQ(modules.size(), 21u);
+
+    size_t managed = 0;
+    size_t enumerations = 0;
+    std::set<const Kitra::Type*> seen;
+    for (const Row& row : rows) {
+        const std::string path = std::string(row.path);
+        const std::string source = path.empty() ? "types" : path + "/types";
+        SCOPED_TRACE(source);
+        auto it = modules.find(source);
+        ASSERT_NE(it, modules.end());
+        const auto& types = it->second->types;
+        EXPECT_EQ(types.size(), row.types);
+
+        // Managed types first, enumerations last, data objects and faults between them.
+        auto rank = [](const Kitra::Type* t) {
+            return t->GetKind() == Kitra::kKindManaged ? 0 : t->GetKind() == Kitra::kKindEnum ? 2 : 1;
+        };
+        EXPECT_TRUE(std::is_sorted(types.begin(), types.end(),
+                                   [&](const Kitra::Type* a, const Kitra::Type* b) { return rank(a) < rank(b); }));
+
+        std::string wirePrefix = "morphel.";
+        for (char c : path) wirePrefix += c == '/' ? '.' : c;
+        if (!path.empty()) wirePrefix += '.';
+        size_t moduleEnumerations = 0;
+        for (const Kitra::Type* t : types) {
+            EXPECT_TRUE(seen.insert(t).second) << t->GetName() << " registered in two modules";
+            EXPECT_EQ(std::string(t->GetName()).rfind(wirePrefix, 0), 0u) << t->GetName();
+            EXPECT_EQ(Kitra::GetTypeMap()->GetType(t->GetName()), t);
+            EXPECT_EQ(Kitra::GetTypeMap()->GetTypeByWsdlName(t->GetWsdlName()), t) << t->GetWsdlName();
+            if (t->GetKind() == Kitra::kKindEnum) ++moduleEnumerations;
+            if (t->GetKind() == Kitra::kKindManaged) ++managed;
+            if (path.ends_with("fault")) {
+                EXPECT_EQ(t->GetKind(), Kitra::kKindFault) << t->GetName();
+            }
+        }
+        EXPECT_EQ(moduleEnumerations, row.enumerations);
+        enumerations += moduleEnumerations;
+    }
+    EXPECT_EQ(managed, 31u);
+    EXPECT_EQ(enumerations, 38u);
+}
+
+TEST(RegistrationTest, VersionsAndTheirInclusions) {
+    const Kitra::VersionMap* map = Kitra::GetVersionMap();
+    const auto versions = map->GetVersions();
+    EXPECT_EQ(versions.size(), 28u);
+    for (const Kitra::Version* v : versions) {
+        EXPECT_FALSE(v->flag1) << v->name;
+        EXPECT_FALSE(v->flag2) << v->name;
+        EXPECT_EQ(v->taskType, "dovra.Task") << v->name;
+        EXPECT_TRUE(map->IsIncluded(v->name, v->name)) << v->name << " does not include itself";
+    }
+
+    struct Row {
+        const char* name;
+        const char* wireNamespace;
+        const char* versionString;
+        const char* serviceNamespace;
+    };
+    const Row rows[] = {
+        {"kodl.query.version.version1", "", "", "dovra25"}, {"kodl.query.version.version4", "", "", "dovra25"},
+        {"kodl.version.version0", "", "", "dovra25"},       {"kodl.version.version2", "", "", "dovra25"},
+        {"dovra.version.version1", "dovra2", "2.0", "dovra25"},
+        {"dovra.version.version3", "dovra25", "2.5u2", "dovra25"},
+        {"dovra.version.version4", "dovra25", "2.5u2server", "dovra25"},
+        {"dovra.version.version8", "dovra25", "5.1", "dovra25"},
+        {"kodl.reflect.version.version1", "reflect", "1.0", "reflect"},
+        {"morphel.version.version1", "morphel", "1.0", "morphel"},
+        {"morphel.version.version2", "morphel", "2.0", "morphel"},
+        {"morphel.version.version3", "morphel", "3.0", "morphel"},
+        {"morphel.version.version4", "morphel", "4.0", "morphel"},
+    };
+    for (const Row& row : rows) {
+        const Kitra::Version* v = map->GetVersion(row.name);
+        ASSERT_NE(v, nullptr) << row.name;
+        EXPECT_EQ(v->wireNamespace, row.wireNamespace) << row.name;
+        EXPECT_EQ(v->versionString, row.versionString) << row.name;
+        EXPECT_EQ(v->serviceNamespace, row.serviceNamespace) << row.name;
+    }
+
+    // The eight named feature versions of the base interface.
+    size_t features = 0;
+    for (const Kitra::Version* v : versions) {
+        if (v->name.rfind("dovra.version.", 0) != 0 || v->name.rfind("dovra.version.version", 0) == 0) continue;
+        ++features;
+        EXPECT_EQ(v->wireNamespace, "dovra25") << v->name;
+        EXPECT_TRUE(map->IsIncluded(v->name, "dovra.version.version5")) << v->name;
+    }
+    EXPECT_EQ(features, 8u);
+
+    const std::string q = "kodl.query.version.version", k = "kodl.version.version", d = "dovra.version.version",
+                      r1 = "kodl.reflect.version.version1", m = "morphel.version.version";
+    const std::map<std::string, std::vector<std::string>> includes = {
+        {m + "1", {q + "1", q + "2", k + "0", k + "1", d + "1", d + "2", d + "3", m + "1"}},
+        {m + "2", {q + "1", q + "2", q + "3", k + "0", k + "1", d + "1", d + "2", d + "3", d + "4", d + "5", d + "6",
+                   m + "1", m + "2"}},
+        {m + "3", {q + "1", q + "2", q + "3", q + "4", k + "0", k + "1", k + "2", d + "1", d + "2", d + "3", d + "4",
+                   d + "5", d + "6", d + "7", r1, m + "1", m + "2", m + "3"}},
+        {m + "4", {q + "1", q + "2", q + "3", q + "4", k + "0", k + "1", k + "2", d + "1", d + "2", d + "3", d + "4",
+                   d + "5", d + "6", d + "7", d + "8", r1, m + "1", m + "2", m + "3", m + "4"}},
+        {r1, {k + "0", k + "1", k + "2", r1}},
+        {d + "5", {q + "1", q + "2", k + "0", k + "1", d + "1", d + "2", d + "3", d + "4", d + "5"}},
+        {q + "3", {q + "1", q + "2", q + "3", k + "0", k + "1"}},
+    };
+    for (const auto& [name, expected] : includes) {
+        const Kitra::Version* v = map->GetVersion(name);
+        ASSERT_NE(v, nullptr) << name;
+        EXPECT_EQ(std::multiset<std::string>(v->includes.begin(), v->includes.end()),
+                  std::multiset<std::string>(expected.begin(), expected.end()))
+            << name;
+        if (name.rfind(m, 0) == 0) {
+            EXPECT_EQ(v->includes, expected) << name << ": order of addition";
+        }
+    }
+    EXPECT_TRUE(map->IsIncluded(m + "1", d + "3"));
+    EXPECT_FALSE(map->IsIncluded(m + "1", d + "4"));
+    EXPECT_FALSE(map->IsIncluded(m + "1", m + "2"));
+    EXPECT_FALSE(map->IsIncluded(m + "3", d + "8"));
+}
+
+struct Snapshot {
+    std::vector<std::pair<std::string, std::vector<std::string>>> versions;
+    std::vector<Kitra::Type*> types;
+    std::vector<std::pair<std::string, std::vector<Kitra::Type*>>> modules;
+
+    static Snapshot Take() {
+        Snapshot s;
+        for (const Kitra::Version* v : Kitra::GetVersionMap()->GetVersions()) s.versions.emplace_back(v->name, v->includes);
+        s.types = Kitra::GetTypeMap()->GetTypes();
+        for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules()) s.modules.emplace_back(m->source, m->types);
+        return s;
+    }
+    bool operator==(const Snapshot&) const = default;
+};
+
+Kitra::Type* (*const kSomeTypes[])() = {
+    &Kitra::GetType<Morphel::SessionManager>,
+    &Kitra::GetType<Morphel::ComputerSpec>,
+    &Kitra::GetType<Morphel::Task::TaskInfo>,
+    &Kitra::GetType<Morphel::Fault::FileNotFound>,
+    &Kitra::GetType<Morphel::Task::TaskInfo::State>,
+};
+
+TEST(RegistrationTest, RegisteringAgainChangesNothing) {
+    const Snapshot before = Snapshot::Take();
+    Frame::RegisterModule({"sysimage/kodl/morphel/types", 3655, &Frame::gMorphelVersions, kSomeTypes, 5});
+    Frame::RegisterModule({"sysimage/kodl/morphel/task/types", 100, &Frame::gMorphelVersions, kSomeTypes, 5});
+    for (auto get : kSomeTypes) Kitra::GetTypeMap()->AddType(get());
+    EXPECT_TRUE(Snapshot::Take() == before);
+}
+
+TEST(RegistrationTest, TypeLookupIsCached) {
+    Kitra::Type* type = Kitra::GetType<Morphel::ComputerSpec_LiveComputerLocation>();
+    ASSERT_NE(type, nullptr);
+    EXPECT_EQ(Kitra::GetType<Morphel::ComputerSpec::LiveComputerLocation>(), type);
+    EXPECT_EQ(Kitra::GetTypeMap()->GetType("morphel.ComputerSpec.LiveComputerLocation"), type);
+
+    Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation> live(new Morphel::ComputerSpec::LiveComputerLocation());
+    EXPECT_EQ(live->_GetType(), type);
+    EXPECT_EQ(live->_GetDataType(), type->AsDataObjectType());
+    EXPECT_EQ(live->_GetDataType(), live->_GetDataType());
+    EXPECT_EQ(type->GetBaseType(), Kitra::GetType<Morphel::ComputerSpec::ComputerLocation>());
+    EXPECT_EQ(Kitra::GetType<Morphel::ComputerSpec::ComputerLocation>()->GetBaseType(),
+              Kitra::GetType<Kitra::DynamicData>());
+
+    Fundix::Ref<Morphel::Fault::FileNotFound> fault(new Morphel::Fault::FileNotFound());
+    EXPECT_EQ(fault->_GetType(), Kitra::GetType<Morphel::Fault::FileNotFound>());
+    EXPECT_EQ(fault->_GetDataType(), fault->_GetType()->AsDataObjectType());
+
+    Kitra::Type* state = Kitra::GetType<Morphel::Task::TaskInfo::State>();
+    EXPECT_EQ(state, Kitra::GetType<Morphel::Task::TaskInfo_State>());
+    EXPECT_NE(state->AsEnumType(), nullptr);
+    EXPECT_EQ(state->AsDataObjectType(), nullptr);
+    EXPECT_STREQ(state->GetWsdlName(), "MorphelTaskInfoState");
+}
+
+}  // namespace
