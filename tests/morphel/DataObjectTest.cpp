@@ -8,6 +8,8 @@
 
 #include <fundix/Exception.h>
 #include <kitra/Kitra.h>
+#include <morphel/info/types.h>
+#include <morphel/params/types.h>
 #include <morphel/types.h>
 
 namespace {
@@ -106,6 +108,19 @@ TEST(DataObjectTest, EqualityAcrossClassesAndPartialComparison) {
     EXPECT_FALSE(MakeBundle()->_IsEqual(session.Get(), false));
     EXPECT_FALSE(session->_IsEqual(nullptr, true));
 
+    // Date-times compare by their instant, whatever the offset; 64-bit values on both halves.
+    Fundix::Ref<Morphel::UserSession> utc(new Morphel::UserSession());
+    utc->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 12, 0, 0, 0, 0));
+    Fundix::Ref<Morphel::UserSession> east(new Morphel::UserSession());
+    east->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 14, 0, 0, 0, 120));
+    EXPECT_TRUE(utc->_IsEqual(east.Get(), false));
+    east->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 12, 0, 0, 0, 120));
+    EXPECT_FALSE(utc->_IsEqual(east.Get(), false));
+    auto big = MakeBundle();
+    Fundix::Ref<Bundle> bigger(big->_Clone());
+    bigger->SetSize(big->GetSize() + (int64_t{1} << 40));
+    EXPECT_FALSE(big->_IsEqual(bigger.Get(), true));
+
     // Records are compared by value, through their fields.
     Fundix::Ref<Morphel::ComputerSpec> a(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
     Fundix::Ref<Morphel::ComputerSpec> b(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
@@ -167,8 +182,14 @@ TEST(DataObjectTest, SizeCountsStringBuffersAndHeldObjects) {
     EXPECT_EQ(zeros(), 1);
 
     auto live = MakeLive("src", 902);
-    Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(live.Get()));
-    EXPECT_EQ(spec->_GetSize(&CountingSizer), sizeof(Morphel::ComputerSpec) + 8 + live->_GetSize(&CountingSizer));
+    Fundix::Ref<Morphel::ComputerSpec> computer(new Morphel::ComputerSpec(live.Get()));
+    EXPECT_EQ(computer->_GetSize(&CountingSizer), sizeof(Morphel::ComputerSpec) + 8 + live->_GetSize(&CountingSizer));
+    // A base class's fields count once, through the base's own size.
+    Fundix::Ref<Morphel::ComputerSpec::OvfVmLocation> ovf(new Morphel::ComputerSpec::OvfVmLocation());
+    ovf->SetConfigFilePath(std::string(40, 'p'));
+    const unsigned pathCapacity = static_cast<unsigned>(ovf->GetConfigFilePath().capacity());
+    EXPECT_EQ(ovf->_GetSize(&CountingSizer), sizeof(Morphel::ComputerSpec::OvfVmLocation) + 8 + pathCapacity + 8);
+
     // An optional string that is set holds a string object of its own.
     auto bare = MakeLive("src");
     bare->UnsetUsername();
@@ -178,16 +199,7 @@ TEST(DataObjectTest, SizeCountsStringBuffersAndHeldObjects) {
 TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     Kitra::DataObjectType* type = Kitra::GetType<Live>()->AsDataObjectType();
     ASSERT_NE(type, nullptr);
-    std::vector<std::string> names;
-    for (const auto& p : type->GetProperties()) names.emplace_back(p.info->name);
-    EXPECT_EQ(names, (std::vector<std::string>{"hostname", "port", "username", "password", "osType", "verifyPeer",
-                                               "sslThumbprint"}));
-
     auto live = MakeLive("src");
-    auto host = type->GetPropertyValue(live.Get(), 0);
-    ASSERT_NE(dynamic_cast<Kitra::Primitive<std::string>*>(host.Get()), nullptr);
-    EXPECT_EQ(static_cast<Kitra::Primitive<std::string>*>(host.Get())->GetValue(), "src");
-
     const int port = type->FindProperty("port");
     EXPECT_FALSE(type->IsPropertySet(live.Get(), port));
     EXPECT_FALSE(type->GetPropertyValue(live.Get(), port));
@@ -206,6 +218,11 @@ TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     EXPECT_THROW(type->SetPropertyValue(session.Get(), 0, text.Get()), Fundix::TypeMismatchException);
     EXPECT_THROW(type->IsPropertySet(session.Get(), port), Fundix::TypeMismatchException);
     EXPECT_THROW(type->SetPropertyValue(live.Get(), port, text.Get()), Fundix::TypeMismatchException);
+    EXPECT_THROW(type->SetPropertyValue(live.Get(), 0, nullptr), Fundix::InvalidArgumentException);
+    // The record's own function ignores an index past its last property.
+    std::string untouched = "same";
+    type->GetDataTypeInfo()->getProperty(live.Get(), 7, &untouched);
+    EXPECT_EQ(untouched, "same");
 
     // Inherited properties come first.
     Kitra::DataObjectType* ovf = Kitra::GetType<Morphel::ComputerSpec::OvfVmLocation>()->AsDataObjectType();
@@ -226,29 +243,48 @@ TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     auto contentValue = bundleType->GetPropertyValue(bundle.Get(), bundleType->FindProperty("content"));
     EXPECT_EQ(contentValue.Get(), bundle->GetContent());
 
+    // An optional enumeration: set from a box, unset by null.
+    using Nic = Morphel::Params::NetworkParams::HostedNicParams;
+    using Connection = Morphel::Info::NetworkInfo::HostedNicInfo::ConnectionType;
+    Fundix::Ref<Nic> nic(new Nic());
+    Kitra::DataObjectType* nicType = nic->_GetDataType();
+    const int connection = nicType->FindProperty("connectionType");
+    EXPECT_FALSE(nicType->GetPropertyValue(nic.Get(), connection));
+    Fundix::Ref<Kitra::Any> nat(new Kitra::Primitive<Connection>(Connection::nat));
+    nicType->SetPropertyValue(nic.Get(), connection, nat.Get());
+    EXPECT_EQ(nic->GetConnectionType(), Connection::nat);
+    auto natBack = nicType->GetPropertyValue(nic.Get(), connection);
+    EXPECT_TRUE(natBack && natBack->_IsEqual(nat.Get(), false));
+    nicType->SetPropertyValue(nic.Get(), connection, nullptr);
+    EXPECT_FALSE(nic->GetConnectionType().IsSet());
+
     // A record field takes any subclass of its type, and nothing else.
-    Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
-    Kitra::DataObjectType* specType = spec->_GetDataType();
-    specType->SetPropertyValue(spec.Get(), 0, live.Get());
-    EXPECT_EQ(spec->GetLocation(), live.Get());
-    EXPECT_THROW(specType->SetPropertyValue(spec.Get(), 0, session.Get()), Fundix::TypeMismatchException);
+    Fundix::Ref<Morphel::ComputerSpec> computer(new Morphel::ComputerSpec());
+    Kitra::DataObjectType* computerType = computer->_GetDataType();
+    computerType->SetPropertyValue(computer.Get(), 0, live.Get());
+    EXPECT_EQ(computer->GetLocation(), live.Get());
+    EXPECT_THROW(computerType->SetPropertyValue(computer.Get(), 0, session.Get()), Fundix::TypeMismatchException);
 }
 
 TEST(DataObjectTest, ReferencesTakenAndReleased) {
     auto first = MakeLive("a");
     auto second = MakeLive("b");
     {
-        Fundix::Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(first.Get()));
+        Fundix::Ref<Morphel::ComputerSpec> computer(new Morphel::ComputerSpec(first.Get()));
         EXPECT_EQ(first->GetRefCount(), 2);
-        spec->SetLocation(second.Get());
+        computer->SetLocation(second.Get());
         EXPECT_EQ(first->GetRefCount(), 1);
         EXPECT_EQ(second->GetRefCount(), 2);
-        spec->SetLocation(second.Get());  // the same value again
+        computer->SetLocation(second.Get());  // the same value again
         EXPECT_EQ(second->GetRefCount(), 2);
-        // A clone shares record fields.
-        Fundix::Ref<Morphel::ComputerSpec> clone(spec->_Clone());
-        EXPECT_EQ(clone->GetLocation(), second.Get());
-        EXPECT_EQ(second->GetRefCount(), 3);
+        // A clone holds a clone of each record field, so changing it leaves the original alone.
+        Fundix::Ref<Morphel::ComputerSpec> clone(computer->_Clone());
+        ASSERT_NE(clone->GetLocation(), nullptr);
+        EXPECT_NE(clone->GetLocation(), second.Get());
+        EXPECT_TRUE(clone->GetLocation()->_IsEqual(second.Get(), false));
+        EXPECT_EQ(second->GetRefCount(), 2);
+        static_cast<Live*>(clone->GetLocation())->SetHostname("changed");
+        EXPECT_EQ(second->GetHostname(), "b");
     }
     EXPECT_EQ(second->GetRefCount(), 1);
 
@@ -270,6 +306,18 @@ TEST(DataObjectTest, ReferencesTakenAndReleased) {
         EXPECT_EQ(vm->GetRefCount(), 1);
     }
     EXPECT_EQ(connection->GetRefCount(), 1);
+}
+
+TEST(DataObjectTest, ArrayPropertyRefusesArraysOfAnotherElementType) {
+    // Record fields are checked against their type when set by index; array fields must be as well, or the
+    // typed getter hands out an array of the wrong class.
+    auto bundle = MakeBundle();
+    Kitra::DataObjectType* type = bundle->_GetDataType();
+    Fundix::Ref<Kitra::Array<std::string>> texts(new Kitra::Array<std::string>());
+    texts->Append("agentLogs");
+    EXPECT_THROW(type->SetPropertyValue(bundle.Get(), type->FindProperty("content"), texts.Get()),
+                 Fundix::TypeMismatchException);
+    EXPECT_EQ(bundle->GetContent()->GetLength(), 3u);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <typeinfo>
 
@@ -84,6 +85,11 @@ TEST(FaultTest, RaisedThroughTheBaseAndCaughtAlongTheChain) {
     EXPECT_EQ(copy.GetFault(), built.GetFault());
     EXPECT_EQ(built.GetFault()->GetRefCount(), 2);
     EXPECT_STREQ(copy.what(), "morphel.fault.FileNotFound");
+
+    // Without a fault (as after a failed allocation) the message is the root fault's name.
+    MF::FileNotFound::Exception none(static_cast<MF::FileNotFound*>(nullptr));
+    EXPECT_EQ(none.GetFault(), nullptr);
+    EXPECT_STREQ(none.what(), "kodl.MethodFault");
 }
 
 TEST(FaultTest, FaultsOutsideTheProgramRoot) {
@@ -188,6 +194,60 @@ TEST(FaultTest, FaultsAsValues) {
     EXPECT_EQ(task->GetError(), a.Get());
     task.Reset();
     EXPECT_EQ(a->GetRefCount(), 1);
+}
+
+TEST(FaultTest, EveryFaultRaisesItsOwnException) {
+    size_t count = 0;
+    std::set<std::string> outsideRoot;
+    std::set<std::string> exceptionClasses;
+    Kitra::Type* root = Kitra::GetType<MF::MorphelFault>();
+    for (const Kitra::Module* module : Kitra::GetTypeMap()->GetModules()) {
+        if (module->source != "sysimage/kodl/morphel/fault/types" &&
+            module->source != "sysimage/kodl/morphel/agent/internal/fault/types")
+            continue;
+        for (Kitra::Type* type : module->types) {
+            const std::string name = type->GetName();
+            const std::string shortName = name.substr(name.rfind('.') + 1);
+            SCOPED_TRACE(name);
+            ++count;
+            EXPECT_EQ(type->GetWsdlName(), "Morphel" + shortName);
+            if (!type->IsA(root)) outsideRoot.insert(shortName);
+
+            Fundix::Ref<Kitra::DataObject> object = type->AsDataObjectType()->CreateInstance();
+            auto* fault = dynamic_cast<Kitra::MethodFault*>(object.Get());
+            ASSERT_NE(fault, nullptr);
+            std::unique_ptr<Kitra::MethodFault::Exception> created(fault->CreateException());
+            ASSERT_NE(created, nullptr);
+            EXPECT_STREQ(created->what(), name.c_str());
+            EXPECT_EQ(created->GetFault(), fault);
+            // The exception class is the fault's own nested one.
+            const std::string mangled = typeid(*created).name();
+            EXPECT_NE(mangled.find(std::to_string(shortName.size()) + shortName + "9Exception"), std::string::npos)
+                << mangled;
+            exceptionClasses.insert(mangled);
+
+            try {
+                fault->Throw();
+            } catch (Kitra::MethodFault::Exception& e) {
+                EXPECT_EQ(typeid(e), typeid(*created));
+                EXPECT_EQ(e.GetFault(), fault);
+                EXPECT_EQ(fault->GetRefCount(), 3);
+                std::unique_ptr<Fundix::Exception> clone(e.Clone());
+                ASSERT_NE(clone, nullptr);
+                EXPECT_EQ(typeid(*clone), typeid(e));
+                try {
+                    clone->Throw();
+                } catch (Fundix::Exception& again) {
+                    EXPECT_EQ(typeid(again), typeid(e));
+                }
+            }
+            created.reset();
+            EXPECT_EQ(fault->GetRefCount(), 1);
+        }
+    }
+    EXPECT_EQ(count, 168u);
+    EXPECT_EQ(exceptionClasses.size(), 168u);
+    EXPECT_EQ(outsideRoot, (std::set<std::string>{"PlatformError", "PropertyInfoFault"}));
 }
 
 }  // namespace

@@ -1,1 +1,475 @@
-// placeholder
+// The metadata records as the object model reads them: a sample of types checked field by field, the
+// session manager's method table, and checks that hold for every record of the library.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <fundix/System/DateTime.h>
+#include <kitra/Kitra.h>
+#include <morphel/event/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/info/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+std::string Str(const char* s) { return s != nullptr ? s : "<null>"; }
+
+struct Field {
+    const char* name;
+    uint32_t presence;  // bits 0 and 1 of the flags word
+    const char* version;
+    const char* type;
+    const char* extra;  // null, or the empty string
+};
+
+struct Record {
+    const char* wireName;
+    const char* wsdlName;  // null where the rule alone gives it
+    uint32_t kind;
+    const char* version;
+    const char* base;
+    std::vector<Field> fields;  // own fields only
+};
+
+const char* const v1 = "morphel.version.version1";
+const char* const v2 = "morphel.version.version2";
+const char* const v3 = "morphel.version.version3";
+
+TEST(RecordTest, SampleRecordsFieldByField) {
+    const Record records[] = {
+        {"morphel.ComputerSpec.LiveComputerLocation", "MorphelComputerSpecLiveComputerLocation", Kitra::kKindData, v1,
+         "morphel.ComputerSpec.ComputerLocation",
+         {{"hostname", 0, v1, "string", nullptr},
+          {"port", 2, v1, "int", nullptr},
+          {"username", 2, v1, "string", nullptr},
+          {"password", 2, v1, "string", nullptr},
+          {"osType", 0, v1, "string", nullptr},
+          {"verifyPeer", 2, v2, "boolean", nullptr},
+          {"sslThumbprint", 2, v2, "string", nullptr}}},
+        {"morphel.DiagnosticManager.TaskLogBundleInfo", "MorphelDiagnosticManagerTaskLogBundleInfo", Kitra::kKindData,
+         v1, "kodl.DynamicData",
+         {{"key", 0, v1, "string", nullptr},
+          {"timeCreated", 0, v1, "dateTime", nullptr},
+          {"format", 0, v1, "morphel.DiagnosticManager.BundleFormat", nullptr},
+          {"content", 3, v1, "morphel.DiagnosticManager.BundleContent", nullptr},
+          {"size", 0, v1, "long", nullptr},
+          {"crc", 0, v1, "int", nullptr}}},
+        {"morphel.fault.SSLVerificationFault", "MorphelSSLVerificationFault", Kitra::kKindFault, v2,
+         "morphel.fault.MorphelFault",
+         {{"selfSigned", 0, v2, "boolean", nullptr},
+          {"thumbprint", 0, v2, "string", nullptr},
+          {"msg", 0, v2, "string", nullptr},
+          {"errorFlags", 2, v3, "long", nullptr},
+          {"certificateChain", 1, v2, "morphel.SSLCertificateData", nullptr}}},
+        {"morphel.info.PropertyInfo", "MorphelPropertyInfo", Kitra::kKindData, v1, "kodl.DynamicData",
+         {{"property", 0, v1, "propertyPath", nullptr},
+          {"severityLevel", 0, v1, "string", nullptr},
+          {"message", 2, v1, "string", ""}}},
+        {"morphel.event.Event", nullptr, Kitra::kKindData, v1, "kodl.DynamicData",
+         {{"key", 0, v1, "int", nullptr},
+          {"chainId", 0, v1, "int", nullptr},
+          {"type", 0, v1, "morphel.event.Event.Type", nullptr},
+          {"createdTime", 0, v1, "dateTime", nullptr},
+          {"userName", 0, v1, "string", nullptr},
+          {"fullMessage", 2, v1, "string", ""},
+          {"job", 2, v2, "morphel.server.job.Job", nullptr}}},
+        {"morphel.agent.internal.fault.PlatformError", "MorphelPlatformError", Kitra::kKindFault, v1,
+         "kodl.RuntimeFault", {{"errCode", 0, v1, "int", nullptr}}},
+        {"morphel.fault.FileNotFound", "MorphelFileNotFound", Kitra::kKindFault, v1, "morphel.fault.MorphelFileFault",
+         {}},
+    };
+    for (const Record& r : records) {
+        SCOPED_TRACE(r.wireName);
+        Kitra::Type* type = Kitra::GetTypeMap()->GetType(r.wireName);
+        ASSERT_NE(type, nullptr);
+        Kitra::DataObjectType* data = type->AsDataObjectType();
+        ASSERT_NE(data, nullptr);
+        const Kitra::DataTypeInfo* info = data->GetDataTypeInfo();
+        EXPECT_EQ(info->type->kind, r.kind);
+        EXPECT_STREQ(info->type->name, r.wireName);
+        if (r.wsdlName != nullptr) {
+            EXPECT_STREQ(info->type->wsdlName, r.wsdlName);
+        }
+        EXPECT_STREQ(info->type->version, r.version);
+        ASSERT_NE(info->base, nullptr);
+        EXPECT_STREQ(info->base->name, r.base);
+        if (r.fields.empty()) {
+            EXPECT_EQ(info->properties, nullptr);
+            continue;
+        }
+        ASSERT_NE(info->properties, nullptr);
+        size_t i = 0;
+        for (const Kitra::PropertyTypeInfo* p = info->properties; p->name != nullptr; ++p, ++i) {
+            ASSERT_LT(i, r.fields.size()) << "extra property " << p->name;
+            const Field& f = r.fields[i];
+            EXPECT_STREQ(p->name, f.name);
+            EXPECT_EQ(p->flags & 3u, f.presence) << f.name;
+            EXPECT_STREQ(p->version, f.version) << f.name;
+            ASSERT_NE(p->type, nullptr) << f.name;
+            EXPECT_STREQ(p->type->name, f.type) << f.name;
+            EXPECT_EQ(p->privilege, nullptr) << f.name;
+            EXPECT_EQ(Str(p->extra), Str(f.extra)) << f.name;
+        }
+        EXPECT_EQ(i, r.fields.size());
+    }
+    // The two properties whose third word is set are flagged 6; the two others of the information note 4.
+    const Kitra::PropertyTypeInfo* note = Kitra::GetType<Morphel::Info::PropertyInfo>()
+                                              ->AsDataObjectType()->GetDataTypeInfo()->properties;
+    EXPECT_EQ(note[0].flags, 4u);
+    EXPECT_EQ(note[1].flags, 4u);
+    EXPECT_EQ(note[2].flags, 6u);
+}
+
+std::vector<std::string> FaultNames(const Kitra::TypeInfo* const* faults) {
+    std::vector<std::string> names;
+    for (; faults != nullptr && *faults != nullptr; ++faults) names.emplace_back((*faults)->name);
+    return names;
+}
+
+TEST(RecordTest, SessionManagerMethodTable) {
+    struct Param {
+        const char* name;
+        const char* type;
+        uint32_t flags;
+    };
+    struct Method {
+        const char* name;
+        const char* wsdlName;
+        const char* privilege;
+        const char* result;  // null for none
+        const char* version;
+        uint32_t flags;
+        std::vector<Param> params;
+        std::vector<std::string> faults;
+        const char* wireConstant;
+    };
+    const std::string fault = "dovra.fault.";
+    const Method methods[] = {
+        {"login", "MorphelLogin", "System.Anonymous", "morphel.UserSession", v1, 0,
+         {{"userName", "string", 0}, {"password", "string", 0}, {"locale", "string", 2}},
+         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGIN},
+        {"loginExtension", "MorphelLoginExtension", "System.Anonymous", "morphel.UserSession", v1, 0,
+         {{"userName", "string", 0}, {"password", "string", 0}, {"locale", "string", 2}},
+         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGINEXTENSION},
+        {"loginSession", "MorphelLoginSession", "System.Anonymous", "morphel.UserSession", v1, 0,
+         {{"userName", "string", 0}, {"sessionId", "string", 0}, {"locale", "string", 2}},
+         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGINSESSION},
+        {"loginBySSPI", "MorphelLoginSSPI", "System.Anonymous", "morphel.UserSession", v3, 0x100,
+         {{"base64Token", "string", 0}, {"locale", "string", 2}},
+         {fault + "SSPIChallenge", fault + "InvalidLogin", fault + "InvalidLocale"},
+         Morphel::SessionManager::METHOD_LOGINBYSSPI},
+        {"impersonate", "MorphelImpersonate", "System.Anonymous", "morphel.UserSession", v1, 0,
+         {{"locale", "string", 2}}, {fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_IMPERSONATE},
+        {"logout", "MorphelLogout", nullptr, nullptr, v1, 0, {}, {}, Morphel::SessionManager::METHOD_LOGOUT},
+        {"terminate", "MorphelTerminateSession", "Sessions.TerminateSession", nullptr, v1, 0,
+         {{"sessionId", "string", 1}}, {fault + "NotFound"}, Morphel::SessionManager::METHOD_TERMINATE},
+        {"setLocale", "MorphelSetLocale", nullptr, nullptr, v1, 0, {{"locale", "string", 0}},
+         {fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_SETLOCALE},
+    };
+    const char* const properties[] = {"sessionList", "currentSession", "messageLocaleList", "supportedLocaleList",
+                                      "defaultLocale"};
+
+    Kitra::ManagedObjectType* type = Kitra::GetType<Morphel::SessionManager>()->AsManagedObjectType();
+    ASSERT_NE(type, nullptr);
+    const Kitra::ManagedTypeInfo* info = type->GetManagedTypeInfo();
+    EXPECT_EQ(info->methodObjects, gMorphelSessionManagerMethodObjects);
+    EXPECT_STREQ(info->base->name, "kodl.ManagedObject");
+    ASSERT_NE(info->methods, nullptr);
+
+    size_t i = 0;
+    for (const Kitra::MethodTypeInfo* m = info->methods; m->name != nullptr; ++m, ++i) {
+        ASSERT_LT(i, std::size(methods));
+        const Method& e = methods[i];
+        SCOPED_TRACE(e.name);
+        EXPECT_STREQ(m->name, e.name);
+        EXPECT_STREQ(m->wsdlName, e.wsdlName);
+        EXPECT_EQ(Str(m->privilege), Str(e.privilege));
+        EXPECT_EQ(m->reserved, 0u);
+        EXPECT_STREQ(m->result.name, "result");
+        EXPECT_EQ(m->result.privilege, nullptr);
+        EXPECT_EQ(Str(m->result.type ? m->result.type->name : nullptr), Str(e.result));
+        EXPECT_STREQ(m->result.version, e.result != nullptr ? e.version : "kodl.version.version0");
+        EXPECT_EQ(m->methodFlags, e.flags);
+        EXPECT_STREQ(m->version, e.version);
+        EXPECT_EQ(FaultNames(m->faults), e.faults);
+        size_t j = 0;
+        for (const Kitra::ParamTypeInfo* p = m->params; p != nullptr && p->name != nullptr; ++p, ++j) {
+            ASSERT_LT(j, e.params.size());
+            EXPECT_STREQ(p->name, e.params[j].name);
+            ASSERT_NE(p->type, nullptr);
+            EXPECT_STREQ(p->type->name, e.params[j].type);
+            EXPECT_EQ(p->flags, e.params[j].flags);
+            EXPECT_STREQ(p->version, e.version);
+        }
+        EXPECT_EQ(j, e.params.size());
+
+        // The method object made at registration sits in the exported table at the method's index.
+        Kitra::ManagedMethod* object = gMorphelSessionManagerMethodObjects[i];
+        ASSERT_NE(object, nullptr);
+        EXPECT_EQ(object->GetMethodInfo(), m);
+        EXPECT_EQ(object->GetIndex(), static_cast<int>(i));
+        EXPECT_EQ(object->GetWireName(), e.wireConstant);
+    }
+    EXPECT_EQ(i, std::size(methods));
+    for (const char* name : properties) {
+        SCOPED_TRACE(name);
+        Kitra::ManagedMethod* object = gMorphelSessionManagerMethodObjects[i++];
+        ASSERT_NE(object, nullptr);
+        EXPECT_TRUE(object->IsProperty());
+        EXPECT_STREQ(object->GetName(), name);
+        EXPECT_NE(object->GetPropertyInfo()->flags & Kitra::kFlagExtra, 0u);
+    }
+    EXPECT_EQ(type->GetMethods().size(), 13u);
+    EXPECT_STREQ(gMorphelSessionManagerMethodObjects[8]->GetPrivilege(), "Sessions.TerminateSession");
+    EXPECT_EQ(type->FindMethod("terminate"), gMorphelSessionManagerMethodObjects[6]);
+}
+
+std::vector<Kitra::Type*> MorphelTypes() {
+    std::vector<Kitra::Type*> all;
+    for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules())
+        if (m->source.rfind("sysimage/kodl/morphel/", 0) == 0) all.insert(all.end(), m->types.begin(), m->types.end());
+    return all;
+}
+
+void CheckTerminator(const Kitra::PropertyTypeInfo* p) {
+    EXPECT_EQ(p->privilege, nullptr);
+    EXPECT_EQ(p->extra, nullptr);
+    EXPECT_EQ(p->type, nullptr);
+    EXPECT_EQ(p->version, nullptr);
+    EXPECT_EQ(p->flags, Kitra::kFlagTerminator);
+}
+
+TEST(RecordTest, EveryDataRecordIsComplete) {
+    std::map<uint32_t, size_t> flagCounts;
+    std::vector<std::string> withExtra;
+    Kitra::Type* methodFault = Kitra::GetType<Kitra::MethodFault>();
+    for (Kitra::Type* type : MorphelTypes()) {
+        Kitra::DataObjectType* data = type->AsDataObjectType();
+        if (data == nullptr) continue;
+        SCOPED_TRACE(type->GetName());
+        const Kitra::DataTypeInfo* info = data->GetDataTypeInfo();
+
+        // Imported words were filled at load: the base resolves, and faults are exactly the method faults.
+        ASSERT_NE(data->GetBaseType(), nullptr);
+        EXPECT_TRUE(data->IsA(Kitra::GetType<Kitra::DynamicData>()));
+        EXPECT_EQ(type->GetKind() == Kitra::kKindFault, data->IsA(methodFault));
+
+        if (info->properties == nullptr) {
+            EXPECT_EQ(info->getProperty, &Kitra::Fields::NoGet);
+            EXPECT_EQ(info->setProperty, &Kitra::Fields::NoSet);
+            EXPECT_EQ(info->isPropertySet, &Kitra::Fields::AlwaysSet);
+            EXPECT_EQ(info->initProperty, &Kitra::Fields::NoInit);
+        } else {
+            EXPECT_NE(info->properties[0].name, nullptr) << "an empty property list is a null word";
+        }
+        const Kitra::PropertyTypeInfo* p = info->properties;
+        for (; p != nullptr && p->name != nullptr; ++p) {
+            SCOPED_TRACE(p->name);
+            ASSERT_NE(p->type, nullptr);
+            ASSERT_NE(p->version, nullptr);
+            EXPECT_EQ(p->privilege, nullptr);
+            EXPECT_LE(p->flags, 7u);
+            ++flagCounts[p->flags];
+            if (p->extra != nullptr) {
+                EXPECT_STREQ(p->extra, "");
+                withExtra.push_back(std::string(type->GetName()) + "." + p->name);
+            }
+        }
+        if (p != nullptr) CheckTerminator(p);
+
+        // The record's functions make instances and arrays of this very type.
+        Fundix::Ref<Kitra::DataObject> object = data->CreateInstance();
+        ASSERT_TRUE(object);
+        EXPECT_EQ(object->_GetType(), type);
+        EXPECT_EQ(object->_GetDataType(), data);
+        Fundix::Ref<Kitra::ArrayBase> array = data->CreateArray();
+        ASSERT_TRUE(array);
+        EXPECT_EQ(array->GetElementType(), type);
+        Fundix::Ref<Kitra::Any> clone(object->_Clone());
+        EXPECT_TRUE(object->_IsEqual(clone.Get(), false));
+
+        // A default object: required fields are set, optional ones and arrays are not; every value reads.
+        const auto& all = data->GetProperties();
+        for (size_t i = 0; i < all.size(); ++i) {
+            const Kitra::PropertyTypeInfo* q = all[i].info;
+            SCOPED_TRACE(q->name);
+            const int index = static_cast<int>(i);
+            EXPECT_EQ(data->IsPropertySet(object.Get(), index), (q->flags & 3u) == 0) << q->flags;
+            EXPECT_NO_THROW(data->GetPropertyValue(object.Get(), index));
+            if ((q->flags & Kitra::kFlagArray) == 0) continue;
+            all[i].owner->initProperty(object.Get(), all[i].localIndex);
+            auto value = data->GetPropertyValue(object.Get(), index);
+            auto* made = dynamic_cast<Kitra::ArrayBase*>(value.Get());
+            ASSERT_NE(made, nullptr);
+            const char* element = q->type->kind == Kitra::kKindManaged ? "kodl.ManagedObject" : q->type->name;
+            EXPECT_STREQ(made->GetElementType()->GetName(), element);
+            EXPECT_FALSE(data->IsPropertySet(object.Get(), index));
+        }
+    }
+    EXPECT_EQ(withExtra, (std::vector<std::string>{"morphel.event.Event.fullMessage", "morphel.info.PropertyInfo.message"}));
+    // Upper bounds of each flag value over all data-object properties.
+    const std::map<uint32_t, size_t> limits = {{0, 171}, {1, 6}, {2, 292}, {3, 39},
+                                               {4, 336}, {5, 17}, {6, 174}, {7, 24}};
+    for (const auto& [flags, count] : flagCounts) EXPECT_LE(count, limits.at(flags)) << "flags " << flags;
+}
+
+TEST(RecordTest, EveryMethodRecordIsComplete) {
+    size_t methods = 0;
+    size_t privileged = 0;
+    std::set<std::string> flagged;
+    for (Kitra::Type* type : MorphelTypes()) {
+        Kitra::ManagedObjectType* managed = type->AsManagedObjectType();
+        if (managed == nullptr) continue;
+        SCOPED_TRACE(type->GetName());
+        const Kitra::ManagedTypeInfo* info = managed->GetManagedTypeInfo();
+        ASSERT_NE(info->base, nullptr);
+        EXPECT_NE(managed->GetBaseType(), nullptr);
+        ASSERT_NE(info->methodObjects, nullptr);
+        if (info->methods != nullptr) {
+            EXPECT_NE(info->methods[0].name, nullptr) << "an empty method list is a null word";
+        }
+
+        size_t slots = 0;
+        for (const Kitra::MethodTypeInfo* m = info->methods; m != nullptr && m->name != nullptr; ++m, ++slots) {
+            SCOPED_TRACE(m->name);
+            ++methods;
+            if (m->privilege != nullptr) ++privileged;
+            if (m->methodFlags & Kitra::kMethodFlag100) flagged.insert(m->name);
+            EXPECT_EQ(m->reserved, 0u);
+            ASSERT_NE(m->wsdlName, nullptr);
+            ASSERT_NE(m->version, nullptr);
+            EXPECT_TRUE(m->methodFlags == 0 || m->methodFlags == Kitra::kMethodTask ||
+                        m->methodFlags == Kitra::kMethodFlag100);
+            EXPECT_EQ((m->methodFlags & Kitra::kMethodTask) != 0, std::string(m->wsdlName).ends_with("_Task"));
+            EXPECT_STREQ(m->result.name, "result");
+            ASSERT_NE(m->result.version, nullptr);
+            if (std::string(m->result.version) == "kodl.version.version0") {
+                EXPECT_EQ(m->result.type, nullptr);
+            }
+            if (m->result.type == nullptr) {
+                EXPECT_EQ(m->result.flags, 0u);
+            }
+            const Kitra::ParamTypeInfo* p = m->params;
+            for (; p != nullptr && p->name != nullptr; ++p) {
+                SCOPED_TRACE(p->name);
+                EXPECT_NE(p->type, nullptr);
+                EXPECT_NE(p->version, nullptr);
+                EXPECT_EQ(p->privilege, nullptr);
+                EXPECT_LE(p->flags, 2u);
+            }
+            if (p != nullptr) {
+                EXPECT_EQ(p->type, nullptr);
+                EXPECT_EQ(p->version, nullptr);
+                EXPECT_EQ(p->flags, Kitra::kFlagTerminator);
+            }
+            for (const Kitra::TypeInfo* const* f = m->faults; f != nullptr && *f != nullptr; ++f)
+                EXPECT_EQ((*f)->kind, Kitra::kKindFault) << (*f)->name;
+            EXPECT_EQ(info->methodObjects[slots]->GetMethodInfo(), m);
+        }
+        const Kitra::PropertyTypeInfo* p = info->properties;
+        for (; p != nullptr && p->name != nullptr; ++p, ++slots) {
+            SCOPED_TRACE(p->name);
+            EXPECT_NE(p->type, nullptr);
+            EXPECT_GE(p->flags, 4u);
+            EXPECT_LE(p->flags, 7u);
+            EXPECT_EQ(info->methodObjects[slots]->GetPropertyInfo(), p);
+        }
+        if (p != nullptr) CheckTerminator(p);
+        EXPECT_EQ(managed->GetMethods().size(), slots);
+    }
+    EXPECT_EQ(methods, 120u);
+    EXPECT_EQ(privileged, 16u);
+    EXPECT_EQ(flagged, (std::set<std::string>{"queryOvfInfo", "loginBySSPI", "registerWithAgent",
+                                              "unregisterWithAgent"}));
+}
+
+// A value of the property's type that differs from the default one.
+Fundix::Ref<Kitra::Any> ScalarSample(const Kitra::TypeInfo* t) {
+    switch (t->kind) {
+    case Kitra::kKindString: return new Kitra::Primitive<std::string>("a text long enough for the heap");
+    case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
+    case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("source.location.hostname");
+    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(0x12345678);
+    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>((int64_t{1} << 40) + 5);
+    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(-300);
+    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(static_cast<int8_t>(0xEE));
+    case Kitra::kKindBool: return new Kitra::Primitive<bool>(true);
+    case Kitra::kKindFloat: return new Kitra::Primitive<float>(1.5f);
+    case Kitra::kKindDouble: return new Kitra::Primitive<double>(2.25);
+    case Kitra::kKindDateTime: return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(2021, 3, 4));
+    case Kitra::kKindAnyType: return new Kitra::Primitive<int32_t>(7);
+    case Kitra::kKindManaged: return new Kitra::MoRef(t->name, "object-1");
+    case Kitra::kKindEnum: {
+        Kitra::EnumType* e = Kitra::GetTypeMap()->GetType(t->name)->AsEnumType();
+        return e->CreateBox(static_cast<int32_t>(e->GetValues().size()) - 1);
+    }
+    default: {
+        Kitra::Type* type = Kitra::GetTypeMap()->GetType(t->name);
+        return type != nullptr && type->AsDataObjectType() ? type->AsDataObjectType()->CreateInstance() : nullptr;
+    }
+    }
+}
+
+Fundix::Ref<Kitra::Any> Sample(const Kitra::PropertyTypeInfo* p) {
+    if ((p->flags & Kitra::kFlagArray) == 0) return ScalarSample(p->type);
+    const Kitra::TypeInfo* t = p->type;
+    Kitra::Type* element = Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t) : Kitra::GetTypeMap()->GetType(t->name);
+    if (element == nullptr) return nullptr;
+    Fundix::Ref<Kitra::ArrayBase> array = element->CreateArray();
+    if (!array) return nullptr;
+    Fundix::Ref<Kitra::Any> item = ScalarSample(t);
+    array->AppendBoxed(item.Get());
+    array->AppendBoxed(item.Get());
+    return Fundix::Ref<Kitra::Any>(array.Get());
+}
+
+TEST(RecordTest, EveryPropertyKeepsWhatIsSetInIt) {
+    for (Kitra::Type* type : MorphelTypes()) {
+        Kitra::DataObjectType* data = type->AsDataObjectType();
+        if (data == nullptr) continue;
+        SCOPED_TRACE(type->GetName());
+        Fundix::Ref<Kitra::DataObject> object = data->CreateInstance();
+        const auto& all = data->GetProperties();
+        std::vector<Fundix::Ref<Kitra::Any>> values;
+        for (size_t i = 0; i < all.size(); ++i) {
+            SCOPED_TRACE(all[i].info->name);
+            values.push_back(Sample(all[i].info));
+            ASSERT_TRUE(values.back());
+            ASSERT_NO_THROW(data->SetPropertyValue(object.Get(), static_cast<int>(i), values.back().Get()));
+        }
+        // Read back only once all are set, so that fields sharing storage show up.
+        bool holdsMemory = false;
+        for (size_t i = 0; i < all.size(); ++i) {
+            SCOPED_TRACE(all[i].info->name);
+            const int index = static_cast<int>(i);
+            EXPECT_TRUE(data->IsPropertySet(object.Get(), index));
+            Fundix::Ref<Kitra::Any> back = data->GetPropertyValue(object.Get(), index);
+            ASSERT_TRUE(back);
+            EXPECT_TRUE(back->_IsEqual(values[i].Get(), false));
+            const Kitra::Storage storage = Kitra::StorageOf(*all[i].info);
+            if (storage == Kitra::Storage::Slot) {
+                EXPECT_EQ(back.Get(), values[i].Get());
+            }
+            if (storage == Kitra::Storage::Slot || storage == Kitra::Storage::String ||
+                storage == Kitra::Storage::OptString)
+                holdsMemory = true;
+        }
+        Fundix::Ref<Kitra::DataObject> clone(object->_Clone());
+        EXPECT_TRUE(clone->_IsEqual(object.Get(), false));
+        Kitra::PropertyDiffSet diffs;
+        clone->_DiffProperties(object.Get(), "", diffs);
+        EXPECT_TRUE(diffs.Empty()) << diffs.Paths().front();
+        const unsigned emptySize = data->CreateInstance()->_GetSize(&Kitra::IdentitySizer);
+        if (holdsMemory) {
+            EXPECT_GT(object->_GetSize(&Kitra::IdentitySizer), emptySize);
+        } else {
+            EXPECT_EQ(object->_GetSize(&Kitra::IdentitySizer), emptySize);
+        }
+    }
+}
+
+}  // namespace

@@ -290,8 +290,20 @@ void DataObjectType::SetPropertyValue(DataObject* object, int index, const Any* 
         if (value != nullptr) {
             const TypeInfo* ti = d.info->type;
             bool ok;
-            if (d.info->flags & kFlagArray) ok = dynamic_cast<const ArrayBase*>(value) != nullptr;
-            else if (ti->kind == kKindManaged) ok = dynamic_cast<const MoRef*>(value) != nullptr;
+            if (d.info->flags & kFlagArray) {
+                // The typed getter casts the stored array to the array class of the property's element
+                // type, so only an array of exactly that element type may be stored; references of any
+                // managed type travel in arrays of the generic reference.
+                auto* array = dynamic_cast<const ArrayBase*>(value);
+                Type* element = array != nullptr ? array->GetElementType() : nullptr;
+                if (ti->kind == kKindManaged) {
+                    ok = element != nullptr && element->GetKind() == kKindManaged;
+                } else {
+                    Type* expected =
+                        IsPrimitiveKind(ti->kind) ? GetPrimitiveType(ti) : GetTypeMap()->GetType(ti->name);
+                    ok = element != nullptr && element == expected;
+                }
+            }             else if (ti->kind == kKindManaged) ok = dynamic_cast<const MoRef*>(value) != nullptr;
             else if (ti->kind == kKindAnyType) ok = true;
             else {
                 Type* expected = GetTypeMap()->GetType(ti->name);
