@@ -21,9 +21,7 @@ namespace Kitra {
 // ---- Type
 
 Type* Type::GetArrayType() const {
-    if (!arrayType_) {
-        arrayType_ = new ArrayType(this);
-    }
+    std::call_once(arrayTypeOnce_, [this] { arrayType_ = new ArrayType(this); });
     return arrayType_.Get();
 }
 
@@ -84,25 +82,28 @@ DataObjectType::DataObjectType(const DataTypeInfo* info) : Type(info->type), dat
 Type* DataObjectType::GetBaseType() const { return GetBaseDataType(); }
 
 DataObjectType* DataObjectType::GetBaseDataType() const {
-    if (!baseResolved_ && dataInfo_->base != nullptr) {
-        Type* base = GetTypeMap()->GetType(dataInfo_->base->name);
-        if (base != nullptr) {
-            base_ = base->AsDataObjectType();
-            baseResolved_ = true;
+    DataObjectType* base = base_.load(std::memory_order_acquire);
+    if (base == nullptr && dataInfo_->base != nullptr) {
+        if (Type* t = GetTypeMap()->GetType(dataInfo_->base->name)) {
+            base = t->AsDataObjectType();
+            base_.store(base, std::memory_order_release);
         }
     }
-    return base_;
+    return base;
 }
 
 const std::vector<PropertyDesc>& DataObjectType::GetProperties() const {
-    if (!propertiesResolved_) {
+    if (propertiesResolved_.load(std::memory_order_acquire)) return properties_;
+    std::lock_guard<std::mutex> lock(resolveMutex_);
+    if (!propertiesResolved_.load(std::memory_order_relaxed)) {
         std::vector<PropertyDesc> all;
-        if (DataObjectType* base = GetBaseDataType()) all = base->GetProperties();
+        DataObjectType* base = GetBaseDataType();
+        if (base != nullptr) all = base->GetProperties();
         if (const PropertyTypeInfo* p = dataInfo_->properties) {
             for (int i = 0; p[i].name != nullptr; ++i) all.push_back({&p[i], dataInfo_, i});
         }
         properties_ = std::move(all);
-        propertiesResolved_ = dataInfo_->base == nullptr || base_ != nullptr;
+        propertiesResolved_.store(dataInfo_->base == nullptr || base != nullptr, std::memory_order_release);
     }
     return properties_;
 }

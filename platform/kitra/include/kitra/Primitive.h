@@ -64,7 +64,10 @@ class Primitive<T, false> : public Any {
 public:
     explicit Primitive(const T& value) : value_(value) {}
     const T& GetValue() const { return value_; }
-    Type* _GetType() const override { return GetPrimitiveType(PrimitiveRecord<T>::Get()); }
+    Type* _GetType() const override {
+        static Type* const type = GetPrimitiveType(PrimitiveRecord<T>::Get());
+        return type;
+    }
     Primitive* _Clone() const override { return new Primitive(value_); }
     bool _IsEqual(const Any* other, bool) const override {
         auto* o = dynamic_cast<const Primitive*>(other);

@@ -1,7 +1,9 @@
 // Run-time type objects, created once per type from its metadata record and cached.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +54,7 @@ public:
 
 private:
     const TypeInfo* info_;
+    mutable std::once_flag arrayTypeOnce_;
     mutable Fundix::Ref<Type> arrayType_;
 };
 
@@ -105,10 +108,12 @@ public:
 
 private:
     const DataTypeInfo* dataInfo_;
-    mutable DataObjectType* base_ = nullptr;
-    mutable bool baseResolved_ = false;
+    // Resolved on first use, which may come from several threads at once; a base not yet registered
+    // leaves both to be resolved again.
+    mutable std::mutex resolveMutex_;
+    mutable std::atomic<DataObjectType*> base_{nullptr};
+    mutable std::atomic<bool> propertiesResolved_{false};
     mutable std::vector<PropertyDesc> properties_;
-    mutable bool propertiesResolved_ = false;
 };
 
 class ManagedMethod;
