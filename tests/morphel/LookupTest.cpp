@@ -1,0 +1,128 @@
+// The lookup utilities over hardware descriptions, conversion parameters and agent cloning parameters.
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+
+#include <morphel/MorphelTypesUtil.h>
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Info::ComputerHardwareInfo;
+using Morphel::Info::StorageInfo;
+using Morphel::Params::StorageParams;
+namespace Util = Morphel::MorphelTypesUtil;
+
+// Hardware whose storage has volumes with these ids (and partition types, where given).
+Ref<ComputerHardwareInfo> Hardware(std::initializer_list<std::pair<std::string, int>> volumes, bool withArray = true) {
+    Ref<StorageInfo> storage(new StorageInfo());
+    if (withArray) {
+        Ref<Kitra::DataArray<StorageInfo::VolumeInfo>> array(new Kitra::DataArray<StorageInfo::VolumeInfo>());
+        for (const auto& [id, type] : volumes) {
+            Ref<StorageInfo::VolumeInfo> v(new StorageInfo::VolumeInfo());
+            v->SetVolumeId(id);
+            if (type >= 0) v->SetPartitionType(static_cast<int8_t>(type));
+            array->Append(v.Get());
+        }
+        storage->SetVolume(array.Get());
+        Ref<Kitra::DataArray<StorageInfo::DiskInfo>> disks(new Kitra::DataArray<StorageInfo::DiskInfo>());
+        for (const char* id : {"disk-0", "disk-1", "disk-1"}) {
+            Ref<StorageInfo::DiskInfo> d(new StorageInfo::DiskInfo());
+            d->SetDiskId(id);
+            disks->Append(d.Get());
+        }
+        storage->SetDisk(disks.Get());
+    }
+    Ref<ComputerHardwareInfo> hardware(new ComputerHardwareInfo());
+    hardware->SetStorage(storage.Get());
+    return hardware;
+}
+
+TEST(Lookup, VolumesAndDisksOfHardware) {
+    Ref<ComputerHardwareInfo> hw = Hardware({{"C:", -1}, {"D:", -1}, {"C:", -1}});
+    auto* volumes = hw->GetStorage()->GetVolume();
+    EXPECT_EQ(Util::FindVolumeInfoById(hw.Get(), "D:"), volumes->Get(1));
+    EXPECT_EQ(Util::FindVolumeInfoById(hw.Get(), "C:"), volumes->Get(0));  // the lower index wins
+    EXPECT_EQ(Util::FindVolumeInfoById(hw.Get(), "c:"), nullptr);          // case matters
+    EXPECT_EQ(Util::FindDiskInfoById(hw.Get(), "disk-1"), hw->GetStorage()->GetDisk()->Get(1));
+    EXPECT_EQ(Util::FindDiskInfoById(hw.Get(), "disk-2"), nullptr);
+
+    // Nothing to search: no root, no storage, an absent array, an empty one.
+    EXPECT_EQ(Util::FindVolumeInfoById(nullptr, "C:"), nullptr);
+    Ref<ComputerHardwareInfo> bare(new ComputerHardwareInfo());
+    EXPECT_EQ(Util::FindVolumeInfoById(bare.Get(), "C:"), nullptr);
+    EXPECT_EQ(Util::FindDiskInfoById(bare.Get(), "disk-0"), nullptr);
+    EXPECT_EQ(Util::FindVolumeInfoById(Hardware({}, false).Get(), "C:"), nullptr);
+    EXPECT_EQ(Util::FindVolumeInfoById(Hardware({}).Get(), "C:"), nullptr);
+}
+
+TEST(Lookup, GptIsRecognisedFromVolumesOnly) {
+    EXPECT_TRUE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"EFI", 0xEE}}).Get()));  // 0xEE held as a signed byte
+    EXPECT_FALSE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"D:", -1}}).Get()));   // unset types are passed over
+    EXPECT_FALSE(Util::HasGptDisk(Hardware({}).Get()));
+    EXPECT_FALSE(Util::HasGptDisk(Hardware({}, false).Get()));
+    EXPECT_FALSE(Util::HasGptDisk(nullptr));
+
+    // A disk flagged as GPT but without volumes still answers false.
+    Ref<ComputerHardwareInfo> hw = Hardware({});
+    hw->GetStorage()->GetDisk()->Get(0)->SetGpt(true);
+    EXPECT_FALSE(Util::HasGptDisk(hw.Get()));
+}
+
+Ref<StorageParams::TargetDiskParams> TargetDisk(std::initializer_list<const char*> sourceVolumes, bool withArray) {
+    Ref<StorageParams::TargetDiskParams> disk(new StorageParams::TargetDiskParams());
+    if (withArray) {
+        Ref<Kitra::DataArray<StorageParams::VolumeCloningParams>> volumes(
+            new Kitra::DataArray<StorageParams::VolumeCloningParams>());
+        for (const char* id : sourceVolumes) {
+            Ref<StorageParams::VolumeCloningParams> v(new StorageParams::VolumeCloningParams());
+            v->SetSourceVolumeId(id);
+            volumes->Append(v.Get());
+        }
+        disk->SetVolumesToClone(volumes.Get());
+    }
+    return disk;
+}
+
+TEST(Lookup, VolumesToCloneAcrossTargetDisks) {
+    Ref<Kitra::DataArray<StorageParams::TargetDiskParams>> disks(new Kitra::DataArray<StorageParams::TargetDiskParams>());
+    disks->Append(TargetDisk({}, false).Get());  // no volumes to clone: passed over, not the end
+    disks->Append(TargetDisk({}, true).Get());   // an empty list likewise
+    disks->Append(TargetDisk({"C:", "D:"}, true).Get());
+    disks->Append(TargetDisk({"D:"}, true).Get());
+    Ref<StorageParams> storage(new StorageParams());
+    storage->SetTargetDiskParams(disks.Get());
+    Ref<Morphel::Params::CloningParams> cloning(new Morphel::Params::CloningParams());
+    cloning->SetStorageParams(storage.Get());
+    Ref<Morphel::Params::ConversionParams> params(new Morphel::Params::ConversionParams());
+    params->SetCloningParams(cloning.Get());
+
+    EXPECT_EQ(Util::FindVolumeCloningParamsById(params.Get(), "C:"), disks->Get(2)->GetVolumesToClone()->Get(0));
+    EXPECT_EQ(Util::FindVolumeCloningParamsById(params.Get(), "D:"), disks->Get(2)->GetVolumesToClone()->Get(1));
+    EXPECT_EQ(Util::FindVolumeCloningParamsById(params.Get(), "E:"), nullptr);
+
+    Ref<Morphel::Params::ConversionParams> empty(new Morphel::Params::ConversionParams());
+    EXPECT_EQ(Util::FindVolumeCloningParamsById(empty.Get(), "C:"), nullptr);
+    EXPECT_EQ(Util::FindVolumeCloningParamsById(nullptr, "C:"), nullptr);
+}
+
+TEST(Lookup, VolumeMappingsOfAgentCloningParams) {
+    using Morphel::Agent::Params::StorageMapping;
+    Ref<Kitra::DataArray<StorageMapping::VolumeMapping>> mappings(new Kitra::DataArray<StorageMapping::VolumeMapping>());
+    for (const char* id : {"vol-a", "vol-b", "vol-a"}) {
+        Ref<StorageMapping::VolumeMapping> m(new StorageMapping::VolumeMapping());
+        m->SetSourceVolumeId(id);
+        mappings->Append(m.Get());
+    }
+    Ref<StorageMapping> mapping(new StorageMapping());
+    mapping->SetVolumeMapping(mappings.Get());
+    Ref<Morphel::Agent::Params::AgentCloningParams> params(new Morphel::Agent::Params::AgentCloningParams());
+    EXPECT_EQ(Util::FindVolumeMappingById(params.Get(), "vol-a"), nullptr);  // no storage mapping yet
+    params->SetStorageMapping(mapping.Get());
+    EXPECT_EQ(Util::FindVolumeMappingById(params.Get(), "vol-a"), mappings->Get(0));
+    EXPECT_EQ(Util::FindVolumeMappingById(params.Get(), "vol-b"), mappings->Get(1));
+    EXPECT_EQ(Util::FindVolumeMappingById(params.Get(), "vol-c"), nullptr);
+}
+
+}  // namespace
