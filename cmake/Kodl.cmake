@@ -30,3 +30,20 @@ function(kodl_generate library)
         VERBATIM)
     set(${ARG_OUT_SOURCES} ${sources} PARENT_SCOPE)
 endfunction()
+
+# kodl_add_library(<target> <library> ROOT <dir> OWN <files...> [IMPORTS <files...>] [SOURCES <files...>]
+#                  LINK <targets...>)
+#
+# A library made of the generated modules (plus any hand-written SOURCES), installed and exported under
+# the package's namespace.
+function(kodl_add_library target library)
+    cmake_parse_arguments(ARG "" "ROOT" "OWN;IMPORTS;SOURCES;LINK" ${ARGN})
+    kodl_generate(${library} ROOT ${ARG_ROOT} OUT_SOURCES generated OWN ${ARG_OWN} IMPORTS ${ARG_IMPORTS})
+    add_library(${target} ${generated} ${ARG_SOURCES})
+    add_library(morphelTypes::${target} ALIAS ${target})
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${MORPHEL_GENERATED_DIR}/${library}/include>
+        $<INSTALL_INTERFACE:include>)
+    target_link_libraries(${target} PUBLIC ${ARG_LINK})
+    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON EXPORT_NAME ${target})
+endfunction()

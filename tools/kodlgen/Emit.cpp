@@ -198,6 +198,16 @@ std::string SplitNamespace(const std::string& qualified, std::string& name) {
     return q.substr(0, pos);
 }
 
+// The exported header record of a type, inside the namespace its name carries.
+void EmitTypeRecord(Printer& p, const TypeDecl* t, const std::string& kind) {
+    std::string name;
+    std::string ns = SplitNamespace(t->recordName, name);
+    p.Print("$open$const ::Kitra::TypeInfo $name$ = {$kind$, $wire$, $wsdl$, $version$};\n$close$",
+            {{"open", ns.empty() ? "" : "namespace " + ns + " {\n"}, {"close", ns.empty() ? "" : "}\n"},
+             {"name", name}, {"kind", kind}, {"wire", Quote(t->wireName)}, {"wsdl", Quote(t->wsdlName)},
+             {"version", Quote(t->version)}});
+}
+
 class ModuleEmitter {
 public:
     ModuleEmitter(const Module& module, const std::string& library) : module_(module), library_(library) {
@@ -487,16 +497,7 @@ void ModuleEmitter::EmitDataSource(Printer& p, const TypeDecl* t) {
         p.Print("    &::Kitra::Fields::NoGet, &::Kitra::Fields::NoSet, &::Kitra::Fields::AlwaysSet, &::Kitra::Fields::NoInit,\n");
     p.Print("    &New_$id$, &NewArray_$id$,\n};\n\n}  // namespace\n\n", {{"id", id}});
 
-    std::string recName;
-    std::string recNs = SplitNamespace(t->recordName, recName);
-    p.Print("$open$const ::Kitra::TypeInfo $name$ = {$kind$, $wire$, $wsdl$, $version$};\n$close$",
-            {{"open", recNs.empty() ? "" : "namespace " + recNs + " {\n"},
-             {"close", recNs.empty() ? "" : "}\n"},
-             {"name", recName},
-             {"kind", t->isFault ? "::Kitra::kKindFault" : "::Kitra::kKindData"},
-             {"wire", Quote(t->wireName)},
-             {"wsdl", Quote(t->wsdlName)},
-             {"version", Quote(t->version)}});
+    EmitTypeRecord(p, t, t->isFault ? "::Kitra::kKindFault" : "::Kitra::kKindData");
     p.Print("\ntemplate <>\n::Kitra::Type* Kitra::GetType<$q$>() {\n"
             "    static ::Frame::TypeCache cache;\n"
             "    return ::Frame::GetTypeOnce(cache, &::Frame::CreateData, &kD_$id$);\n}\n\n",
@@ -649,11 +650,7 @@ void ModuleEmitter::EmitManagedSource(Printer& p, const TypeDecl* t) {
              {"record", t->recordName}, {"base", baseWord},
              {"props", t->properties.empty() ? "nullptr" : "kP_" + id},
              {"methods", t->methods.empty() ? "nullptr" : "kM_" + id}, {"mofull", t->methodObjectsName}});
-    std::string recName;
-    std::string recNs = SplitNamespace(t->recordName, recName);
-    p.Print("$open$const ::Kitra::TypeInfo $name$ = {::Kitra::kKindManaged, $wire$, $wsdl$, $version$};\n$close$",
-            {{"open", recNs.empty() ? "" : "namespace " + recNs + " {\n"}, {"close", recNs.empty() ? "" : "}\n"},
-             {"name", recName}, {"wire", Quote(t->wireName)}, {"wsdl", Quote(t->wsdlName)}, {"version", Quote(t->version)}});
+    EmitTypeRecord(p, t, "::Kitra::kKindManaged");
     p.Print("\ntemplate <>\n::Kitra::Type* Kitra::GetType<$q$>() {\n"
             "    static ::Frame::TypeCache cache;\n"
             "    return ::Frame::GetTypeOnce(cache, &::Frame::CreateManaged, &kMt_$id$);\n}\n",
@@ -672,11 +669,7 @@ void ModuleEmitter::EmitEnumSource(Printer& p, const TypeDecl* t) {
         p.Print("const char* const $c$ = $v$;\n", {{"c", constant}, {"v", Quote(t->values[i])}});
         enumFills_.push_back("kV_" + id + "[" + std::to_string(i) + "] = " + constant + ";");
     }
-    std::string recName;
-    std::string recNs = SplitNamespace(t->recordName, recName);
-    p.Print("$open$const ::Kitra::TypeInfo $name$ = {::Kitra::kKindEnum, $wire$, $wsdl$, $version$};\n$close$",
-            {{"open", recNs.empty() ? "" : "namespace " + recNs + " {\n"}, {"close", recNs.empty() ? "" : "}\n"},
-             {"name", recName}, {"wire", Quote(t->wireName)}, {"wsdl", Quote(t->wsdlName)}, {"version", Quote(t->version)}});
+    EmitTypeRecord(p, t, "::Kitra::kKindEnum");
     p.Print("\nnamespace {\nconst char* kV_$id$[$n$];  // filled at load from the constants above\n"
             "const ::Kitra::EnumTypeInfo kE_$id$ = {&$record$, kV_$id$};\n}  // namespace\n\n"
             "template <>\n::Kitra::Type* Kitra::GetType<$q$>() {\n"
