@@ -1,6 +1,7 @@
 #include <morphel/frame/Frame.h>
 
 #include <fundix/PanicAssert.h>
+#include <kitra/fault/types.h>
 
 namespace Frame {
 
@@ -54,6 +55,20 @@ void RegisterModule(const ModuleInfo& module) {
     if (typeMap == nullptr) Fundix::PanicAssert("typeMap != 0", module.sourcePath, module.assertLine + 282);
     typeMap->BeginModule(module.sourcePath);
     for (size_t i = 0; i < module.typeCount; ++i) typeMap->AddType(module.types[i]());
+}
+
+}  // namespace Frame
+
+namespace Frame {
+
+void ThrowMissingValue(const char* name) {
+    Kitra::Fault::InvalidArgument::Exception(Fundix::Optional<std::string>(name)).Throw();
+}
+
+void ThrowMissingArgument(const char* name) { ThrowMissingValue(name); }
+
+void ThrowNoMethod(const char* type, int index) {
+    throw Fundix::InvalidArgumentException(std::string(type) + " has no method " + std::to_string(index));
 }
 
 }  // namespace Frame

@@ -208,6 +208,99 @@ void EmitTypeRecord(Printer& p, const TypeDecl* t, const std::string& kind) {
              {"version", Quote(t->version)}});
 }
 
+
+// ---- Calls: how a parameter, result or property value crosses the C++ interface.
+
+struct CallType {
+    bool slot;             // passed as a pointer, returned through an out-reference
+    std::string pointee;   // slot: the class pointed to
+    std::string value;     // scalar: the value type (optional ones wrapped in Fundix::Optional)
+    bool optional;
+};
+
+CallType CallTypeOf(const TypeRef& type, uint32_t flags) {
+    CallType c{};
+    Storage s = StorageOf(type, flags);
+    c.optional = (flags & 2) != 0;
+    if (IsSlot(s)) {
+        c.slot = true;
+        std::string p = PointerType(type, s);
+        c.pointee = p.substr(0, p.size() - 1);
+    } else {
+        c.value = ValueType(type, s);
+    }
+    return c;
+}
+
+std::string ParamDecl(const Param& p) {
+    CallType c = CallTypeOf(p.type, p.flags);
+    if (c.slot) return c.pointee + "* " + SafeName(p.name);
+    if (c.optional) return "const ::Fundix::Optional<" + c.value + ">& " + SafeName(p.name);
+    return (PassByReference(c.value) ? "const " + c.value + "& " : c.value + " ") + SafeName(p.name);
+}
+
+std::string BoxExpr(const Param& p) {
+    CallType c = CallTypeOf(p.type, p.flags);
+    if (c.slot) return "::Frame::BoxRef(" + SafeName(p.name) + ")";
+    if (c.optional) return "::Frame::BoxOptional<" + c.value + ">(" + SafeName(p.name) + ")";
+    return "::Frame::BoxValue<" + c.value + ">(" + SafeName(p.name) + ")";
+}
+
+std::string UnboxExpr(const TypeRef& type, uint32_t flags, const std::string& any, const std::string& name) {
+    CallType c = CallTypeOf(type, flags);
+    if (c.slot) return "::Frame::UnboxRef<" + c.pointee + ">(" + any + ")";
+    if (c.optional) return "::Frame::UnboxOptional<" + c.value + ">(" + any + ")";
+    return "::Frame::UnboxValue<" + c.value + ">(" + any + ", " + Quote(name) + ")";
+}
+
+// One operation of a managed type: a method, or a property read as a method without parameters.
+struct Operation {
+    std::string cppName;
+    std::vector<Param> params;
+    bool hasResult = false;
+    TypeRef result;
+    uint32_t resultFlags = 0;
+    bool async = false;
+    std::string wire;  // for messages
+};
+
+std::vector<Operation> OperationsOf(const TypeDecl* t) {
+    std::vector<Operation> ops;
+    for (const auto& m : t->methods)
+        ops.push_back({Capitalize(m.name), m.params, m.hasResult, m.result, m.resultFlags, m.async,
+                       t->wireName + "." + m.name});
+    for (const auto& p : t->properties) {
+        bool boolean = p.type.primitive == "boolean" && !(p.flags & 1);
+        ops.push_back({(boolean ? "Is" : "Get") + Capitalize(p.name), {}, true, p.type, p.flags & 3u, p.async,
+                       t->wireName + "." + p.name});
+    }
+    return ops;
+}
+
+// "RET Name(params)" of the synchronous form; the result of a slot type is an out-reference.
+std::string SyncSignature(const Operation& op, const std::string& qualifier) {
+    std::vector<std::string> params;
+    for (const auto& p : op.params) params.push_back(ParamDecl(p));
+    std::string ret = "void";
+    if (op.hasResult) {
+        CallType c = CallTypeOf(op.result, op.resultFlags);
+        if (c.slot) params.push_back("::Fundix::Ref<" + c.pointee + ">& result");
+        else ret = c.optional ? "::Fundix::Optional<" + c.value + ">" : c.value;
+    }
+    std::string list;
+    for (size_t i = 0; i < params.size(); ++i) list += (i ? ", " : "") + params[i];
+    return ret + " " + qualifier + op.cppName + "(" + list + ")";
+}
+
+std::string AsyncSignature(const Operation& op, const std::string& qualifier) {
+    std::string list;
+    for (const auto& p : op.params) list += ParamDecl(p) + ", ";
+    return "void " + qualifier + op.cppName + "(" + list +
+           "const ::Kitra::Completion& completion, ::Fundix::Ref<::Fundix::System::ScheduledItem>& item)";
+}
+
+std::string StubName(const TypeDecl* t) { return t->flatName + "Stub"; }
+
 class ModuleEmitter {
 public:
     ModuleEmitter(const Module& module, const std::string& library) : module_(module), library_(library) {
@@ -392,7 +485,23 @@ void ModuleEmitter::EmitManagedClass(Printer& p, const TypeDecl* t) {
     EmitNestedAliases(p, t);
     for (const auto& m : t->methods)
         p.Print("    static const char* const METHOD_$name$;\n", {{"name", Upper(m.name)}});
+    auto ops = OperationsOf(t);
+    if (!ops.empty()) p.Print("\n");
+    for (const auto& op : ops) p.Print("    virtual $sig$ = 0;\n", {{"sig", SyncSignature(op, "")}});
     p.Print("\nprotected:\n    $flat$() = default;\n};\n", {{"flat", t->flatName}});
+
+    // The client stub: every operation turned into a call through the stub adapter.
+    std::string bases = "public virtual " + t->flatName + ", public virtual ::Kitra::StubImpl";
+    if (t->hasBase) bases += ", public " + t->base.decl->qualFlat + "Stub";
+    p.Print("\n// The client stub of $wire$.\nclass $stub$ : $bases$ {\npublic:\n"
+            "    $stub$(const std::string& id, ::Kitra::StubAdapter* adapter, ::Kitra::RequestContext* context);\n"
+            "    ::Kitra::Type* _GetType() const override;\n",
+            {{"wire", t->wireName}, {"stub", StubName(t)}, {"bases", bases}});
+    for (const auto& op : ops) {
+        p.Print("    $sig$ override;\n", {{"sig", SyncSignature(op, "")}});
+        if (op.async) p.Print("    $sig$;\n", {{"sig", AsyncSignature(op, "")}});
+    }
+    p.Print("};\n");
 }
 
 std::string ModuleEmitter::Header() {
@@ -408,13 +517,19 @@ std::string ModuleEmitter::Header() {
 
     // Declarations of the types of other modules that fields name.
     std::map<std::string, std::set<std::string>> foreign;
+    auto declare = [&](const TypeRef& ref) {
+        const TypeDecl* d = ref.decl;
+        if (d == nullptr || d->module == &module_ || d->builtin) return;
+        if (d->kind == TypeDecl::Data) foreign[d->ns].insert("class " + d->flatName + ";");
+        if (d->kind == TypeDecl::Enum) foreign[d->ns].insert("enum class " + d->flatName + " : int32_t;");
+    };
     for (const auto* t : types_) {
-        for (const auto& f : t->fields) {
-            const TypeDecl* d = f.type.decl;
-            if (d == nullptr || d->module == &module_ || d->builtin) continue;
-            if (d->kind == TypeDecl::Data) foreign[d->ns].insert("class " + d->flatName + ";");
-            if (d->kind == TypeDecl::Enum) foreign[d->ns].insert("enum class " + d->flatName + " : int32_t;");
+        for (const auto& f : t->fields) declare(f.type);
+        for (const auto& m : t->methods) {
+            for (const auto& pa : m.params) declare(pa.type);
+            if (m.hasResult) declare(m.result);
         }
+        for (const auto& pr : t->properties) declare(pr.type);
     }
     if (!foreign.empty()) p.Print("\n");
     for (const auto& [ns, decls] : foreign) {
@@ -636,6 +751,43 @@ void ModuleEmitter::EmitManagedSource(Printer& p, const TypeDecl* t) {
         }
         p.Print("    {nullptr, nullptr, nullptr, nullptr, ::Kitra::kFlagTerminator, nullptr},\n};\n");
     }
+    // Server-side dispatch and stub creation.
+    auto ops = OperationsOf(t);
+    p.Print("\n::Kitra::ManagedObject* NewStub_$id$(const std::string& id, ::Kitra::StubAdapter* adapter,\n"
+            "                                   ::Kitra::RequestContext* context) {\n"
+            "    return new $q$Stub(id, adapter, context);\n}\n\n"
+            "void Invoke_$id$(::Kitra::ManagedObject* object, int index, ::Fundix::RefVector<::Kitra::Any>& args,\n"
+            "                 ::Fundix::Ref<::Kitra::Any>& result) {\n"
+            "    auto* self = ::Frame::Target<$q$>(object);\n    (void)args;\n    (void)result;\n    switch (index) {\n",
+            {{"id", id}, {"q", t->qualFlat}});
+    for (size_t i = 0; i < ops.size(); ++i) {
+        const Operation& op = ops[i];
+        std::string call = "self->" + op.cppName + "(";
+        for (size_t a = 0; a < op.params.size(); ++a) {
+            const Param& pa = op.params[a];
+            call += (a ? ", " : "") +
+                    UnboxExpr(pa.type, pa.flags, "::Frame::Arg(args, " + std::to_string(a) + ", " + Quote(pa.name) + ")",
+                              pa.name);
+        }
+        p.Print("    case $i$: {\n", {{"i", std::to_string(i)}});
+        if (!op.hasResult) {
+            p.Print("        $call$);\n        result = nullptr;\n", {{"call", call}});
+        } else {
+            CallType c = CallTypeOf(op.result, op.resultFlags);
+            if (c.slot) {
+                p.Print("        ::Fundix::Ref<$t$> r;\n        $call$$sep$r);\n        result = ::Frame::BoxRef(r.Get());\n",
+                        {{"t", c.pointee}, {"call", call}, {"sep", op.params.empty() ? "" : ", "}});
+            } else if (c.optional) {
+                p.Print("        result = ::Frame::BoxOptional<$t$>($call$));\n", {{"t", c.value}, {"call", call}});
+            } else {
+                p.Print("        result = ::Frame::BoxValue<$t$>($call$));\n", {{"t", c.value}, {"call", call}});
+            }
+        }
+        p.Print("        return;\n    }\n");
+    }
+    p.Print("    default: break;\n    }\n    ::Frame::ThrowNoMethod($wire$, index);\n}\n",
+            {{"wire", Quote(t->wireName)}});
+
     std::string baseWord = "nullptr";
     if (t->hasBase) baseWord = RecordWord(t->base, "kMt_" + id + ".base");
     else imports_.push_back({"&::Kitra::gManagedObjectTypeInfo", "kMt_" + id + ".base"});
@@ -644,7 +796,7 @@ void ModuleEmitter::EmitManagedSource(Printer& p, const TypeDecl* t) {
     size_t slots = t->methods.size() + t->properties.size();
     p.Print("\n}  // namespace\n\n$open$::Kitra::ManagedMethod* $mo$[$n$];\n$close$\nnamespace {\n"
             "::Kitra::ManagedTypeInfo kMt_$id$ = {\n    &$record$, $base$, $props$, $methods$,\n"
-            "    nullptr, nullptr, $mofull$,\n};\n}  // namespace\n\n",
+            "    &Invoke_$id$, &NewStub_$id$, $mofull$,\n};\n}  // namespace\n\n",
             {{"open", moNs.empty() ? "" : "namespace " + moNs + " {\n"}, {"close", moNs.empty() ? "" : "}\n"},
              {"mo", moName}, {"n", std::to_string(std::max<size_t>(slots, 1))}, {"id", id},
              {"record", t->recordName}, {"base", baseWord},
@@ -658,6 +810,36 @@ void ModuleEmitter::EmitManagedSource(Printer& p, const TypeDecl* t) {
     for (const auto& mt : t->methods)
         p.Print("const char* const $q$::METHOD_$up$ = $wire$;\n",
                 {{"q", t->qualFlat.substr(2)}, {"up", Upper(mt.name)}, {"wire", Quote(t->wireName + "." + mt.name)}});
+
+    std::string stub = t->qualFlat.substr(2) + "Stub";
+    std::string init = "::Kitra::StubImpl(id, adapter, context)";
+    if (t->hasBase) init += ", " + t->base.decl->qualFlat + "Stub(id, adapter, context)";
+    p.Print("\n$stub$::$name$(const std::string& id, ::Kitra::StubAdapter* adapter, ::Kitra::RequestContext* context)\n"
+            "    : $init$ {}\n"
+            "::Kitra::Type* $stub$::_GetType() const { return ::Kitra::GetType<$q$>(); }\n",
+            {{"stub", stub}, {"name", StubName(t)}, {"init", init}, {"q", t->qualFlat}});
+    for (size_t i = 0; i < ops.size(); ++i) {
+        const Operation& op = ops[i];
+        std::string boxes;
+        for (size_t a = 0; a < op.params.size(); ++a)
+            boxes += "    args[" + std::to_string(a) + "] = " + BoxExpr(op.params[a]) + ";\n";
+        std::string slot = t->methodObjectsName + "[" + std::to_string(i) + "]";
+        std::string tail;
+        if (op.hasResult) {
+            CallType c = CallTypeOf(op.result, op.resultFlags);
+            if (c.slot) tail = "    result = " + UnboxExpr(op.result, op.resultFlags, "r.Get()", "result") + ";\n";
+            else tail = "    return " + UnboxExpr(op.result, op.resultFlags, "r.Get()", "result") + ";\n";
+        }
+        p.Print("$sig$ {\n    ::Fundix::RefVector<::Kitra::Any> args($n$);\n$boxes$"
+                "    ::Fundix::Ref<::Kitra::Any> r;\n    _Invoke($slot$, args, r);\n$tail$}\n",
+                {{"sig", SyncSignature(op, stub + "::")}, {"n", std::to_string(op.params.size())}, {"boxes", boxes},
+                 {"slot", slot}, {"tail", tail}});
+        if (op.async)
+            p.Print("$sig$ {\n    ::Fundix::RefVector<::Kitra::Any> args($n$);\n$boxes$"
+                    "    _StartInvoke($slot$, args, completion, item);\n}\n",
+                    {{"sig", AsyncSignature(op, stub + "::")}, {"n", std::to_string(op.params.size())},
+                     {"boxes", boxes}, {"slot", slot}});
+    }
 }
 
 void ModuleEmitter::EmitEnumSource(Printer& p, const TypeDecl* t) {

@@ -10,5 +10,6 @@
 #include <kitra/MoRef.h>
 #include <kitra/Primitive.h>
 #include <kitra/Registry.h>
+#include <kitra/Stub.h>
 #include <kitra/Type.h>
 #include <kitra/TypeInfo.h>

@@ -1,0 +1,219 @@
+// Calls through stubs and server-side dispatch, without a network: every method of every managed type
+// travels stub -> argument vector -> in-process adapter -> the type's dispatch -> an implementation ->
+// result -> unboxing. The implementation is itself a stub of the same type whose adapter checks what it
+// receives against the method record and answers with a value of the declared result type, so the typed
+// boxing and unboxing of every operation is exercised on both sides.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+
+#include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
+#include <morphel/morphelTypes.h>
+
+namespace {
+
+using Fundix::Ref;
+using Kitra::Any;
+
+Kitra::Type* ElementType(const Kitra::TypeInfo* t) {
+    return Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t) : Kitra::GetTypeMap()->GetType(t->name);
+}
+
+// A value of the type a parameter or result record names.
+Ref<Any> MakeValue(const Kitra::TypeInfo* t, uint32_t flags) {
+    if (t == nullptr) return nullptr;
+    if (flags & Kitra::kFlagArray) {
+        Ref<Kitra::ArrayBase> array = ElementType(t)->CreateArray();
+        Ref<Any> element = MakeValue(t, 0);
+        array->AppendBoxed(element.Get());
+        return array.Get();
+    }
+    switch (t->kind) {
+    case Kitra::kKindData:
+    case Kitra::kKindFault: return ElementType(t)->AsDataObjectType()->CreateInstance().Get();
+    case Kitra::kKindManaged: return new Kitra::MoRef(t->name, "obj-7");
+    case Kitra::kKindEnum: return ElementType(t)->AsEnumType()->CreateBox(0);
+    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(7);
+    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(1LL << 40);
+    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(3);
+    case Kitra::kKindBool: return new Kitra::Primitive<bool>(true);
+    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(-18);
+    case Kitra::kKindFloat: return new Kitra::Primitive<float>(0.5f);
+    case Kitra::kKindDouble: return new Kitra::Primitive<double>(0.25);
+    case Kitra::kKindDateTime: return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(2026, 11, 23));
+    default: return new Kitra::Primitive<std::string>("text");
+    }
+}
+
+// True when `value` may travel where a record of type `t` with `flags` is declared.
+bool Fits(const Any* value, const Kitra::TypeInfo* t, uint32_t flags) {
+    if (value == nullptr) return (flags & Kitra::kFlagOptional) != 0;
+    if (flags & Kitra::kFlagArray) {
+        auto* array = dynamic_cast<const Kitra::ArrayBase*>(value);
+        if (array == nullptr) return false;
+        if (t->kind == Kitra::kKindManaged) return array->GetElementType()->GetKind() == Kitra::kKindManaged;
+        return array->GetElementType() == ElementType(t);
+    }
+    if (t->kind == Kitra::kKindAnyType) return true;
+    return value->_GetType()->IsA(ElementType(t));
+}
+
+struct Declared {
+    const Kitra::ParamTypeInfo* params = nullptr;
+    const Kitra::TypeInfo* result = nullptr;
+    uint32_t resultFlags = 0;
+};
+
+Declared DeclaredOf(Kitra::ManagedMethod* m) {
+    if (m->IsProperty()) return {nullptr, m->GetPropertyInfo()->type, m->GetPropertyInfo()->flags & 3u};
+    const auto* info = m->GetMethodInfo();
+    return {info->params, info->result.type, info->result.flags};
+}
+
+// Checks each call against its record and answers with a value of the declared result type.
+class EchoAdapter : public Kitra::StubAdapter {
+public:
+    void Invoke(const std::string&, Kitra::ManagedMethod* method, Fundix::RefVector<Any>& args, Ref<Any>& result,
+                Kitra::RequestContext*) override {
+        ++calls;
+        Declared d = DeclaredOf(method);
+        size_t count = 0;
+        for (const auto* p = d.params; p != nullptr && p->name != nullptr; ++p, ++count) {
+            if (count >= args.size() || !Fits(args[count].Get(), p->type, p->flags))
+                problems.push_back(method->GetWireName() + " argument " + p->name);
+        }
+        if (count != args.size()) problems.push_back(method->GetWireName() + " argument count");
+        received = args;
+        result = wrongResult ? Ref<Any>(new Kitra::MoRef("kodl.ManagedObject", "x")) : MakeValue(d.result, d.resultFlags & 1);
+    }
+    int calls = 0;
+    bool wrongResult = false;
+    std::vector<std::string> problems;
+    Fundix::RefVector<Any> received;
+};
+
+std::vector<Kitra::ManagedObjectType*> ManagedTypes() {
+    std::vector<Kitra::ManagedObjectType*> all;
+    for (Kitra::Type* t : Kitra::GetTypeMap()->GetTypes())
+        if (std::string(t->GetName()).rfind("morphel.", 0) == 0)
+            if (auto* m = t->AsManagedObjectType()) all.push_back(m);
+    return all;
+}
+
+TEST(CallTest, EveryMethodOfEveryManagedTypeRoundTrips) {
+    Ref<EchoAdapter> echo(new EchoAdapter());
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    int methods = 0;
+    auto types = ManagedTypes();
+    EXPECT_EQ(types.size(), 31u);
+    for (Kitra::ManagedObjectType* type : types) {
+        // The implementation: a stub of the type made through its record's stub factory.
+        Ref<Kitra::ManagedObject> implementation = Kitra::CreateStub(type, "inner", echo.Get());
+        ASSERT_NE(dynamic_cast<Kitra::StubImpl*>(implementation.Get()), nullptr) << type->GetName();
+        EXPECT_STREQ(dynamic_cast<Kitra::StubImpl*>(implementation.Get())->_GetRef()->GetTypeName().c_str(), type->GetName());
+        local->Register("obj", implementation.Get());
+        for (Kitra::ManagedMethod* method : type->GetMethods()) {
+            Declared d = DeclaredOf(method);
+            Fundix::RefVector<Any> args;
+            int i = 0;
+            for (const auto* p = d.params; p != nullptr && p->name != nullptr; ++p, ++i) {
+                // Every second optional parameter stays unset: a null slot, never a shorter vector.
+                bool unset = (p->flags & Kitra::kFlagOptional) && i % 2 == 1;
+                args.push_back(unset ? nullptr : MakeValue(p->type, p->flags));
+            }
+            Ref<Any> result;
+            int before = echo->calls;
+            local->Invoke("obj", method, args, result, nullptr);
+            ++methods;
+            EXPECT_EQ(echo->calls, before + 1) << method->GetWireName();
+            ASSERT_EQ(echo->received.size(), args.size()) << method->GetWireName();
+            for (size_t a = 0; a < args.size(); ++a)
+                EXPECT_TRUE(Kitra::AreEqualAnysInt(echo->received[a].Get(), args[a].Get(), 0, false))
+                    << method->GetWireName() << " argument " << a;
+            EXPECT_TRUE(d.result == nullptr ? result == nullptr : Fits(result.Get(), d.result, d.resultFlags & 1u))
+                << method->GetWireName();
+        }
+        local->Unregister("obj");
+    }
+    EXPECT_EQ(methods, 120 + 47);  // the methods and properties of the 31 managed types
+    for (const auto& p : echo->problems) ADD_FAILURE() << p;
+}
+
+TEST(CallTest, TypedStubsUnboxAndReportFaults) {
+    Ref<EchoAdapter> echo(new EchoAdapter());
+    Ref<Morphel::QueryManagerStub> query(new Morphel::QueryManagerStub("query", echo.Get(), nullptr));
+    Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
+    EXPECT_EQ(query->ValidateAgentAvailability(spec.Get()), Morphel::QueryManager::AgentAvailabilityResult::available);
+    Ref<Morphel::DiagnosticManagerStub> diag(new Morphel::DiagnosticManagerStub("diag", echo.Get(), nullptr));
+    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "text");
+
+    // A result of another class: a type mismatch, and the out-parameter is left as it was.
+    echo->wrongResult = true;
+    Ref<Morphel::Info::ComputerInfo> info(new Morphel::Info::ComputerInfo());
+    EXPECT_THROW(query->Query(spec.Get(), info), Fundix::TypeMismatchException);
+    EXPECT_NE(info.Get(), nullptr);
+    EXPECT_THROW(query->ValidateAgentAvailability(spec.Get()), Fundix::TypeMismatchException);
+
+    // No object under the reference: a fault, not a crash.
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("nobody", local.Get(), nullptr));
+    try {
+        sessions->Logout();
+        FAIL() << "no fault";
+    } catch (const Kitra::Fault::ManagedObjectNotFound::Exception& e) {
+        EXPECT_EQ(e.GetFault()->GetObj()->GetId(), "nobody");
+        EXPECT_EQ(e.GetFault()->GetObj()->GetTypeName(), "morphel.SessionManager");
+    }
+}
+
+// An implementation written by hand: the task manager's maximum, and a fault from destroyTask.
+class TaskManagerImpl : public Morphel::Task::TaskManagerStub {
+public:
+    TaskManagerImpl() : Kitra::StubImpl("impl", nullptr, nullptr), TaskManagerStub("impl", nullptr, nullptr) {}
+    int32_t GetMaxTask() override { return max; }
+    void SetMaxTask(int32_t value) override { max = value; }
+    void DestroyTask(Kitra::MoRef* task) override {
+        Morphel::Fault::JobHasActiveTaskFault::Exception(nullptr, task).Throw();
+    }
+    int32_t max = 10;
+};
+
+TEST(CallTest, DispatchReachesTheImplementationSynchronouslyAndAsynchronously) {
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    Ref<TaskManagerImpl> impl(new TaskManagerImpl());
+    local->Register("tasks", impl.Get());
+    Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
+
+    stub->SetMaxTask(25);
+    EXPECT_EQ(stub->GetMaxTask(), 25);  // a property, read through the same path
+    Ref<Kitra::MoRef> task(new Kitra::MoRef("morphel.task.Task", "task-1"));
+    EXPECT_THROW(stub->DestroyTask(task.Get()), Morphel::Fault::JobFault::Exception);
+
+    // Asynchronous: the completion runs on another thread with the result, or with the fault.
+    std::atomic<int> value{-1};
+    std::atomic<bool> sameThread{true};
+    auto caller = std::this_thread::get_id();
+    Ref<Fundix::System::ScheduledItem> item;
+    stub->GetMaxTask([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any* result) {
+        sameThread = std::this_thread::get_id() == caller;
+        auto* box = dynamic_cast<Kitra::Primitive<int32_t>*>(result);
+        value = e == nullptr && box != nullptr ? box->GetValue() : -2;
+    }, item);
+    ASSERT_TRUE(item);
+    item->Wait();
+    EXPECT_EQ(value, 25);
+    EXPECT_FALSE(sameThread);
+
+    std::string caught;
+    stub->DestroyTask(task.Get(), [&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any* result) {
+        if (auto* f = dynamic_cast<Morphel::Fault::JobHasActiveTaskFault::Exception*>(e))
+            caught = f->GetFault()->GetTask()->GetId();
+        if (result != nullptr) caught = "unexpected result";
+    }, item);
+    item->Wait();
+    EXPECT_EQ(caught, "task-1");
+}
+
+}  // namespace
