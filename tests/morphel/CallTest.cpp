@@ -86,10 +86,13 @@ public:
         }
         if (count != args.size()) problems.push_back(method->GetWireName() + " argument count");
         received = args;
-        result = wrongResult ? Ref<Any>(new Kitra::MoRef("kodl.ManagedObject", "x")) : MakeValue(d.result, d.resultFlags & 1);
+        if (nullResult) result = nullptr;
+        else if (wrongResult) result = new Kitra::MoRef("kodl.ManagedObject", "x");
+        else result = MakeValue(d.result, d.resultFlags & 1);
     }
     int calls = 0;
     bool wrongResult = false;
+    bool nullResult = false;
     std::vector<std::string> problems;
     Fundix::RefVector<Any> received;
 };
@@ -155,6 +158,18 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     EXPECT_THROW(query->Query(spec.Get(), info), Fundix::TypeMismatchException);
     EXPECT_NE(info.Get(), nullptr);
     EXPECT_THROW(query->ValidateAgentAvailability(spec.Get()), Fundix::TypeMismatchException);
+
+    // An absent result: a null out-reference without a fault, but a fault where a value is due.
+    echo->wrongResult = false;
+    echo->nullResult = true;
+    query->Query(spec.Get(), info);
+    EXPECT_EQ(info.Get(), nullptr);
+    try {
+        diag->RetrieveTaskLogBundle("key", 0, 4096);
+        FAIL() << "no fault";
+    } catch (const Kitra::Fault::InvalidArgument::Exception& e) {
+        EXPECT_EQ(e.GetFault()->GetInvalidProperty(), "result");
+    }
 
     // No object under the reference: a fault, not a crash.
     Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
