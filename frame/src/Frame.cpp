@@ -65,8 +65,6 @@ void ThrowMissingValue(const char* name) {
     Kitra::Fault::InvalidArgument::Exception(Fundix::Optional<std::string>(name)).Throw();
 }
 
-void ThrowMissingArgument(const char* name) { ThrowMissingValue(name); }
-
 void ThrowNoMethod(const char* type, int index) {
     throw Fundix::InvalidArgumentException(std::string(type) + " has no method " + std::to_string(index));
 }

@@ -8,11 +8,6 @@
 
 namespace Kitra {
 
-bool ArrayBase::_IsEqual(const Any* other, bool) const {
-    auto* o = dynamic_cast<const ArrayBase*>(other);
-    return o != nullptr && o->GetLength() == 0 && GetLength() == 0;
-}
-
 void ThrowArrayElementMismatch(const Type* element, const Any* value) {
     ThrowTypeMismatch(element != nullptr ? element->GetName() : "?", value);
 }

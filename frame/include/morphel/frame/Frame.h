@@ -77,7 +77,6 @@ void RegisterModule(const ModuleInfo& module);
 namespace Frame {
 
 [[noreturn]] void ThrowMissingValue(const char* name);
-[[noreturn]] void ThrowMissingArgument(const char* name);
 
 inline Fundix::Ref<Kitra::Any> BoxRef(Kitra::Any* value) { return value; }
 template <class T>
@@ -109,7 +108,7 @@ Fundix::Optional<T> UnboxOptional(Kitra::Any* value) {
 
 // Argument `index` of a call; a shorter argument vector raises Kitra::Fault::InvalidArgument.
 inline Kitra::Any* Arg(Fundix::RefVector<Kitra::Any>& arguments, size_t index, const char* name) {
-    if (index >= arguments.size()) ThrowMissingArgument(name);
+    if (index >= arguments.size()) ThrowMissingValue(name);
     return arguments[index].Get();
 }
 

@@ -27,7 +27,6 @@ public:
     virtual void AppendBoxed(const Any* value) = 0;
     ArrayBase* _Clone() const override = 0;
     Type* _GetType() const override { return GetElementType()->GetArrayType(); }
-    bool _IsEqual(const Any* other, bool partial) const override;
 };
 
 // Values of a primitive type, or of an enumeration (stored as the enumeration itself).
