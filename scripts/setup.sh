@@ -3,7 +3,8 @@
 # there; safe to run again.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3)
+packages=(cmake ninja-build g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3
+          libexpat1-dev libxml2-utils)
 if [[ "${MORPHEL_SETUP_EXTRA:-}" != "" ]]; then
     read -r -a extra <<<"$MORPHEL_SETUP_EXTRA"
     packages+=("${extra[@]}")

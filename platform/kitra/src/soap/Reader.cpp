@@ -1,0 +1,959 @@
+// The codec's reader: expat reports elements as they stream by, and each is decoded straight into the
+// typed object its record names. Nothing is handed out unless the whole message was read.
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include <expat.h>
+
+#include <fundix/Optional.h>
+#include <fundix/System/DateTime.h>
+#include <kitra/Array.h>
+#include <kitra/DataObject.h>
+#include <kitra/Field.h>
+#include <kitra/MoRef.h>
+#include <kitra/Primitive.h>
+#include <kitra/fault/types.h>
+
+#include "Internal.h"
+
+namespace Kitra::Soap {
+
+using Fundix::Optional;
+using Fundix::System::DateTime;
+
+namespace {
+
+constexpr char kSep = '\x01';  // between namespace URI and local name in the names expat reports
+
+// What an open element is.
+enum class Kind : uint8_t {
+    Document,  // before the envelope
+    Envelope,
+    Header,
+    VersionId,
+    Skip,  // a header entry nobody needs to understand
+    Body,
+    Request,
+    Response,
+    Fault,
+    FaultText,  // faultcode, faultstring, faultactor
+    Detail,
+    Data,      // a data object or fault being filled
+    Leaf,      // a primitive or enumeration value, or a reference
+    AnyArray,  // ArrayOf<X> in an anyType place
+    Nil,       // an element with xsi:nil="true"
+};
+
+// Where a decoded value goes in its parent.
+struct Slot {
+    const Type* type = nullptr;  // the type to decode (xsi:type applied)
+    int prop = -1;               // property index in the parent data object, or parameter index
+    bool array = false;          // one item of an array
+};
+
+struct Frame {
+    explicit Frame(Kind k, Slot s = {}, const char* n = "", long i = -1) : kind(k), slot(s), name(n), index(i) {}
+
+    Kind kind;
+    Slot slot;
+    const char* name;  // for property paths: a name from the records, or a literal
+    long index;        // item index within an array
+    // Data
+    const DataObjectType* dataType = nullptr;
+    Fundix::Ref<DataObject> object;
+    std::vector<uint64_t> seen;
+    std::vector<std::pair<int, ArrayBase*>> arrays;  // arrays under construction, by property
+    // Leaf: a reference's managed type
+    const Type* refType = nullptr;
+    // AnyArray
+    Fundix::Ref<ArrayBase> anyArray;
+};
+
+struct Stop {};  // unwinds a handler after the error has been recorded
+
+std::string_view Local(const char* name) {
+    const char* sep = std::strchr(name, kSep);
+    return sep != nullptr ? std::string_view(sep + 1) : std::string_view(name);
+}
+
+std::string_view Uri(const char* name) {
+    const char* sep = std::strchr(name, kSep);
+    return sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
+}
+
+std::string_view Trim(std::string_view s) {
+    auto ws = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+    while (!s.empty() && ws(s.front())) s.remove_prefix(1);
+    while (!s.empty() && ws(s.back())) s.remove_suffix(1);
+    return s;
+}
+
+bool IsBlank(std::string_view s) { return Trim(s).empty(); }
+
+class Reader {
+public:
+    Reader(const Codec& codec) : codec_(codec), limits_(codec.GetLimits()) {}
+
+    Message Read(std::string_view text) {
+        if (text.size() > limits_.maxMessageBytes)
+            Detail::ThrowInvalidRequest("message of " + std::to_string(text.size()) + " bytes exceeds the limit of " +
+                 std::to_string(limits_.maxMessageBytes), "");
+        XML_Parser parser = XML_ParserCreateNS("UTF-8", kSep);
+        if (parser == nullptr) throw std::bad_alloc();
+        parser_ = parser;
+        XML_SetUserData(parser, this);
+        XML_SetElementHandler(parser, &Reader::OnStart, &Reader::OnEnd);
+        XML_SetCharacterDataHandler(parser, &Reader::OnText);
+        XML_SetNamespaceDeclHandler(parser, &Reader::OnNsStart, &Reader::OnNsEnd);
+        XML_SetStartDoctypeDeclHandler(parser, &Reader::OnDoctype);
+        XML_SetEntityDeclHandler(parser, &Reader::OnEntity);
+        XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_NEVER);
+        stack_.push_back(Frame{Kind::Document});
+        XML_Status status = XML_Parse(parser, text.data(), static_cast<int>(text.size()), XML_TRUE);
+        if (status != XML_STATUS_OK && !failed_) {
+            reason_ = std::string(XML_ErrorString(XML_GetErrorCode(parser))) + " at line " +
+                      std::to_string(XML_GetCurrentLineNumber(parser)) + ", column " +
+                      std::to_string(XML_GetCurrentColumnNumber(parser));
+            failed_ = true;
+        }
+        XML_ParserFree(parser);
+        parser_ = nullptr;
+        if (failed_) Detail::ThrowInvalidRequest(reason_, errorPath_);
+        if (!haveTop_) Detail::ThrowInvalidRequest("the body holds no message", "");
+        // A fault without a detail that names its class is still a fault.
+        if (message_.kind == MessageKind::Fault && message_.value == nullptr) message_.value = new RuntimeFault();
+        return std::move(message_);
+    }
+
+private:
+    // ---- Failure
+
+    [[noreturn]] void Fail(const std::string& reason, const char* child = nullptr) {
+        if (!failed_) {
+            failed_ = true;
+            reason_ = reason;
+            errorPath_ = Path(child);
+        }
+        if (parser_ != nullptr) XML_StopParser(parser_, XML_FALSE);
+        throw Stop{};
+    }
+
+    std::string Path(const char* child) const {
+        std::string path;
+        auto add = [&](const char* name, long index) {
+            if (*name != '\0') {
+                if (!path.empty()) path += '.';
+                path += name;
+            }
+            if (index >= 0) path += '[' + std::to_string(index) + ']';
+        };
+        for (size_t i = topIndex_ + 1; topIndex_ != 0 && i < stack_.size(); ++i) add(stack_[i].name, stack_[i].index);
+        if (child != nullptr) add(child, -1);
+        return path;
+    }
+
+    // ---- Expat callbacks: each catches everything, since nothing may unwind through the parser.
+
+    template <class F>
+    static void Guard(void* self, F&& f) {
+        auto* r = static_cast<Reader*>(self);
+        if (r->failed_) return;
+        try {
+            f(*r);
+        } catch (const Stop&) {
+        } catch (const Fundix::Exception& e) {
+            r->Record(e.GetMessage());
+        } catch (const std::bad_alloc&) {
+            r->Record("out of memory");
+        } catch (const std::exception& e) {
+            r->Record(e.what());
+        }
+    }
+
+    void Record(const std::string& reason) {
+        if (!failed_) {
+            failed_ = true;
+            reason_ = reason;
+            errorPath_ = Path(nullptr);
+        }
+        XML_StopParser(parser_, XML_FALSE);
+    }
+
+    static void XMLCALL OnStart(void* self, const XML_Char* name, const XML_Char** attrs) {
+        Guard(self, [&](Reader& r) { r.Start(name, attrs); });
+    }
+    static void XMLCALL OnEnd(void* self, const XML_Char*) {
+        Guard(self, [&](Reader& r) { r.End(); });
+    }
+    static void XMLCALL OnText(void* self, const XML_Char* s, int len) {
+        Guard(self, [&](Reader& r) { r.Chars(std::string_view(s, static_cast<size_t>(len))); });
+    }
+    static void XMLCALL OnNsStart(void* self, const XML_Char* prefix, const XML_Char* uri) {
+        Guard(self, [&](Reader& r) { r.ns_.emplace_back(prefix ? prefix : "", uri ? uri : ""); });
+    }
+    static void XMLCALL OnNsEnd(void* self, const XML_Char* prefix) {
+        Guard(self, [&](Reader& r) {
+            std::string_view p = prefix ? prefix : "";
+            for (size_t i = r.ns_.size(); i-- > 0;)
+                if (r.ns_[i].first == p) {
+                    r.ns_.erase(r.ns_.begin() + static_cast<long>(i));
+                    break;
+                }
+        });
+    }
+    static void XMLCALL OnDoctype(void* self, const XML_Char*, const XML_Char*, const XML_Char*, int) {
+        Guard(self, [&](Reader& r) { r.Fail("document type declarations are not accepted"); });
+    }
+    static void XMLCALL OnEntity(void* self, const XML_Char*, int, const XML_Char*, int, const XML_Char*,
+                                 const XML_Char*, const XML_Char*, const XML_Char*) {
+        Guard(self, [&](Reader& r) { r.Fail("entity declarations are not accepted"); });
+    }
+
+    // ---- Structure
+
+    void Push(Frame frame) {
+        if (stack_.size() > limits_.maxDepth) Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
+        stack_.push_back(std::move(frame));
+    }
+
+    const char* Attr(const XML_Char** attrs, std::string_view uri, std::string_view local) const {
+        for (int i = 0; attrs[i] != nullptr; i += 2)
+            if (Local(attrs[i]) == local && Uri(attrs[i]) == uri) return attrs[i + 1];
+        return nullptr;
+    }
+
+    void Start(const char* name, const char** attrs) {
+        Frame& parent = stack_.back();
+        std::string_view uri = Uri(name);
+        std::string_view local = Local(name);
+        switch (parent.kind) {
+        case Kind::Document:
+            if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
+            Push(Frame{Kind::Envelope});
+            return;
+        case Kind::Envelope:
+            if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
+                Push(Frame{Kind::Header});
+            } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
+                haveBody_ = true;
+                Push(Frame{Kind::Body});
+            } else {
+                Fail("unexpected element " + std::string(local) + " in the envelope");
+            }
+            return;
+        case Kind::Header:
+            if (uri == kKodlNs && local == "versionId") {
+                text_.clear();
+                Push(Frame{Kind::VersionId});
+                return;
+            }
+            if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand"); mu != nullptr && std::string_view(mu) == "1")
+                Fail("header " + std::string(local) + " is not understood");
+            Push(Frame{Kind::Skip});
+            return;
+        case Kind::Skip:
+        case Kind::VersionId:
+        case Kind::FaultText:
+            if (parent.kind != Kind::Skip) Fail("unexpected element " + std::string(local));
+            Push(Frame{Kind::Skip});
+            return;
+        case Kind::Body: StartTop(uri, local, attrs); return;
+        case Kind::Fault:
+            if (!uri.empty()) Fail("unexpected element " + std::string(local) + " in a fault");
+            if (local == "detail") {
+                Push(Frame{Kind::Detail});
+            } else if (local == "faultcode" || local == "faultstring" || local == "faultactor") {
+                Push(Frame{Kind::FaultText});
+            } else {
+                Fail("unexpected element " + std::string(local) + " in a fault");
+            }
+            return;
+        case Kind::Detail: StartFaultDetail(local, attrs); return;
+        case Kind::Request: StartParam(local, attrs); return;
+        case Kind::Response: StartReturn(local, attrs); return;
+        case Kind::Data: StartField(uri, local, attrs); return;
+        case Kind::AnyArray: StartAnyItem(local, attrs); return;
+        case Kind::Leaf:
+        case Kind::Nil: Fail("unexpected element " + std::string(local) + " inside a value");
+        }
+    }
+
+    void Chars(std::string_view s) {
+        Frame& top = stack_.back();
+        if (top.kind == Kind::Leaf || top.kind == Kind::VersionId) {
+            if (text_.size() + s.size() > limits_.maxTextBytes)
+                Fail("text longer than " + std::to_string(limits_.maxTextBytes) + " bytes");
+            text_.append(s);
+        } else if (top.kind != Kind::Skip && top.kind != Kind::FaultText && !IsBlank(s)) {
+            Fail("unexpected text");
+        }
+    }
+
+    void End() {
+        Frame& top = stack_.back();
+        switch (top.kind) {
+        case Kind::VersionId:
+            if (Trim(text_) != codec_.GetVersionUri())
+                Fail("the message speaks " + std::string(Trim(text_)) + ", not " + codec_.GetVersionUri());
+            break;
+        case Kind::Body:
+            if (!haveTop_) Fail("the body holds no message");
+            break;
+        case Kind::Leaf: {
+            Fundix::Ref<Any> value = LeafValue(top);
+            if (value != nullptr) Deliver(value);
+            break;
+        }
+        case Kind::Data: {
+            FinishData(top);
+            Fundix::Ref<Any> value(top.object.Get());
+            Deliver(value);
+            break;
+        }
+        case Kind::AnyArray: {
+            Fundix::Ref<Any> value(top.anyArray.Get());
+            Deliver(value);
+            break;
+        }
+        case Kind::Request: FinishRequest(); break;
+        default: break;
+        }
+        stack_.pop_back();
+    }
+
+    // ---- The body's message
+
+    void StartTop(std::string_view uri, std::string_view local, const char** attrs) {
+        if (haveTop_) Fail("the body holds more than one element");
+        haveTop_ = true;
+        topIndex_ = stack_.size();
+        if (uri == kEnvelopeNs && local == "Fault") {
+            message_.kind = MessageKind::Fault;
+            Push(Frame{Kind::Fault});
+            return;
+        }
+        CheckNamespace(uri, local);
+        if (local == "value") {
+            message_.kind = MessageKind::Value;
+            topIndex_ = stack_.size() - 1;  // the value's fields are paths of their own
+            StartValue("", nullptr, attrs, Slot{});
+            return;
+        }
+        if (local == "FetchProperty" || local == "FetchPropertyResponse") {
+            message_.kind = local == "FetchProperty" ? MessageKind::Request : MessageKind::Response;
+            fetch_ = true;
+            if (expected_ != nullptr) {
+                if (message_.kind != MessageKind::Response || !expected_->IsProperty())
+                    Fail("expected a response to " + std::string(expected_->GetWsdlName()) + ", received " +
+                         std::string(local));
+                message_.method = const_cast<ManagedMethod*>(expected_);
+            }
+            Push(Frame{message_.kind == MessageKind::Request ? Kind::Request : Kind::Response});
+            return;
+        }
+        bool response = local.size() > 8 && local.substr(local.size() - 8) == "Response";
+        std::string_view op = response ? local.substr(0, local.size() - 8) : local;
+        ManagedMethod* method = FindOperation(op);
+        if (method == nullptr) Fail("unknown operation " + std::string(local));
+        if (!codec_.Includes(method->GetVersion()))
+            Fail("operation " + std::string(op) + " is not part of " + codec_.GetVersion().name);
+        if (expected_ != nullptr && (!response || method != expected_))
+            Fail("expected a response to " + std::string(expected_->GetWsdlName()) + ", received " + std::string(local));
+        message_.method = method;
+        message_.kind = response ? MessageKind::Response : MessageKind::Request;
+        if (!response) {
+            const MethodTypeInfo* info = method->GetMethodInfo();
+            size_t n = 0;
+            for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p) ++n;
+            message_.arguments.resize(n);
+            paramSeen_.assign(n, false);
+        }
+        Push(Frame{response ? Kind::Response : Kind::Request});
+    }
+
+    void CheckNamespace(std::string_view uri, std::string_view local) {
+        if (!uri.empty() && uri != codec_.GetNamespace())
+            Fail("element " + std::string(local) + " in unknown namespace " + std::string(uri));
+    }
+
+    void StartFaultDetail(std::string_view local, const char** attrs) {
+        if (message_.value != nullptr || faultStarted_) Fail("a fault detail holds more than one fault");
+        faultStarted_ = true;
+        const char* xsi = Attr(attrs, kXsiNs, "type");
+        const Type* type = nullptr;
+        if (xsi != nullptr) {
+            type = ResolveQName(xsi);
+        } else if (local.size() > 5 && local.substr(local.size() - 5) == "Fault") {
+            type = GetTypeMap()->GetTypeByWsdlName(local.substr(0, local.size() - 5));
+        }
+        auto* data = type != nullptr ? type->AsDataObjectType() : nullptr;
+        if (data == nullptr || !data->IsFault()) Fail("unknown fault " + std::string(local));
+        if (!codec_.Knows(data)) Fail("fault " + std::string(data->GetName()) + " is not part of " + codec_.GetVersion().name);
+        topIndex_ = stack_.size() - 1;
+        StartData("", data, Slot{data});
+    }
+
+    void StartParam(std::string_view local, const char** attrs) {
+        static const Type* generic = GetType<ManagedObject>();
+        if (local == "_this") {
+            if (message_.target != nullptr) Fail("_this given twice");
+            StartValue("_this", generic, attrs, Slot{generic, -2});
+            return;
+        }
+        if (fetch_) {
+            if (local != "prop" || haveProp_) Fail("unexpected element " + std::string(local));
+            haveProp_ = true;
+            static const Type* str = GetPrimitiveType(&gStringTypeInfo);
+            StartValue("prop", str, attrs, Slot{str, -3});
+            return;
+        }
+        const MethodTypeInfo* info = message_.method->GetMethodInfo();
+        int i = 0;
+        for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p, ++i) {
+            if (local != p->name) continue;
+            if (!codec_.Includes(p->version))
+                Fail("parameter " + std::string(local) + " is not part of " + codec_.GetVersion().name, p->name);
+            const Type* declared = Detail::TypeOf(p->type);
+            bool array = (p->flags & kFlagArray) != 0;
+            if (!array && paramSeen_[static_cast<size_t>(i)]) Fail("parameter given twice", p->name);
+            paramSeen_[static_cast<size_t>(i)] = true;
+            long index = -1;
+            if (array) {
+                Fundix::Ref<Any>& slot = message_.arguments[static_cast<size_t>(i)];
+                if (slot == nullptr) slot = NewArray(declared);
+                index = static_cast<long>(static_cast<ArrayBase*>(slot.Get())->GetLength());
+                if (static_cast<size_t>(index) >= limits_.maxArrayLength) Fail(ArrayLimit(), p->name);
+            }
+            StartValue(p->name, declared, attrs, Slot{declared, i, array}, index);
+            return;
+        }
+        Fail("unknown parameter " + std::string(local) + " of " + message_.method->GetWsdlName());
+    }
+
+    void StartReturn(std::string_view local, const char** attrs) {
+        static const Type* any = GetPrimitiveType(&gAnyTypeInfo);
+        if (local != "returnval") Fail("unexpected element " + std::string(local) + " in a response");
+        const ManagedMethod* m = message_.method;
+        const Type* declared = any;
+        bool array = false;
+        if (m != nullptr && !m->IsProperty()) {
+            const ParamTypeInfo& result = m->GetMethodInfo()->result;
+            if (result.type == nullptr) Fail("a response to a method without a result holds a result");
+            declared = Detail::TypeOf(result.type);
+            array = (result.flags & kFlagArray) != 0;
+        } else if (m != nullptr) {
+            array = (m->GetPropertyInfo()->flags & kFlagArray) != 0;
+            declared = array ? any : Detail::TypeOf(m->GetPropertyInfo()->type);
+        }
+        if (!array && message_.value != nullptr) Fail("returnval given twice");
+        long index = -1;
+        if (array) {
+            if (message_.value == nullptr) {
+                const Type* element = m != nullptr && m->IsProperty() ? Detail::TypeOf(m->GetPropertyInfo()->type) : declared;
+                message_.value = NewArray(m == nullptr ? any : element);
+            }
+            index = static_cast<long>(static_cast<ArrayBase*>(message_.value.Get())->GetLength());
+            if (static_cast<size_t>(index) >= limits_.maxArrayLength) Fail(ArrayLimit(), "returnval");
+        }
+        // A fetched property's items come typed, since the schema cannot name their type.
+        if (m != nullptr && m->IsProperty() && array) declared = any;
+        StartValue("returnval", declared, attrs, Slot{declared, -4, array}, index);
+    }
+
+    void StartField(std::string_view uri, std::string_view local, const char** attrs) {
+        Frame& parent = stack_.back();
+        CheckNamespace(uri, local);
+        int index = parent.dataType->FindProperty(local);
+        if (index < 0)
+            Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(),
+                 std::string(local).c_str());
+        const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(index)];
+        const PropertyTypeInfo& p = *d.info;
+        if (!codec_.Includes(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
+        bool array = (p.flags & kFlagArray) != 0;
+        uint64_t bit = uint64_t(1) << (index % 64);
+        uint64_t& word = parent.seen[static_cast<size_t>(index / 64)];
+        if (!array && (word & bit)) Fail("property given twice", p.name);
+        word |= bit;
+        const Type* declared = Detail::TypeOf(p.type);
+        long item = -1;
+        if (array) {
+            ArrayBase* a = FieldArray(parent, index, d, declared);
+            item = static_cast<long>(a->GetLength());
+            if (declared->GetKind() == kKindByte) {
+                if (item > 0) Fail("property given twice", p.name);
+                item = -1;
+            } else if (static_cast<size_t>(item) >= limits_.maxArrayLength) {
+                Fail(ArrayLimit(), p.name);
+            }
+        }
+        StartValue(p.name, declared, attrs, Slot{declared, index, array}, item);
+    }
+
+    void StartAnyItem(std::string_view local, const char** attrs) {
+        Frame& parent = stack_.back();
+        ArrayBase* a = parent.anyArray.Get();
+        const Type* element = a->GetElementType();
+        if (local != Detail::ItemName(element)) Fail("unexpected item " + std::string(local));
+        if (a->GetLength() >= limits_.maxArrayLength) Fail(ArrayLimit());
+        StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
+    }
+
+    std::string ArrayLimit() const { return "array longer than " + std::to_string(limits_.maxArrayLength) + " items"; }
+
+    Fundix::Ref<Any> NewArray(const Type* element) {
+        ArrayBase* a = element->NewArray();
+        if (a == nullptr) throw std::bad_alloc();
+        return Fundix::Ref<Any>(a);
+    }
+
+    // The array a data object's array property is being read into; created and attached on first use.
+    ArrayBase* FieldArray(Frame& frame, int index, const PropertyDesc& d, const Type* element) {
+        for (auto& [i, a] : frame.arrays)
+            if (i == index) return a;
+        Fundix::Ref<Any> array = NewArray(element);
+        d.owner->setProperty(frame.object.Get(), d.localIndex, &array);
+        auto* a = static_cast<ArrayBase*>(array.Get());
+        frame.arrays.emplace_back(index, a);
+        return a;
+    }
+
+    // ---- Values
+
+    // Resolves "prefix:Name" against the namespaces in scope.
+    const Type* ResolveQName(std::string_view qname) {
+        std::string_view prefix;
+        std::string_view local = qname;
+        if (size_t colon = qname.find(':'); colon != std::string_view::npos) {
+            prefix = qname.substr(0, colon);
+            local = qname.substr(colon + 1);
+        }
+        std::string_view uri;
+        bool found = false;
+        for (size_t i = ns_.size(); i-- > 0;)
+            if (ns_[i].first == prefix) {
+                uri = ns_[i].second;
+                found = true;
+                break;
+            }
+        if (!found && !prefix.empty()) Fail("unknown namespace prefix in xsi:type " + std::string(qname));
+        if (uri == kXsdNs) {
+            static const TypeInfo* const primitives[] = {&gStringTypeInfo, &gIntTypeInfo,    &gLongTypeInfo,
+                                                         &gShortTypeInfo,  &gBoolTypeInfo,   &gByteTypeInfo,
+                                                         &gFloatTypeInfo,  &gDoubleTypeInfo, &gDateTimeTypeInfo,
+                                                         &gAnyTypeInfo};
+            for (const TypeInfo* t : primitives)
+                if (local == Detail::PrimitiveXsdName(t->kind)) return GetPrimitiveType(t);
+            Fail("unknown type " + std::string(qname));
+        }
+        if (!uri.empty() && uri != codec_.GetNamespace()) Fail("unknown type " + std::string(qname));
+        if (local == "TypeName") return GetPrimitiveType(&gTypeNameTypeInfo);
+        if (local == "PropertyPath") return GetPrimitiveType(&gPropertyPathTypeInfo);
+        if (local == "ManagedObjectReference") return GetType<ManagedObject>();
+        if (local.substr(0, 7) == "ArrayOf") {
+            std::string item(local.substr(7));
+            const Type* element = nullptr;
+            if (item == "ManagedObjectReference") element = GetType<ManagedObject>();
+            else if (item == "TypeName") element = GetPrimitiveType(&gTypeNameTypeInfo);
+            else if (item == "PropertyPath") element = GetPrimitiveType(&gPropertyPathTypeInfo);
+            else if (item == "AnyType") element = GetPrimitiveType(&gAnyTypeInfo);
+            else if (item == "DateTime") element = GetPrimitiveType(&gDateTimeTypeInfo);
+            else {
+                std::string lower = item;
+                if (!lower.empty()) lower[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(lower[0])));
+                static const TypeInfo* const primitives[] = {&gStringTypeInfo, &gIntTypeInfo,   &gLongTypeInfo,
+                                                             &gShortTypeInfo,  &gBoolTypeInfo,  &gByteTypeInfo,
+                                                             &gFloatTypeInfo,  &gDoubleTypeInfo};
+                for (const TypeInfo* t : primitives)
+                    if (lower == t->name) element = GetPrimitiveType(t);
+                if (element == nullptr) element = GetTypeMap()->GetTypeByWsdlName(item);
+            }
+            if (element == nullptr || (element->GetKind() == kKindManaged && element != GetType<ManagedObject>()))
+                Fail("unknown type " + std::string(qname));
+            return element->GetArrayType();
+        }
+        const Type* type = GetTypeMap()->GetTypeByWsdlName(local);
+        if (type == nullptr || type->GetKind() == kKindManaged) Fail("unknown type " + std::string(qname));
+        return type;
+    }
+
+    // Opens an element holding one value of `declared` (null: the value must name its type).
+    void StartValue(const char* name, const Type* declared, const char** attrs, Slot slot, long index = -1) {
+        if (const char* nil = Attr(attrs, kXsiNs, "nil"); nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
+            // Absent: a required property or parameter given as nil is then missing.
+            Frame& parent = stack_.back();
+            if (parent.kind == Kind::Data && !slot.array)
+                parent.seen[static_cast<size_t>(slot.prop / 64)] &= ~(uint64_t(1) << (slot.prop % 64));
+            Frame f(Kind::Nil, slot, name, index);
+            Push(std::move(f));
+            return;
+        }
+        const Type* type = declared;
+        if (const char* xsi = Attr(attrs, kXsiNs, "type")) {
+            const Type* named = ResolveQName(xsi);
+            if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
+                bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
+                if (declared->GetKind() == kKindManaged && named == GetType<ManagedObject>()) ok = true;
+                if (!ok) Fail(std::string("type ") + named->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
+            }
+            type = named;
+        } else if (declared == nullptr || declared->GetKind() == kKindAnyType) {
+            Fail("a value of type anyType needs xsi:type", name);
+        }
+        if (!codec_.Knows(type) && type->GetKind() != kKindManaged)
+            Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+        slot.type = type;
+        if (const DataObjectType* data = type->AsDataObjectType()) {
+            StartData(name, data, slot, index);
+            return;
+        }
+        if (type->GetKind() == kKindArray) {
+            Frame f(Kind::AnyArray, slot, name, index);
+            f.anyArray = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
+            if (f.anyArray == nullptr) throw std::bad_alloc();
+            Push(std::move(f));
+            return;
+        }
+        Frame f(Kind::Leaf, slot, name, index);
+        if (type->GetKind() == kKindManaged) {
+            const char* refType = Attr(attrs, "", "type");
+            if (refType == nullptr) Fail("a reference needs its type", name);
+            const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
+            if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
+            if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+            if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
+                !t->IsA(declared))
+                Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
+            f.refType = t;
+        }
+        text_.clear();
+        Push(std::move(f));
+    }
+
+    void StartData(const char* name, const DataObjectType* type, Slot slot, long index = -1) {
+        Frame f(Kind::Data, slot, name, index);
+        f.dataType = type;
+        f.object = type->CreateInstance();
+        if (f.object == nullptr) throw std::bad_alloc();
+        f.seen.assign(type->GetProperties().size() / 64 + 1, 0);
+        Push(std::move(f));
+    }
+
+    // The missing-required rule, and empty arrays for absent required ones.
+    void FinishData(Frame& frame) {
+        const auto& props = frame.dataType->GetProperties();
+        for (size_t i = 0; i < props.size(); ++i) {
+            const PropertyTypeInfo& p = *props[i].info;
+            if ((frame.seen[i / 64] >> (i % 64)) & 1) continue;
+            if (!codec_.Includes(p.version) || (p.flags & kFlagOptional)) continue;
+            if (p.flags & kFlagArray) {
+                FieldArray(frame, static_cast<int>(i), props[i], Detail::TypeOf(p.type));
+                continue;
+            }
+            Fail("required property missing", p.name);
+        }
+    }
+
+    void FinishRequest() {
+        if (message_.target == nullptr) Fail("the request names no object (_this)");
+        if (fetch_) {
+            const Type* type = GetTypeMap()->GetType(message_.target->GetTypeName());
+            ManagedObjectType* managed = type != nullptr ? const_cast<Type*>(type)->AsManagedObjectType() : nullptr;
+            ManagedMethod* m = managed != nullptr ? managed->FindMethod(fetchName_) : nullptr;
+            if (m == nullptr || !m->IsProperty())
+                Fail("unknown property " + fetchName_ + " of " + (type ? type->GetWsdlName() : std::string("?")));
+            if (!codec_.Includes(m->GetVersion()))
+                Fail("property " + fetchName_ + " is not part of " + codec_.GetVersion().name);
+            message_.method = m;
+            return;
+        }
+        const MethodTypeInfo* info = message_.method->GetMethodInfo();
+        size_t i = 0;
+        for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p, ++i) {
+            if (message_.arguments[i] != nullptr || !codec_.Includes(p->version)) continue;
+            if (p->flags & kFlagArray) {
+                if (!(p->flags & kFlagOptional)) message_.arguments[i] = NewArray(Detail::TypeOf(p->type));
+            } else if (!(p->flags & kFlagOptional)) {
+                Fail("required parameter missing", p->name);
+            }
+        }
+        const Type* owner = message_.method->GetOwner();
+        const Type* target = GetTypeMap()->GetType(message_.target->GetTypeName());
+        if (target == nullptr || !target->IsA(owner))
+            Fail(std::string("object of type ") + message_.target->GetTypeName() + " has no operation " +
+                 message_.method->GetWsdlName(), "_this");
+    }
+
+    // Hands a finished value to the frame below the top.
+    void Deliver(const Fundix::Ref<Any>& value) {
+        Frame& child = stack_.back();
+        Frame& parent = stack_[stack_.size() - 2];
+        const Slot& slot = child.slot;
+        switch (parent.kind) {
+        case Kind::Data: {
+            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(slot.prop)];
+            if (slot.array) {
+                ArrayBase* a = FieldArray(parent, slot.prop, d, Detail::TypeOf(d.info->type));
+                Append(a, value.Get());
+            } else {
+                d.owner->setProperty(parent.object.Get(), d.localIndex, &value);
+            }
+            return;
+        }
+        case Kind::AnyArray: Append(parent.anyArray.Get(), value.Get()); return;
+        case Kind::Request:
+            if (slot.prop == -2) {
+                message_.target = static_cast<MoRef*>(value.Get());
+            } else if (slot.prop == -3) {
+                fetchName_ = static_cast<Primitive<std::string>*>(value.Get())->GetValue();
+            } else if (slot.array) {
+                Append(static_cast<ArrayBase*>(message_.arguments[static_cast<size_t>(slot.prop)].Get()), value.Get());
+            } else {
+                message_.arguments[static_cast<size_t>(slot.prop)] = value;
+            }
+            return;
+        case Kind::Response:
+            if (slot.array) Append(static_cast<ArrayBase*>(message_.value.Get()), value.Get());
+            else message_.value = value;
+            return;
+        case Kind::Detail:
+        case Kind::Body: message_.value = value; return;
+        default: return;
+        }
+    }
+
+    void Append(ArrayBase* array, Any* value) {
+        if (auto* items = dynamic_cast<DataArrayBase*>(array)) {
+            items->AppendAny(value);  // its class was checked against the element type on the way in
+        } else {
+            array->AppendBoxed(value);
+        }
+    }
+
+    // ---- Lexical forms
+
+    [[noreturn]] void Lexical(const char* what) {
+        std::string shown = text_.size() > 64 ? text_.substr(0, 64) + "..." : text_;
+        Fail(std::string("not ") + what + ": \"" + shown + "\"");
+    }
+
+    template <class T>
+    T Integer(const char* what) {
+        std::string_view s = Trim(text_);
+        if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+        T value{};
+        auto r = std::from_chars(s.data(), s.data() + s.size(), value);
+        if (r.ec == std::errc::result_out_of_range) Lexical((std::string("in range for ") + what).c_str());
+        if (r.ec != std::errc() || r.ptr != s.data() + s.size() || s.empty()) Lexical(what);
+        return value;
+    }
+
+    template <class T>
+    T Real(const char* what) {
+        std::string_view s = Trim(text_);
+        if (s == "INF" || s == "+INF") return std::numeric_limits<T>::infinity();
+        if (s == "-INF") return -std::numeric_limits<T>::infinity();
+        if (s == "NaN") return std::numeric_limits<T>::quiet_NaN();
+        if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+        T value{};
+        auto r = std::from_chars(s.data(), s.data() + s.size(), value);
+        if (r.ec != std::errc() || r.ptr != s.data() + s.size() || s.empty()) Lexical(what);
+        return value;
+    }
+
+    bool Boolean() {
+        std::string_view s = Trim(text_);
+        if (s == "true" || s == "1") return true;
+        if (s == "false" || s == "0") return false;
+        Lexical("a boolean");
+    }
+
+    DateTime Date() {
+        DateTime value;
+        if (!DateTime::ParseIso8601(Trim(text_), value)) Lexical("a dateTime");
+        return value;
+    }
+
+    std::vector<int8_t> Base64() {
+        std::vector<int8_t> out;
+        out.reserve(text_.size() * 3 / 4);
+        unsigned acc = 0;
+        int bits = 0;
+        size_t pad = 0, count = 0;
+        for (char c : text_) {
+            int v;
+            if (c >= 'A' && c <= 'Z') v = c - 'A';
+            else if (c >= 'a' && c <= 'z') v = c - 'a' + 26;
+            else if (c >= '0' && c <= '9') v = c - '0' + 52;
+            else if (c == '+') v = 62;
+            else if (c == '/') v = 63;
+            else if (c == '=') { ++pad; ++count; continue; }
+            else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') continue;
+            else Lexical("base64");
+            if (pad > 0) Lexical("base64");
+            ++count;
+            acc = (acc << 6) | static_cast<unsigned>(v);
+            bits += 6;
+            if (bits >= 8) {
+                bits -= 8;
+                out.push_back(static_cast<int8_t>((acc >> bits) & 0xFF));
+            }
+        }
+        if (count % 4 != 0 || pad > 2) Lexical("base64");
+        return out;
+    }
+
+    int32_t EnumValue(const Type* type) {
+        const EnumType* e = type->AsEnumType();
+        std::string_view s = Trim(text_);
+        if (e == nullptr || !e->IsValidText(s)) {
+            std::string shown(s.substr(0, 64));
+            Fail("unknown value \"" + shown + "\" of " + type->GetWsdlName());
+        }
+        return e->TextToValue(s);
+    }
+
+    // Stores a leaf straight into its data-object field when it is one; otherwise returns it boxed.
+    Fundix::Ref<Any> LeafValue(Frame& leaf) {
+        const Type* type = leaf.slot.type;
+        uint32_t kind = type->GetKind();
+        Frame& parent = stack_[stack_.size() - 2];
+        if (parent.kind == Kind::Data) {
+            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(leaf.slot.prop)];
+            if (leaf.slot.array) {
+                ArrayBase* a = FieldArray(parent, leaf.slot.prop, d, type);
+                if (AppendText(a, kind, type)) return nullptr;
+            } else if (StoreText(parent.object.Get(), d, kind, type)) {
+                return nullptr;
+            }
+        }
+        return Box(type, kind, leaf);
+    }
+
+    template <class T>
+    void Store(DataObject* object, const PropertyDesc& d, T value) {
+        if (d.info->flags & kFlagOptional) {
+            Optional<T> o(std::move(value));
+            d.owner->setProperty(object, d.localIndex, &o);
+        } else {
+            d.owner->setProperty(object, d.localIndex, &value);
+        }
+    }
+
+    bool StoreText(DataObject* object, const PropertyDesc& d, uint32_t kind, const Type* type) {
+        if (d.info->type->kind != kind) return false;  // an anyType field holding a primitive
+        switch (kind) {
+        case kKindString:
+        case kKindTypeName:
+        case kKindPropertyPath: Store<std::string>(object, d, text_); return true;
+        case kKindInt: Store(object, d, Integer<int32_t>("an int")); return true;
+        case kKindLong: Store(object, d, Integer<int64_t>("a long")); return true;
+        case kKindShort: Store(object, d, Integer<int16_t>("a short")); return true;
+        case kKindByte: Store(object, d, Integer<int8_t>("a byte")); return true;
+        case kKindBool: Store(object, d, Boolean()); return true;
+        case kKindFloat: Store(object, d, Real<float>("a float")); return true;
+        case kKindDouble: Store(object, d, Real<double>("a double")); return true;
+        case kKindDateTime: Store(object, d, Date()); return true;
+        case kKindEnum: Store(object, d, EnumValue(type)); return true;
+        default: return false;
+        }
+    }
+
+    template <class T>
+    static void Add(ArrayBase* a, T value) {
+        static_cast<Kitra::Array<T>*>(a)->Append(std::move(value));
+    }
+
+    bool AppendText(ArrayBase* a, uint32_t kind, const Type* type) {
+        switch (kind) {
+        case kKindString: Add<std::string>(a, text_); return true;
+        case kKindTypeName: Add<TypeName>(a, TypeName(text_)); return true;
+        case kKindPropertyPath: Add<PropertyPath>(a, PropertyPath(text_)); return true;
+        case kKindInt: Add(a, Integer<int32_t>("an int")); return true;
+        case kKindLong: Add(a, Integer<int64_t>("a long")); return true;
+        case kKindShort: Add(a, Integer<int16_t>("a short")); return true;
+        case kKindBool: Add(a, Boolean()); return true;
+        case kKindFloat: Add(a, Real<float>("a float")); return true;
+        case kKindDouble: Add(a, Real<double>("a double")); return true;
+        case kKindDateTime: Add(a, Date()); return true;
+        case kKindByte: {
+            auto bytes = Base64();
+            if (bytes.size() > limits_.maxArrayLength) Fail(ArrayLimit());
+            static_cast<Kitra::Array<int8_t>*>(a)->GetValues() = std::move(bytes);
+            return true;
+        }
+        case kKindEnum: {
+            const EnumType* e = type->AsEnumType();
+            a->AppendBoxed(e->CreateBox(EnumValue(type)).Get());
+            return true;
+        }
+        default: return false;
+        }
+    }
+
+    Fundix::Ref<Any> Box(const Type* type, uint32_t kind, const Frame& leaf) {
+        switch (kind) {
+        case kKindString: return new Primitive<std::string>(text_);
+        case kKindTypeName: return new Primitive<TypeName>(TypeName(text_));
+        case kKindPropertyPath: return new Primitive<PropertyPath>(PropertyPath(text_));
+        case kKindInt: return new Primitive<int32_t>(Integer<int32_t>("an int"));
+        case kKindLong: return new Primitive<int64_t>(Integer<int64_t>("a long"));
+        case kKindShort: return new Primitive<int16_t>(Integer<int16_t>("a short"));
+        case kKindByte: return new Primitive<int8_t>(Integer<int8_t>("a byte"));
+        case kKindBool: return new Primitive<bool>(Boolean());
+        case kKindFloat: return new Primitive<float>(Real<float>("a float"));
+        case kKindDouble: return new Primitive<double>(Real<double>("a double"));
+        case kKindDateTime: return new Primitive<DateTime>(Date());
+        case kKindEnum: return type->AsEnumType()->CreateBox(EnumValue(type));
+        case kKindManaged: return new MoRef(leaf.refType->GetName(), text_);
+        default: Fail(std::string("cannot read a value of type ") + type->GetName());
+        }
+    }
+
+    const Codec& codec_;
+    const Limits& limits_;
+    XML_Parser parser_ = nullptr;
+    std::vector<Frame> stack_;
+    std::vector<std::pair<std::string, std::string>> ns_;
+    std::string text_;
+    bool failed_ = false;
+    std::string reason_;
+    std::string errorPath_;
+    bool haveBody_ = false;
+    bool haveTop_ = false;
+    bool faultStarted_ = false;
+    bool fetch_ = false;
+    bool haveProp_ = false;
+    std::string fetchName_;
+    size_t topIndex_ = 0;
+    std::vector<bool> paramSeen_;
+    Message message_;
+
+public:
+    const ManagedMethod* expected_ = nullptr;
+};
+
+}  // namespace
+
+Message Codec::Decode(std::string_view message) const {
+    Reader reader(*this);
+    return reader.Read(message);
+}
+
+Fundix::Ref<Any> Codec::DecodeResponse(const ManagedMethod* method, std::string_view text) const {
+    Reader reader(*this);
+    reader.expected_ = method;
+    Message m = reader.Read(text);
+    if (m.kind == MessageKind::Fault) {
+        auto* fault = static_cast<MethodFault*>(m.value.Get());
+        fault->Throw();
+    }
+    if (m.kind != MessageKind::Response) Detail::ThrowInvalidRequest("expected a response", "");
+    if (method->IsProperty() && m.value == nullptr) return nullptr;
+    return m.value;
+}
+
+}  // namespace Kitra::Soap
