@@ -58,7 +58,7 @@ TEST(Messages, EveryMethodRequestAndResponseInEveryVersion) {
                 } else {
                     const Kitra::MethodTypeInfo* info = method->GetMethodInfo();
                     int seed = 0;
-                    for (const Kitra::ParamTypeInfo* p = info->params; p->name != nullptr; ++p, ++seed)
+                    for (const Kitra::ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p, ++seed)
                         args.push_back(codec.Includes(p->version) ? Argument(*p, codec, seed) : nullptr);
                     if (info->result.type != nullptr) result = Argument(info->result, codec, 9);
                     ++requests;
