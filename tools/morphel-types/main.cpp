@@ -3,6 +3,8 @@
 //   morphel-types dump               the whole type map as JSON
 //   morphel-types describe NAME...   one type for a person, by wire name
 //   morphel-types list               the wire names of all types, one per line
+//   morphel-types decode --version V         reads a message on standard input and prints what it holds
+//   morphel-types encode --version V NAME    writes a message holding a filled sample of a data type
 #include <iostream>
 #include <string>
 
@@ -16,7 +18,10 @@ namespace {
 int Usage(std::ostream& out, int status) {
     out << "usage: morphel-types dump\n"
            "       morphel-types describe <wire name>...   (for example morphel.task.TaskInfo)\n"
-           "       morphel-types list\n";
+           "       morphel-types list\n"
+           "       morphel-types decode --version <version>   (a message on standard input; version2 or\n"
+           "                                                  morphel.version.version2)\n"
+           "       morphel-types encode --version <version> <wire name>   (a filled sample value)\n";
     return status;
 }
 
@@ -48,5 +53,9 @@ int main(int argc, char** argv) {
         }
         return status;
     }
+    if (command == "decode" && argc == 4 && std::string(argv[2]) == "--version")
+        return MorphelTypesTool::DecodeCommand(argv[3], std::cin, std::cout, std::cerr);
+    if (command == "encode" && argc == 5 && std::string(argv[2]) == "--version")
+        return MorphelTypesTool::EncodeCommand(argv[3], argv[4], std::cout, std::cerr);
     return Usage(std::cerr, 2);
 }
