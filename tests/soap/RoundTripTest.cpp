@@ -85,9 +85,10 @@ TEST(RoundTrip, LaterFieldsStayBehindForOlderPeers) {
 }
 
 TEST(RoundTrip, TypesAPeerDoesNotKnowAreRefused) {
-    for (auto [type, version] : {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
-                                 std::pair{"morphel.params.ThrottlingParams", 1},
-                                 std::pair{"morphel.server.job.JobInfo", 1}}) {
+    for (const auto& c : {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
+                          std::pair{"morphel.params.ThrottlingParams", 1}, std::pair{"morphel.server.job.JobInfo", 1}}) {
+        const char* type = c.first;
+        int version = c.second;
         std::string out = "kept";
         auto fault = FaultOf<Kitra::Fault::NotInVersion>([&] {
             Kitra::Soap::Codec(V(version)).EncodeValue(Sample(type).Get(), out);

@@ -549,10 +549,18 @@ std::string ModuleEmitter::Header() {
         p.Print(" };\n");
     }
     EmitEnumConstantsDecl(p, nullptr, "");
+    bool managed = false;
+    for (const auto* t : types_) managed = managed || t->kind == TypeDecl::Managed;
+    // A managed type may redeclare a property of its base with a narrower type; its operations then hide
+    // the base's by design.
+    if (managed)
+        p.Print("\n#if defined(__clang__)\n#pragma clang diagnostic push\n"
+                "#pragma clang diagnostic ignored \"-Woverloaded-virtual\"\n#endif\n");
     for (const auto* t : ClassOrder()) {
         if (t->kind == TypeDecl::Data) EmitDataClass(p, t);
         else EmitManagedClass(p, t);
     }
+    if (managed) p.Print("\n#if defined(__clang__)\n#pragma clang diagnostic pop\n#endif\n");
     p.Print("\n}  // namespace $ns$\n\nnamespace Kitra {\n", {{"ns", module_.ns}});
     for (const auto* t : ordered_) p.Print("template <>\nType* GetType<$q$>();\n", {{"q", t->qualFlat}});
     p.Print("}  // namespace Kitra\n\n");
