@@ -79,7 +79,10 @@ public:
     Fundix::Ref<Any> DecodeResponse(const ManagedMethod* method, std::string_view message) const;
 
 private:
+    struct Index;
+
     const Version* version_;
+    const Index* index_;  // shared by every codec of the version, immutable once built
     Limits limits_;
     std::string versionUri_;
     std::string namespace_;

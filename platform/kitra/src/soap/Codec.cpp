@@ -1,5 +1,6 @@
 // The codec's version handling and what writer and reader share.
 #include <map>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -12,17 +13,62 @@
 
 namespace Kitra::Soap {
 
+// Which version words of the records a version includes, by the words' addresses: records compare by
+// pointer on the hot path instead of by text. Built once per version from every registered record.
+struct Codec::Index {
+    std::unordered_map<const char*, bool> included;
+};
+
+namespace {
+
+bool IncludesText(const Version& version, const char* introduced) {
+    if (introduced == nullptr || *introduced == '\0') return true;
+    for (const auto& v : version.includes)
+        if (v == introduced) return true;
+    return false;
+}
+
+}  // namespace
+
 Codec::Codec(std::string_view version, Limits limits) : version_(GetVersionMap()->GetVersion(version)), limits_(limits) {
     if (version_ == nullptr) throw Fundix::InvalidArgumentException("unknown version " + std::string(version));
     versionUri_ = "urn:" + version_->wireNamespace + "/" + version_->versionString;
     namespace_ = "urn:" + version_->serviceNamespace;
+
+    static std::mutex mutex;
+    static auto* indexes = new std::map<const Version*, std::unique_ptr<Index>>();
+    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_ptr<Index>& index = (*indexes)[version_];
+    if (index == nullptr) {
+        auto built = std::make_unique<Index>();
+        auto add = [&](const char* word) {
+            if (word != nullptr) built->included.emplace(word, IncludesText(*version_, word));
+        };
+        for (Type* t : GetTypeMap()->GetTypes()) {
+            add(t->GetVersion());
+            if (const DataObjectType* d = t->AsDataObjectType()) {
+                for (const PropertyDesc& p : d->GetProperties()) add(p.info->version);
+            } else if (const ManagedObjectType* m = t->AsManagedObjectType()) {
+                for (const ManagedMethod* method : m->GetMethods()) {
+                    add(method->GetVersion());
+                    if (const MethodTypeInfo* info = method->GetMethodInfo()) {
+                        add(info->result.version);
+                        for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p)
+                            add(p->version);
+                    }
+                }
+            }
+        }
+        index = std::move(built);
+    }
+    index_ = index.get();
 }
 
 bool Codec::Includes(const char* introduced) const {
-    if (introduced == nullptr || *introduced == '\0') return true;
-    for (const auto& v : version_->includes)
-        if (v == introduced) return true;
-    return false;
+    if (introduced == nullptr) return true;
+    auto it = index_->included.find(introduced);
+    if (it != index_->included.end()) return it->second;
+    return IncludesText(*version_, introduced);
 }
 
 bool Codec::Knows(const Type* type) const {

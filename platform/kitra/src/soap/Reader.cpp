@@ -65,6 +65,7 @@ struct Frame {
     const DataObjectType* dataType = nullptr;
     Fundix::Ref<DataObject> object;
     std::vector<uint64_t> seen;
+    int lastField = -1;
     std::vector<std::pair<int, ArrayBase*>> arrays;  // arrays under construction, by property
     // Leaf: a reference's managed type
     const Type* refType = nullptr;
@@ -466,7 +467,7 @@ private:
     void StartField(std::string_view uri, std::string_view local, const char** attrs) {
         Frame& parent = stack_.back();
         CheckNamespace(uri, local);
-        int index = parent.dataType->FindProperty(local);
+        int index = FindField(parent, local);
         if (index < 0)
             Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(),
                  std::string(local).c_str());
@@ -491,6 +492,19 @@ private:
             }
         }
         StartValue(p.name, declared, attrs, Slot{declared, index, array}, item);
+    }
+
+    // Children usually come in declaration order, an array's items one after another: try the property
+    // after the last one found, then that one again, before searching.
+    int FindField(Frame& frame, std::string_view local) {
+        const auto& props = frame.dataType->GetProperties();
+        int n = static_cast<int>(props.size());
+        for (int i : {frame.lastField + 1, frame.lastField}) {
+            if (i >= 0 && i < n && local == props[static_cast<size_t>(i)].info->name) return frame.lastField = i;
+        }
+        int found = frame.dataType->FindProperty(local);
+        if (found >= 0) frame.lastField = found;
+        return found;
     }
 
     void StartAnyItem(std::string_view local, const char** attrs) {
