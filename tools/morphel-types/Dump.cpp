@@ -6,8 +6,6 @@
 
 namespace MorphelTypesTool {
 
-namespace {
-
 std::string Json(const char* text) {
     if (text == nullptr) return "null";
     std::string out = "\"";
@@ -33,6 +31,8 @@ std::string Json(const char* text) {
 }
 
 std::string Json(const std::string& text) { return Json(text.c_str()); }
+
+namespace {
 
 const char* TypeName(const Kitra::TypeInfo* t) { return t != nullptr ? t->name : nullptr; }
 

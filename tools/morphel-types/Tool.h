@@ -16,6 +16,10 @@ bool Describe(std::ostream& out, const std::string& wireName);
 // The C++ name of a type from its wire name ("morphel.task.TaskInfo.State" -> "Morphel::Task::TaskInfo::State").
 std::string CppName(const std::string& wireName);
 
+// A JSON string literal of `text` ("null" for a null pointer).
+std::string Json(const char* text);
+std::string Json(const std::string& text);
+
 // "version2" -> "morphel.version.version2"; full names stay as they are.
 std::string FullVersionName(const std::string& version);
 

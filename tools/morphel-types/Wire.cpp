@@ -14,20 +14,7 @@ namespace MorphelTypesTool {
 
 namespace {
 
-std::string Quoted(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default: out += c;
-        }
-    }
-    return out + "\"";
-}
+std::string Quoted(const std::string& text) { return Json(text); }
 
 class Printer {
 public:
