@@ -30,4 +30,8 @@ int DecodeCommand(const std::string& version, std::istream& in, std::ostream& ou
 // Writes a value message holding a filled sample of the data object or fault `wireName`.
 int EncodeCommand(const std::string& version, const std::string& wireName, std::ostream& out, std::ostream& err);
 
+// Writes the WSDL (`wsdl`) or the XML Schema of a version; an unknown version is reported on `err` and
+// gives 2.
+int SchemaCommand(const std::string& version, bool wsdl, std::ostream& out, std::ostream& err);
+
 }  // namespace MorphelTypesTool

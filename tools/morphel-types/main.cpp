@@ -5,6 +5,8 @@
 //   morphel-types list               the wire names of all types, one per line
 //   morphel-types decode --version V         reads a message on standard input and prints what it holds
 //   morphel-types encode --version V NAME    writes a message holding a filled sample of a data type
+//   morphel-types wsdl --version V           the WSDL 1.1 of a version, its XML Schema embedded
+//   morphel-types xsd --version V            the XML Schema of a version
 #include <iostream>
 #include <string>
 
@@ -21,7 +23,9 @@ int Usage(std::ostream& out, int status) {
            "       morphel-types list\n"
            "       morphel-types decode --version <version>   (a message on standard input; version2 or\n"
            "                                                  morphel.version.version2)\n"
-           "       morphel-types encode --version <version> <wire name>   (a filled sample value)\n";
+           "       morphel-types encode --version <version> <wire name>   (a filled sample value)\n"
+           "       morphel-types wsdl --version <version>   (WSDL 1.1 of the version, schema embedded)\n"
+           "       morphel-types xsd --version <version>    (XML Schema of the version)\n";
     return status;
 }
 
@@ -57,5 +61,7 @@ int main(int argc, char** argv) {
         return MorphelTypesTool::DecodeCommand(argv[3], std::cin, std::cout, std::cerr);
     if (command == "encode" && argc == 5 && std::string(argv[2]) == "--version")
         return MorphelTypesTool::EncodeCommand(argv[3], argv[4], std::cout, std::cerr);
+    if ((command == "wsdl" || command == "xsd") && argc == 4 && std::string(argv[2]) == "--version")
+        return MorphelTypesTool::SchemaCommand(argv[3], command == "wsdl", std::cout, std::cerr);
     return Usage(std::cerr, 2);
 }
