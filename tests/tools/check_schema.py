@@ -17,8 +17,8 @@ if shutil.which("xmllint") is None:
 WSDL = "{http://schemas.xmlsoap.org/wsdl/}"
 SOAP = "{http://schemas.xmlsoap.org/wsdl/soap/}"
 XSD = "{http://www.w3.org/2001/XMLSchema}"
-INSTANCE = ('<value xmlns="urn:morphel" xmlns:xsd="http://www.w3.org/2001/XMLSchema" '
-            'xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" xsi:type="{}">{}</value>')
+INSTANCE = ('<value xmlns="urn:morphel" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" '
+            'xsi:type="ArrayOfInt"><int>{}</int></value>')
 
 failures = []
 
@@ -45,10 +45,10 @@ with tempfile.TemporaryDirectory() as tmp:
         wsdl, xsd = run(["wsdl", "--version", version]), run(["xsd", "--version", version])
         check(wsdl.returncode == 0 and xsd.returncode == 0, version + ": both commands exit 0")
         check(run(["wsdl", "--version", version]).stdout == wsdl.stdout, version + ": the same WSDL every run")
-        paths = {name: os.path.join(tmp, "%s.%s" % (version, name)) for name in ("wsdl", "xsd", "good", "bad")}
-        contents = {"wsdl": wsdl.stdout, "xsd": xsd.stdout, "good": INSTANCE.format("ArrayOfInt", "<int>-1</int>"),
-                    "bad": INSTANCE.format("ArrayOfInt", "<int>one</int>")}
-        for name, text in contents.items():
+        paths = {}
+        for name, text in (("wsdl", wsdl.stdout), ("xsd", xsd.stdout), ("good", INSTANCE.format("-1")),
+                           ("bad", INSTANCE.format("one"))):
+            paths[name] = os.path.join(tmp, "%s.%s" % (version, name))
             with open(paths[name], "wb") as f:
                 f.write(text if isinstance(text, bytes) else text.encode())
         lint = xmllint([paths["wsdl"]])
