@@ -1,7 +1,7 @@
 # Installs the libraries, their headers, the tools, a CMake package and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS fundix kitra dovra morphelTypes EXPORT morphelTypesTargets
+install(TARGETS fundix kitra kitrahttp dovra morphelTypes EXPORT morphelTypesTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
