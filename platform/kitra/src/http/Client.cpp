@@ -60,6 +60,7 @@ std::unique_ptr<StubAdapter::Connection> StubAdapter::Take() {
     c->client.set_read_timeout(rs, ru);
     c->client.set_write_timeout(rs, ru);
     c->client.set_keep_alive(true);
+    c->client.set_tcp_nodelay(true);  // a request is one write: do not hold it back waiting for an acknowledgement
     return c;
 }
 

@@ -241,6 +241,7 @@ int Server::Start() {
     // Bodies a little past the codec's limit still reach it, so that they get a fault rather than a bare status.
     impl.http.set_payload_max_length(impl.options.limits.maxMessageBytes + (size_t(1) << 20));
     impl.http.set_keep_alive_max_count(1000);
+    impl.http.set_tcp_nodelay(true);
     impl.http.Post(impl.options.path, [this](const httplib::Request& request, httplib::Response& response) {
         Reply reply = Handle(request.body, request.get_header_value("SOAPAction"), request.get_header_value("Cookie"),
                              request.remote_addr);
