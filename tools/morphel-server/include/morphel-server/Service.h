@@ -1,0 +1,65 @@
+// The in-memory reference service: the root object, sessions, queries about the machine it runs on,
+// conversion jobs with simulated tasks, events with history collectors, and a diagnostic manager, served
+// through a Kitra::Http::Server.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <kitra/Http.h>
+
+namespace MorphelServer {
+
+struct Account {
+    std::string name;
+    std::string password;
+};
+
+// "name:password" (the password may contain colons); false when there is no colon or the name is empty.
+bool ParseAccount(const std::string& text, Account& out);
+// Accounts from a file of "name:password" lines; blank lines and lines starting with '#' are skipped.
+// Throws std::runtime_error naming the file (and line) when it cannot be read or a line is malformed.
+std::vector<Account> ReadAccounts(const std::string& path);
+
+struct ServiceOptions {
+    std::vector<Account> accounts;  // none: the one account demo:demo
+    // How long a simulated conversion runs from start to success.
+    std::chrono::milliseconds conversionTime{2500};
+};
+
+// The managed objects the service registers, by identifier.
+inline constexpr const char* kServiceInstanceId = "ServiceInstance";
+inline constexpr const char* kSessionManagerId = "SessionManager";
+inline constexpr const char* kQueryManagerId = "QueryManager";
+inline constexpr const char* kConversionManagerId = "ConversionManager";
+inline constexpr const char* kTaskManagerId = "TaskManager";
+inline constexpr const char* kEventManagerId = "EventManager";
+inline constexpr const char* kDiagnosticManagerId = "DiagnosticManager";
+
+class Service {
+public:
+    explicit Service(ServiceOptions options = {});
+    // Waits for the conversions still running. Stop the server first: its objects call into the service.
+    ~Service();
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    // Registers the managed objects with `server` and installs the privilege check and the faults for a
+    // call without a session (dovra.fault.NotAuthenticated) and for a missing privilege
+    // (dovra.fault.NoPermission). A service serves one server.
+    void Attach(Kitra::Http::Server& server);
+
+    // The API versions served, newest first.
+    static std::vector<std::string> Versions();
+    // The privilege check: "demo" holds every privilege; other accounts hold every privilege but
+    // Sessions.TerminateSession and Task.Update.
+    static bool HasPrivilege(const std::string& userName, const std::string& privilege);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace MorphelServer
