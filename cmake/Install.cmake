@@ -5,7 +5,7 @@ install(TARGETS fundix kitra kitrahttp dovra morphelTypes EXPORT morphelTypesTar
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS morphel-types RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS morphel-types morphel-server morphel-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY platform/fundix/include/ platform/kitra/include/ frame/include/
         ${MORPHEL_GENERATED_DIR}/kitra/include/ ${MORPHEL_GENERATED_DIR}/dovra/include/
         ${MORPHEL_GENERATED_DIR}/morphel/include/
