@@ -1,0 +1,332 @@
+// The reference service over HTTP on loopback: the typical request of a conversion client, sessions and
+// privileges, faults, and what it reads of the machine.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <dovra/fault/types.h>
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
+#include <morphel-server/Machine.h>
+#include <morphel-server/Service.h>
+#include <morphel/event/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/info/types.h>
+#include <morphel/params/types.h>
+#include <morphel/propertyInfo/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+using Fundix::Ref;
+using MorphelServer::Service;
+
+// The fault of class `Fault` that `f` raises, or null (and a failure) when it raises another or none.
+template <class Fault, class F>
+Ref<Fault> ExpectFault(F&& f) {
+    try {
+        f();
+        ADD_FAILURE() << "no fault";
+    } catch (const typename Fault::Exception& e) {
+        return e.GetFault();
+    } catch (const Fundix::Exception& e) {
+        ADD_FAILURE() << "raised " << e.GetMessage();
+    }
+    return nullptr;
+}
+
+class ServerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        MorphelServer::ServiceOptions options;
+        options.accounts = {{"demo", "demo"}, {"ann", "a:b"}};
+        options.conversionTime = std::chrono::milliseconds(400);
+        service_ = std::make_unique<Service>(options);
+        Kitra::Http::ServerOptions serverOptions;
+        serverOptions.versions = Service::Versions();
+        server_ = std::make_unique<Kitra::Http::Server>(serverOptions);
+        service_->Attach(*server_);
+        server_->Start();
+    }
+    void TearDown() override {
+        server_->Stop();
+        server_.reset();
+        service_.reset();
+    }
+
+    struct Client {
+        Ref<Kitra::Http::StubAdapter> adapter;
+        Ref<Morphel::SessionManagerStub> sessions;
+        Ref<Morphel::QueryManagerStub> queries;
+        Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
+        Ref<Morphel::Event::EventManagerStub> events;
+        template <class Stub>
+        Ref<Stub> Make(const Kitra::MoRef* ref) const {
+            return new Stub(ref->GetId(), adapter.Get(), nullptr);
+        }
+    };
+
+    Client Connect(const char* version = "morphel.version.version4") {
+        Client c;
+        c.adapter = new Kitra::Http::StubAdapter(server_->GetUrl(), version);
+        Ref<Morphel::ServiceInstanceStub> root(new Morphel::ServiceInstanceStub("ServiceInstance", c.adapter.Get(), nullptr));
+        Ref<Morphel::ServiceInstanceContent> content;
+        root->RetrieveContent(content);
+        c.sessions = c.Make<Morphel::SessionManagerStub>(content->GetSessionManager());
+        c.queries = c.Make<Morphel::QueryManagerStub>(content->GetQueryManager());
+        c.events = c.Make<Morphel::Event::EventManagerStub>(content->GetEventManager());
+        if (content->GetConversionManager() != nullptr)
+            c.conversions = c.Make<Morphel::Server::Conversion::ConversionManagerStub>(content->GetConversionManager());
+        return c;
+    }
+    static Ref<Morphel::UserSession> Login(Client& c, const std::string& user, const std::string& password) {
+        Ref<Morphel::UserSession> s;
+        c.sessions->Login(user, password, Fundix::Optional<std::string>(), s);
+        return s;
+    }
+
+    static Ref<Morphel::ComputerSpec> ThisMachine() {
+        char host[256] = {};
+        gethostname(host, sizeof(host) - 1);
+        return new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+            new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {})).Get());
+    }
+
+    // Clones one disk: `diskId` with the volume `volumeId`, into a hosted machine.
+    static Ref<Morphel::Params::ConversionParams> Params(const std::string& diskId, const std::string& volumeId) {
+        using namespace Morphel::Params;
+        Ref<TargetVmSpec> target(new TargetVmSpec());
+        target->SetName("copy");
+        target->SetLocation(Ref<TargetVmSpec::HostedVmLocation>(new TargetVmSpec::HostedVmLocation("/vms", {}, {}, {})).Get());
+        Ref<StorageParams::VolumeCloningParams> volume(new StorageParams::VolumeCloningParams());
+        volume->SetSourceVolumeId(volumeId);
+        Ref<Kitra::DataArray<StorageParams::VolumeCloningParams>> volumes(new Kitra::DataArray<StorageParams::VolumeCloningParams>());
+        volumes->Append(volume.Get());
+        Ref<StorageParams::TargetDiskParams> disk(new StorageParams::TargetDiskParams());
+        disk->SetSourceDiskId(diskId);
+        disk->SetVolumesToClone(volumes.Get());
+        Ref<Kitra::DataArray<StorageParams::TargetDiskParams>> disks(new Kitra::DataArray<StorageParams::TargetDiskParams>());
+        disks->Append(disk.Get());
+        Ref<StorageParams> storage(new StorageParams());
+        storage->SetTargetDiskParams(disks.Get());
+        Ref<CloningParams> cloning(new CloningParams());
+        cloning->SetTarget(target.Get());
+        cloning->SetStorageParams(storage.Get());
+        Ref<ConversionParams> params(new ConversionParams());
+        params->SetCloningParams(cloning.Get());
+        return params;
+    }
+
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpec(const std::string& name, Morphel::Params::ConversionParams* params) {
+        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+        spec->SetName(name);
+        spec->SetSource(ThisMachine().Get());
+        spec->SetConversionParams(params);
+        return spec;
+    }
+
+    std::unique_ptr<Service> service_;
+    std::unique_ptr<Kitra::Http::Server> server_;
+};
+
+TEST_F(ServerTest, TypicalRequest) {
+    Client c = Connect();
+    Ref<Morphel::Info::ComputerHardwareInfo> hardware;
+    ExpectFault<Dovra::Fault::NotAuthenticated>([&] { c.queries->QueryComputerInfo(ThisMachine().Get(), hardware); });
+    ExpectFault<Dovra::Fault::InvalidLogin>([&] { Login(c, "demo", "wrong"); });
+    EXPECT_EQ(Login(c, "demo", "demo")->GetUserName(), "demo");
+
+    c.queries->QueryComputerInfo(ThisMachine().Get(), hardware);
+    ASSERT_NE(hardware->GetBasicHardware(), nullptr);
+    EXPECT_GE(hardware->GetBasicHardware()->GetNumCPUs().GetValue(), 1);
+    ASSERT_NE(hardware->GetStorage(), nullptr);
+    auto* volumes = hardware->GetStorage()->GetVolume();
+    auto* disks = hardware->GetStorage()->GetDisk();
+    // A disk and a volume on it when the machine has them (a container may mount no block device).
+    std::string diskId = disks != nullptr && disks->GetLength() > 0 ? disks->Get(0)->GetDiskId() : "none";
+    std::string volumeId = "none";
+    for (size_t i = 0; volumes != nullptr && i < volumes->GetLength(); ++i) {
+        auto* ids = volumes->Get(i)->GetDiskId();
+        if (ids != nullptr && ids->GetLength() > 0 && ids->Get(0) == diskId) volumeId = volumes->Get(i)->GetVolumeId();
+    }
+
+    // Parameters that cannot work: each arrives as a note at its property.
+    Ref<Morphel::Params::ConversionParams> bad = Params("no-such-disk", "/no/such/volume");
+    Ref<Morphel::Params::BasicHardwareParams> cpus(new Morphel::Params::BasicHardwareParams());
+    cpus->SetNumCPUs(hardware->GetBasicHardware()->GetNumCPUs().GetValue() + 1);
+    bad->GetCloningParams()->SetBasicHardwareParams(cpus.Get());
+    auto fault = ExpectFault<Morphel::Fault::PropertyInfoFault>(
+        [&] { c.queries->ValidateParams(ThisMachine().Get(), nullptr, bad.Get()); });
+    ASSERT_NE(fault, nullptr);
+    auto* notes = fault->GetInfo();
+    ASSERT_EQ(notes->GetLength(), 3u);
+    EXPECT_EQ(std::string(notes->Get(0)->GetProperty()), "cloningParams.storageParams.targetDiskParams[0].sourceDiskId");
+    EXPECT_EQ(notes->Get(0)->GetSeverityLevel(), "error");
+    EXPECT_EQ(std::string(notes->Get(1)->GetProperty()),
+              "cloningParams.storageParams.targetDiskParams[0].volumesToClone[0].sourceVolumeId");
+    auto* mismatch = dynamic_cast<Morphel::PropertyInfo::NumCpuMismatch*>(notes->Get(2));
+    ASSERT_NE(mismatch, nullptr);
+    EXPECT_EQ(mismatch->GetNumCPUInSource(), hardware->GetBasicHardware()->GetNumCPUs().GetValue());
+    Ref<Morphel::Params::ConversionParams> none(new Morphel::Params::ConversionParams());
+    fault = ExpectFault<Morphel::Fault::PropertyInfoFault>(
+        [&] { c.queries->ValidateParams(ThisMachine().Get(), nullptr, none.Get()); });
+    ASSERT_EQ(fault->GetInfo()->GetLength(), 1u);
+    EXPECT_EQ(std::string(fault->GetInfo()->Get(0)->GetProperty()), "cloningParams");
+    if (volumeId != "none") {
+        Ref<Morphel::Params::ConversionParams> good = Params(diskId, volumeId);
+        c.queries->ValidateParams(ThisMachine().Get(), nullptr, good.Get());
+        good->GetCloningParams()->GetStorageParams()->GetTargetDiskParams()->Get(0)->GetVolumesToClone()->Get(0)->SetNewCapacityInBytes(0);
+        fault = ExpectFault<Morphel::Fault::PropertyInfoFault>(
+            [&] { c.queries->ValidateParams(ThisMachine().Get(), nullptr, good.Get()); });
+        EXPECT_NE(dynamic_cast<Morphel::PropertyInfo::InsufficientSpaceError*>(fault->GetInfo()->Get(0)), nullptr);
+    }
+
+    // The job and its task, followed to the end.
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> job;
+    c.conversions->CreateJob(JobSpec("first", Params(diskId, volumeId).Get()).Get(), nullptr, job);
+    EXPECT_EQ(job->GetOwner(), "demo");
+    ASSERT_NE(job->GetActiveTask(), nullptr);
+    auto task = c.Make<Morphel::Task::TaskStub>(job->GetActiveTask());
+    Ref<Morphel::Task::TaskInfo> info;
+    int lastProgress = -1;
+    for (int i = 0; i < 300; ++i) {
+        task->GetInfo(info);
+        EXPECT_GE(info->GetProgress().GetValue(), lastProgress);
+        lastProgress = info->GetProgress().GetValue();
+        if (info->GetState() == Morphel::Task::TaskInfo::State::success) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_EQ(info->GetState(), Morphel::Task::TaskInfo::State::success);
+    EXPECT_EQ(info->GetProgress().GetValue(), 100);
+    EXPECT_TRUE(info->GetCompleteTime().IsSet());
+    auto jobStub = c.Make<Morphel::Server::Conversion::ConversionJobStub>(job->GetJob());
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> after;
+    jobStub->GetInfo(after);
+    EXPECT_EQ(after->GetActiveTask(), nullptr);
+
+    // The task's events, paged through a collector: forwards in twos, then back.
+    Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
+    filter->SetEventChainId(info->GetEventChainId());
+    Ref<Kitra::MoRef> ref;
+    c.events->CreateCollector(filter.Get(), ref);
+    auto collector = c.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
+    std::vector<std::string> seen;
+    std::vector<int32_t> keys;
+    for (;;) {
+        Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+        collector->ReadNext(2, page);
+        if (page == nullptr || page->GetLength() == 0) break;
+        EXPECT_LE(page->GetLength(), 2u);
+        for (size_t i = 0; i < page->GetLength(); ++i) {
+            EXPECT_EQ(page->Get(i)->GetChainId(), info->GetEventChainId());
+            seen.push_back(page->Get(i)->_GetType()->GetName());
+            keys.push_back(page->Get(i)->GetKey());
+        }
+    }
+    ASSERT_GE(seen.size(), 4u);
+    EXPECT_EQ(seen.front(), "morphel.event.GeneralEvent");
+    EXPECT_EQ(seen.back(), "morphel.event.TaskEvent");
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    Ref<Kitra::DataArray<Morphel::Event::Event>> back;
+    collector->ReadPrev(2, back);
+    ASSERT_EQ(back->GetLength(), 2u);
+    EXPECT_EQ(back->Get(0)->GetKey(), keys.back());  // nearest first
+    collector->Reset();
+    collector->Remove();
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { collector->Reset(); });
+
+    ExpectFault<Dovra::Fault::DuplicateName>(
+        [&] { c.conversions->CreateJob(JobSpec("first", Params(diskId, volumeId).Get()).Get(), nullptr, job); });
+    c.sessions->Logout();
+    ExpectFault<Dovra::Fault::NotAuthenticated>([&] { c.sessions->Logout(); });
+}
+
+TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
+    Client demo = Connect();
+    Client ann = Connect("morphel.version.version1");  // an older client: no conversion manager in its content
+    EXPECT_EQ(ann.conversions, nullptr);
+    Login(demo, "demo", "demo");
+    Ref<Morphel::UserSession> annSession = Login(ann, "ann", "a:b");  // passwords may hold colons
+
+    Ref<Kitra::Array<std::string>> keys(new Kitra::Array<std::string>());
+    keys->Append(annSession->GetKey());
+    auto denied = ExpectFault<Dovra::Fault::NoPermission>([&] { ann.sessions->Terminate(keys.Get()); });
+    ASSERT_NE(denied, nullptr);
+    EXPECT_EQ(denied->GetPrivilegeId(), "Sessions.TerminateSession");
+
+    ExpectFault<Dovra::Fault::InvalidLocale>([&] { ann.sessions->SetLocale("xx"); });
+    ann.sessions->SetLocale("de");
+    Ref<Morphel::UserSession> current;
+    ann.sessions->GetCurrentSession(current);
+    EXPECT_EQ(current->GetLocale(), "de");
+
+    demo.sessions->Terminate(keys.Get());
+    ExpectFault<Dovra::Fault::NotAuthenticated>([&] { ann.sessions->GetCurrentSession(current); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { demo.sessions->Terminate(keys.Get()); });
+}
+
+TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
+    Client c = Connect();
+    Login(c, "demo", "demo");
+    // No handler: a plain runtime fault.
+    Ref<Morphel::Info::ComputerOsInfo> os;
+    ExpectFault<Kitra::RuntimeFault>([&] { c.queries->QueryOsInfo(ThisMachine().Get(), nullptr, os); });
+    // Another machine cannot be described.
+    Ref<Morphel::ComputerSpec> other(new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+        new Morphel::ComputerSpec::LiveComputerLocation("elsewhere.invalid", {}, {}, {}, "linux", {}, {})).Get()));
+    Ref<Morphel::Info::ComputerHardwareInfo> hardware;
+    auto fault = ExpectFault<Morphel::Fault::NoHostConnection>([&] { c.queries->QueryComputerInfo(other.Get(), hardware); });
+    EXPECT_EQ(fault->GetHostName(), "elsewhere.invalid");
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> job;
+    ExpectFault<Dovra::Fault::InvalidName>(
+        [&] { c.conversions->CreateJob(JobSpec("", Params("a", "b").Get()).Get(), nullptr, job); });
+
+    Ref<Morphel::Info::SupportedTargets> targets;
+    c.queries->GetSupportedTargets(ThisMachine().Get(), nullptr, targets);
+    EXPECT_GE(targets->GetSupportedTargets()->GetLength(), 1u);
+}
+
+TEST(ServerAccounts, ParsedFromOptionsAndFiles) {
+    MorphelServer::Account a;
+    EXPECT_TRUE(MorphelServer::ParseAccount("bob:p:q", a));
+    EXPECT_EQ(a.name, "bob");
+    EXPECT_EQ(a.password, "p:q");
+    EXPECT_FALSE(MorphelServer::ParseAccount(":pw", a));
+    EXPECT_FALSE(MorphelServer::ParseAccount("nocolon", a));
+
+    std::string path = testing::TempDir() + "morphel-accounts.txt";
+    std::ofstream(path) << "# accounts\n\nann:one\r\nbob:two\n";
+    auto accounts = MorphelServer::ReadAccounts(path);
+    ASSERT_EQ(accounts.size(), 2u);
+    EXPECT_EQ(accounts[0].password, "one");
+    std::ofstream(path) << "ann:one\nbroken\n";
+    try {
+        MorphelServer::ReadAccounts(path);
+        ADD_FAILURE();
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find(":2:"), std::string::npos) << e.what();
+    }
+    std::remove(path.c_str());
+    EXPECT_THROW(MorphelServer::ReadAccounts(path), std::runtime_error);
+}
+
+TEST(ServerMachine, VolumesLieOnListedDisks) {
+    MorphelServer::Machine m = MorphelServer::ReadMachine();
+    EXPECT_FALSE(m.hostname.empty());
+    EXPECT_GE(m.numCpus, m.coresPerSocket);
+    EXPECT_GT(m.memoryBytes, 0);
+    for (const auto& v : m.volumes) {
+        EXPECT_LE(v.spaceUsedInBytes, v.capacityInBytes) << v.id;
+        for (const auto& d : v.diskIds) EXPECT_NE(m.FindDisk(d), nullptr) << v.id << " on " << d;
+    }
+}
+
+}  // namespace
