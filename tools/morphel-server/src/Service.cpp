@@ -1,7 +1,10 @@
 #include <morphel-server/Service.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -119,7 +122,8 @@ Ref<Morphel::UserSession> Describe(const Kitra::Http::Session& s) {
     DateTime login = DateTime::FromUtcMicros(std::atoll(s.Get("loginTime").c_str()));
     std::string locale = s.Get("locale");
     return new Morphel::UserSession(s.GetKey(), s.GetUserName(), s.GetUserName(), login, DateTime::Now(), locale,
-                                    locale, Fundix::Optional<bool>(Service::HasPrivilege(s.GetUserName(), "")));
+                                    locale,
+                                    Fundix::Optional<bool>(Service::HasPrivilege(s.GetUserName(), "Sessions.TerminateSession")));
 }
 
 struct TaskState {
@@ -154,7 +158,12 @@ struct Service::Impl {
     std::mutex mutex;
     std::condition_variable stopping;
     bool stop = false;
-    std::vector<std::thread> workers;
+    // The threads of the simulated conversions; a finished one is joined when the next starts.
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    std::vector<Worker> workers;
     int nextId = 1;
     int nextChain = 1;
     int32_t maxTask = 100;
@@ -468,7 +477,20 @@ struct Service::Impl {
             LogLocked(created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
                       "Conversion job '" + spec->GetName() + "' created", jobId);
             LogTaskLocked(t, "Task queued");
-            workers.emplace_back([this, taskId] { Run(taskId); });
+            for (auto it = workers.begin(); it != workers.end();) {
+                if (it->done->load()) {
+                    it->thread.join();  // past Run: it takes the lock no more
+                    it = workers.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            workers.push_back({std::thread([this, taskId, done] {
+                                   Run(taskId);
+                                   done->store(true);
+                               }),
+                               done});
         }
         RegisterJob(jobId);
         RegisterTask(taskId);
@@ -839,7 +861,7 @@ Service::~Service() {
         impl_->stop = true;
     }
     impl_->stopping.notify_all();
-    for (auto& t : impl_->workers) t.join();
+    for (auto& w : impl_->workers) w.thread.join();
 }
 
 void Service::Attach(Kitra::Http::Server& server) {
