@@ -268,6 +268,16 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
     ann.sessions->GetCurrentSession(current);
     EXPECT_EQ(current->GetLocale(), "de");
 
+    // Every kind of event recorded so far travels, to the older client too.
+    ExpectFault<Dovra::Fault::InvalidLogin>([&] { Login(demo, "ann", "wrong"); });
+    Ref<Morphel::Event::EventFilterSpec> all(new Morphel::Event::EventFilterSpec());
+    Ref<Kitra::DataArray<Morphel::Event::Event>> history;
+    ann.events->QueryEvent(all.Get(), history);
+    std::vector<std::string> kinds;
+    for (size_t i = 0; i < history->GetLength(); ++i) kinds.push_back(history->Get(i)->_GetType()->GetName());
+    EXPECT_EQ(kinds, (std::vector<std::string>{"morphel.event.ServerStartedEvent", "morphel.event.UserLoginEvent",
+                                               "morphel.event.UserLoginEvent", "morphel.event.UserFailedAuthenticationEvent"}));
+
     demo.sessions->Terminate(keys.Get());
     ExpectFault<Dovra::Fault::NotAuthenticated>([&] { ann.sessions->GetCurrentSession(current); });
     ExpectFault<Dovra::Fault::NotFound>([&] { demo.sessions->Terminate(keys.Get()); });

@@ -674,6 +674,7 @@ struct Service::Impl {
                                      [&](const Account& a) { return a.name == user && a.password == password; });
             if (!known || call == nullptr) {
                 Ref<Morphel::Event::UserFailedAuthenticationEvent> e(new Morphel::Event::UserFailedAuthenticationEvent());
+                if (call != nullptr) e->SetIpAddress(call->GetPeer());
                 Log(e.Get(), 0, user, Morphel::Event::Event::Type::warning, "Cannot log in " + user);
                 Raise(new Dovra::Fault::InvalidLogin());
             }
