@@ -71,7 +71,7 @@ public:
     void Show(int percent) {
         if (terminal_) {
             int cells = percent / 10;
-            std::printf("\r[%s%s] %3d%%", std::string(cells, '#').c_str(), std::string(10 - cells, ' ').c_str(), percent);
+            std::printf("\r[%s%s] %d%%", std::string(cells, '#').c_str(), std::string(10 - cells, ' ').c_str(), percent);
             std::fflush(stdout);
         } else {
             while (next_ <= percent) {
