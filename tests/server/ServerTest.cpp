@@ -1,5 +1,7 @@
 // The reference service over HTTP on loopback: the typical request of a conversion client, sessions and
 // privileges, faults, and what it reads of the machine.
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -302,6 +304,76 @@ TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     Ref<Morphel::Info::SupportedTargets> targets;
     c.queries->GetSupportedTargets(ThisMachine().Get(), nullptr, targets);
     EXPECT_GE(targets->GetSupportedTargets()->GetLength(), 1u);
+}
+
+TEST_F(ServerTest, CollectorViewsOverTheWholeHistory) {
+    Client c = Connect();
+    for (int i = 0; i < 3; ++i) {
+        Login(c, "demo", "demo");
+        c.sessions->Logout();
+    }
+    Login(c, "demo", "demo");  // 1 start + 3 x (login, logout) + 1 login = 8 events
+    Ref<Kitra::MoRef> ref;
+    c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
+    auto collector = c.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
+    auto keys = [](Kitra::DataArray<Morphel::Event::Event>* page) {
+        std::vector<int32_t> out;
+        for (size_t i = 0; page != nullptr && i < page->GetLength(); ++i) out.push_back(page->Get(i)->GetKey());
+        return out;
+    };
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    collector->SetLatestPageSize(3);
+    collector->GetLatestPage(page);
+    EXPECT_EQ(keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
+    collector->ReadPrev(5, page);  // nothing before the start
+    EXPECT_TRUE(keys(page.Get()).empty());
+    collector->Reset();  // just before the latest page
+    collector->ReadNext(10, page);
+    EXPECT_EQ(keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
+    collector->ReadPrev(4, page);
+    EXPECT_EQ(keys(page.Get()), (std::vector<int32_t>{8, 7, 6, 5}));
+    collector->Rewind();
+    collector->ReadNext(2, page);
+    EXPECT_EQ(keys(page.Get()), (std::vector<int32_t>{1, 2}));
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
+}
+
+// The program: serves until SIGTERM, then stops cleanly.
+TEST(ServerProgram, ServesUntilTerminated) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        dup2(pipeFds[1], STDERR_FILENO);
+        close(pipeFds[0]);
+        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    FILE* err = fdopen(pipeFds[0], "r");
+    char line[512];
+    std::string url;
+    while (url.empty() && std::fgets(line, sizeof(line), err) != nullptr) {
+        std::string text(line);
+        size_t at = text.find("serving ");
+        if (at != std::string::npos) url = text.substr(at + 8, text.find_last_not_of("\n") - at - 7);
+    }
+    ASSERT_FALSE(url.empty());
+    {
+        Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version3"));
+        Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+        Ref<Morphel::UserSession> s;
+        sessions->Login("ann", "pw", Fundix::Optional<std::string>(), s);
+        ExpectFault<Dovra::Fault::InvalidLogin>([&] { sessions->Login("demo", "demo", Fundix::Optional<std::string>(), s); });
+    }
+    ASSERT_NE(std::fgets(line, sizeof(line), err), nullptr);  // the request's log line
+    EXPECT_NE(std::string(line).find("morphel.SessionManager.login 200"), std::string::npos) << line;
+    kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    std::fclose(err);
 }
 
 TEST(ServerAccounts, ParsedFromOptionsAndFiles) {
