@@ -518,10 +518,14 @@ struct Service::Impl {
         if (it == jobs.end()) ThrowNotFound();
         return it->second;
     }
-    TaskState& FindTask(const MoRef* ref) {
-        auto it = ref != nullptr ? tasks.find(ref->GetId()) : tasks.end();
+    TaskState& FindTask(const std::string& id) {
+        auto it = tasks.find(id);
         if (it == tasks.end()) ThrowNotFound();
         return it->second;
+    }
+    TaskState& FindTask(const MoRef* ref) {
+        if (ref == nullptr) ThrowNotFound();
+        return FindTask(ref->GetId());
     }
 
     void RegisterJob(const std::string& jobId) {
@@ -552,12 +556,12 @@ struct Service::Impl {
         Ref<HandlerAdapter> a(new HandlerAdapter());
         a->On("info", [this, taskId](Args&) -> Ref<Any> {
             std::lock_guard<std::mutex> lock(mutex);
-            return Ref<Any>(FindTask(Ref<MoRef>(new MoRef("", taskId)).Get()).info->_Clone());
+            return Ref<Any>(FindTask(taskId).info->_Clone());
         });
         a->On("event", [this, taskId](Args&) -> Ref<Any> {
             std::lock_guard<std::mutex> lock(mutex);
             Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
-            filter->SetEventChainId(FindTask(Ref<MoRef>(new MoRef("", taskId)).Get()).info->GetEventChainId());
+            filter->SetEventChainId(FindTask(taskId).info->GetEventChainId());
             auto selected = SelectLocked(filter.Get());
             return Page(selected, 0, selected.size());
         });
