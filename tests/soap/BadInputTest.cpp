@@ -88,6 +88,9 @@ TEST(BadInput, LexicalForms) {
     EXPECT_EQ(Reject(Value("MorphelSSLCertificateData", "<data>AB$=</data>")), "not base64: \"AB$=\" @ data");
     EXPECT_EQ(Reject(Value("MorphelSSLCertificateData", "<data>QUJD</data><data>QUJD</data>")),
               "property given twice @ data");
+    EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\" xsi:type=\"xsd:double\">nan</value>")), "not a double: \"nan\" @ ");
+    EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\" xsi:type=\"xsd:float\">infinity</value>")),
+              "not a float: \"infinity\" @ ");
     EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\" xsi:type=\"xsd:byte\">128</value>")),
               "not in range for a byte: \"128\" @ ");
 }

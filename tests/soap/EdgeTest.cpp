@@ -131,6 +131,7 @@ TEST(Values, LexicalFormsRoundTrip) {
         {"date", new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(9999, 12, 31, 23, 59, 59, 999999, 90))},
         {"typeName", new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo")},
         {"ref", new Kitra::MoRef("morphel.task.Task", "task-7")},
+        {"foreign ref", new Kitra::MoRef("dovra.Folder", "group-v22")},  // a type this library does not register
         {"enum", Kitra::GetTypeMap()->GetType("morphel.task.TaskInfo.State")->AsEnumType()->CreateBox(2)},
     };
     for (const auto& [what, value] : values) {

@@ -69,6 +69,7 @@ struct Frame {
     std::vector<std::pair<int, ArrayBase*>> arrays;  // arrays under construction, by property
     // Leaf: a reference's managed type
     const Type* refType = nullptr;
+    std::string refName;  // a reference's type when this library does not register it
     // AnyArray
     Fundix::Ref<ArrayBase> anyArray;
 };
@@ -636,6 +637,15 @@ private:
             const char* refType = Attr(attrs, "", "type");
             if (refType == nullptr) Fail("a reference needs its type", name);
             const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
+            bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
+            if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
+                // A place for any managed object may name a type of another library by its own name,
+                // as the writer sends it.
+                f.refName = refType;
+                text_.clear();
+                Push(std::move(f));
+                return;
+            }
             if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
             if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
             if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
@@ -772,6 +782,9 @@ private:
         if (s == "-INF") return -std::numeric_limits<T>::infinity();
         if (s == "NaN") return std::numeric_limits<T>::quiet_NaN();
         if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+        // Only the three spellings above name the special values; from_chars would take others.
+        for (char c : s)
+            if ((c >= 'a' && c <= 'z' && c != 'e') || (c >= 'A' && c <= 'Z' && c != 'E')) Lexical(what);
         T value{};
         auto r = std::from_chars(s.data(), s.data() + s.size(), value);
         if (r.ec != std::errc() || r.ptr != s.data() + s.size() || s.empty()) Lexical(what);
@@ -922,7 +935,7 @@ private:
         case kKindDouble: return new Primitive<double>(Real<double>("a double"));
         case kKindDateTime: return new Primitive<DateTime>(Date());
         case kKindEnum: return type->AsEnumType()->CreateBox(EnumValue(type));
-        case kKindManaged: return new MoRef(leaf.refType->GetName(), text_);
+        case kKindManaged: return new MoRef(leaf.refType ? std::string(leaf.refType->GetName()) : leaf.refName, text_);
         default: Fail(std::string("cannot read a value of type ") + type->GetName());
         }
     }
