@@ -1,5 +1,5 @@
 // Wire codec throughput on three messages a server really sends: the hardware inventory of a large
-// source machine, a page of event history, and a conversion job specification with every phase filled.
+// source machine, a page of event history, and the description of a conversion job with every phase filled.
 // Each is measured encoded and decoded, beside the limit of the same bytes: a plain copy into the
 // caller's buffer for the writer, expat with handlers that do nothing for the reader.
 #include <benchmark/benchmark.h>

@@ -28,8 +28,28 @@ const Kitra::DataObjectType* DataType(const std::string& wire) {
     return t->AsDataObjectType();
 }
 
+// Leaves the customisation record out of every nested conversion-parameter record: the reader treats it
+// like any other record, and the seeds stay smaller without it.
+void DropCustomization(Kitra::DataObject* object, int depth = 0) {
+    if (object == nullptr || depth > 8) return;
+    const Kitra::DataObjectType* type = object->_GetDataType();
+    const auto& props = type->GetProperties();
+    for (size_t i = 0; i < props.size(); ++i) {
+        const Kitra::PropertyTypeInfo& p = *props[i].info;
+        if (p.type->kind != Kitra::kKindData || (p.flags & Kitra::kFlagArray)) continue;
+        if (std::string(p.name) == "customizationParams") {
+            type->SetPropertyValue(object, static_cast<int>(i), nullptr);
+            continue;
+        }
+        Ref<Kitra::Any> nested = type->GetPropertyValue(object, static_cast<int>(i));
+        DropCustomization(dynamic_cast<Kitra::DataObject*>(nested.Get()), depth + 1);
+    }
+}
+
 Ref<Kitra::DataObject> Sample(const std::string& wire, const Codec& codec) {
-    return MorphelTypesTool::Sample(DataType(wire), codec);
+    Ref<Kitra::DataObject> value = MorphelTypesTool::Sample(DataType(wire), codec);
+    DropCustomization(value.Get());
+    return value;
 }
 
 Kitra::ManagedMethod* Method(const std::string& type, const std::string& name) {

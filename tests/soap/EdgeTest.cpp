@@ -98,7 +98,7 @@ TEST(Records, WireNamesAsDeclared) {
     // OvfFile's identifier is spelled with a capital.
     std::string message = Encode(Sample("morphel.ovf.OvfFile").Get());
     EXPECT_NE(message.find("<Id>"), std::string::npos);
-    // The two update specifications differ only by name.
+    // The two parameter-update records differ only by name.
     std::string protection = Encode(Sample("morphel.server.protection.ConversionParamsUpdateSpec").Get());
     std::string conversion = Encode(Sample("morphel.server.conversion.ConversionParamsUpdateSpec").Get());
     EXPECT_NE(protection, conversion);
