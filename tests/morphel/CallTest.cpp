@@ -232,3 +232,69 @@ TEST(CallTest, DispatchReachesTheImplementationSynchronouslyAndAsynchronously) {
 }
 
 }  // namespace
+
+namespace {
+
+// Implementations over the generated bases: each overrides only what it serves.
+class MaxOnlyTaskManager : public Morphel::Task::TaskManagerBase {
+public:
+    int32_t GetMaxTask() override { return 42; }
+};
+
+class RewindingCollector : public Morphel::Event::EventHistoryCollectorBase {
+public:
+    void Rewind() override { ++rewinds; }  // declared by the base type, morphel.HistoryCollector
+    int rewinds = 0;
+};
+
+// The wire name that the NotImplemented fault of `call` names; empty when the call raised none.
+template <class F>
+std::string NotImplementedMethod(F call) {
+    try {
+        call();
+    } catch (const Kitra::Fault::NotImplemented::Exception& e) {
+        EXPECT_STREQ(e.what(), "kodl.fault.NotImplemented");
+        return e.GetFault()->GetMethod();
+    }
+    return "";
+}
+
+TEST(CallTest, ImplementationBasesRaiseNotImplementedNamingTheOperation) {
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    Ref<MaxOnlyTaskManager> tasks(new MaxOnlyTaskManager());
+    local->Register("tasks", tasks.Get());
+    Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
+    EXPECT_EQ(stub->GetMaxTask(), 42);
+
+    Ref<Morphel::Task::TaskInfo> info;
+    Ref<Kitra::MoRef> task(new Kitra::MoRef("morphel.task.Task", "task-1"));
+    EXPECT_EQ(NotImplementedMethod([&] { stub->GetTaskInfo(task.Get(), info); }), "morphel.task.TaskManager.getTaskInfo");
+    EXPECT_EQ(NotImplementedMethod([&] { stub->SetMaxTask(3); }), "morphel.task.TaskManager.setMaxTask");
+    EXPECT_EQ(NotImplementedMethod([&] { stub->EstimateTimeToComplete(nullptr, nullptr); }),
+              "morphel.task.TaskManager.estimateTimeToComplete");
+    EXPECT_EQ(NotImplementedMethod([&] { stub->GetMaxCollector(); }), "morphel.task.TaskManager.maxCollector");
+    Ref<Kitra::DataArray<Kitra::MoRef>> recent;
+    EXPECT_EQ(NotImplementedMethod([&] { tasks->GetRecentTask(recent); }), "morphel.task.TaskManager.recentTask");
+
+    // An operation inherited from the base type is served or refused under the base type's name.
+    Ref<RewindingCollector> collector(new RewindingCollector());
+    local->Register("collector", collector.Get());
+    Ref<Morphel::Event::EventHistoryCollectorStub> events(
+        new Morphel::Event::EventHistoryCollectorStub("collector", local.Get(), nullptr));
+    events->Rewind();
+    EXPECT_EQ(collector->rewinds, 1);
+    EXPECT_EQ(NotImplementedMethod([&] { events->Reset(); }), "morphel.HistoryCollector.reset");
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    EXPECT_EQ(NotImplementedMethod([&] { events->ReadNext(5, page); }), "morphel.event.EventHistoryCollector.readNext");
+
+    // Asynchronously, the fault reaches the completion as its own class.
+    std::string method;
+    Ref<Fundix::System::ScheduledItem> item;
+    stub->DestroyTask(task.Get(), [&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any*) {
+        if (auto* f = dynamic_cast<Kitra::Fault::NotImplemented::Exception*>(e)) method = f->GetFault()->GetMethod();
+    }, item);
+    item->Wait();
+    EXPECT_EQ(method, "morphel.task.TaskManager.destroyTask");
+}
+
+}  // namespace

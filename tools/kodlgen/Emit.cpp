@@ -232,11 +232,13 @@ CallType CallTypeOf(const TypeRef& type, uint32_t flags) {
     return c;
 }
 
-std::string ParamDecl(const Param& p) {
+// The declaration of a parameter; without its name where `named` is false (a body that ignores it).
+std::string ParamDecl(const Param& p, bool named = true) {
     CallType c = CallTypeOf(p.type, p.flags);
-    if (c.slot) return c.pointee + "* " + SafeName(p.name);
-    if (c.optional) return "const ::Fundix::Optional<" + c.value + ">& " + SafeName(p.name);
-    return (PassByReference(c.value) ? "const " + c.value + "& " : c.value + " ") + SafeName(p.name);
+    std::string name = named ? SafeName(p.name) : "";
+    if (c.slot) return c.pointee + "*" + (named ? " " + name : "");
+    if (c.optional) return "const ::Fundix::Optional<" + c.value + ">&" + (named ? " " + name : "");
+    return (PassByReference(c.value) ? "const " + c.value + "&" : c.value) + (named ? " " + name : "");
 }
 
 std::string BoxExpr(const Param& p) {
@@ -278,13 +280,13 @@ std::vector<Operation> OperationsOf(const TypeDecl* t) {
 }
 
 // "RET Name(params)" of the synchronous form; the result of a slot type is an out-reference.
-std::string SyncSignature(const Operation& op, const std::string& qualifier) {
+std::string SyncSignature(const Operation& op, const std::string& qualifier, bool named = true) {
     std::vector<std::string> params;
-    for (const auto& p : op.params) params.push_back(ParamDecl(p));
+    for (const auto& p : op.params) params.push_back(ParamDecl(p, named));
     std::string ret = "void";
     if (op.hasResult) {
         CallType c = CallTypeOf(op.result, op.resultFlags);
-        if (c.slot) params.push_back("::Fundix::Ref<" + c.pointee + ">& result");
+        if (c.slot) params.push_back("::Fundix::Ref<" + c.pointee + ">&" + (named ? " result" : ""));
         else ret = c.optional ? "::Fundix::Optional<" + c.value + ">" : c.value;
     }
     std::string list;
@@ -300,6 +302,7 @@ std::string AsyncSignature(const Operation& op, const std::string& qualifier) {
 }
 
 std::string StubName(const TypeDecl* t) { return t->flatName + "Stub"; }
+std::string ImplBaseName(const TypeDecl* t) { return t->flatName + "Base"; }
 
 class ModuleEmitter {
 public:
@@ -352,6 +355,7 @@ private:
     void EmitNestedAliases(Printer& p, const TypeDecl* t);
     void EmitDataSource(Printer& p, const TypeDecl* t);
     void EmitManagedSource(Printer& p, const TypeDecl* t);
+    void EmitImplBaseSource(Printer& p, const TypeDecl* t);
     void EmitEnumSource(Printer& p, const TypeDecl* t);
     std::string ConstructorParams(const TypeDecl* t) const;
 
@@ -502,6 +506,15 @@ void ModuleEmitter::EmitManagedClass(Printer& p, const TypeDecl* t) {
         if (op.async) p.Print("    $sig$;\n", {{"sig", AsyncSignature(op, "")}});
     }
     p.Print("};\n");
+
+    // The base of implementations: every operation raises kodl.fault.NotImplemented naming it.
+    std::string implBases = "public virtual " + t->flatName + ", public virtual ::Kitra::ManagedObjectImpl";
+    if (t->hasBase) implBases += ", public " + t->base.decl->qualFlat + "Base";
+    p.Print("\n// The base of an implementation of $wire$: every operation it does not override raises\n"
+            "// kodl.fault.NotImplemented naming the operation.\nclass $impl$ : $bases$ {\npublic:\n",
+            {{"wire", t->wireName}, {"impl", ImplBaseName(t)}, {"bases", implBases}});
+    for (const auto& op : ops) p.Print("    $sig$ override;\n", {{"sig", SyncSignature(op, "")}});
+    p.Print("\nprotected:\n    $impl$() = default;\n};\n", {{"impl", ImplBaseName(t)}});
 }
 
 std::string ModuleEmitter::Header() {
@@ -848,6 +861,15 @@ void ModuleEmitter::EmitManagedSource(Printer& p, const TypeDecl* t) {
                     {{"sig", AsyncSignature(op, stub + "::")}, {"n", std::to_string(op.params.size())},
                      {"boxes", boxes}, {"slot", slot}});
     }
+    EmitImplBaseSource(p, t);
+}
+
+void ModuleEmitter::EmitImplBaseSource(Printer& p, const TypeDecl* t) {
+    std::string impl = t->qualFlat.substr(2) + "Base::";
+    p.Print("\n");
+    for (const auto& op : OperationsOf(t))
+        p.Print("$sig$ { ::Kitra::ThrowNotImplemented($wire$); }\n",
+                {{"sig", SyncSignature(op, impl, false)}, {"wire", Quote(op.wire)}});
 }
 
 void ModuleEmitter::EmitEnumSource(Printer& p, const TypeDecl* t) {

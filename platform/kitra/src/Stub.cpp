@@ -158,6 +158,8 @@ void LocalStubAdapter::Invoke(const std::string& id, ManagedMethod* method, Fund
     info->invoke(target.Get(), method->GetIndex(), arguments, result);
 }
 
+void ThrowNotImplemented(const char* method) { Fault::NotImplemented::Exception(method).Throw(); }
+
 Fundix::Ref<ManagedObject> CreateStub(const Type* type, const std::string& id, StubAdapter* adapter,
                                       RequestContext* context) {
     auto* managed = const_cast<Type*>(type)->AsManagedObjectType();

@@ -118,6 +118,11 @@ private:
     std::map<std::string, Fundix::Ref<ManagedObject>> objects_;
 };
 
+// Raises kodl.fault.NotImplemented naming `method` (the operation's wire name, "morphel.task.TaskManager.
+// getTaskInfo"): what the generated implementation bases (`Morphel::Task::TaskManagerBase`) do for every
+// operation an implementation does not override.
+[[noreturn]] void ThrowNotImplemented(const char* method);
+
 // Creates a client stub of the managed type `type` for the object `id`.
 Fundix::Ref<ManagedObject> CreateStub(const Type* type, const std::string& id, StubAdapter* adapter,
                                       RequestContext* context = nullptr);
