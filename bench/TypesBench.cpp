@@ -7,7 +7,7 @@
 #include <vector>
 
 #include <kitra/Kitra.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Module.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 

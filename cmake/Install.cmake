@@ -6,7 +6,7 @@ install(TARGETS fundix kitra kitrahttp dovra morphelTypes EXPORT morphelTypesTar
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS morphel-types morphel-server morphel-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY platform/fundix/include/ platform/kitra/include/ frame/include/
+install(DIRECTORY platform/fundix/include/ platform/kitra/include/ kodl/include/
         ${MORPHEL_GENERATED_DIR}/kitra/include/ ${MORPHEL_GENERATED_DIR}/dovra/include/
         ${MORPHEL_GENERATED_DIR}/morphel/include/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")

@@ -8,7 +8,7 @@
 
 #include <fundix/Exception.h>
 #include <kitra/Kitra.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Module.h>
 
 namespace {
 
@@ -22,8 +22,8 @@ Kitra::Type* Kitra::GetType<Shade>() {
     static const char* const values[] = {"light", "dark", "Dark", nullptr};
     static const Kitra::TypeInfo info = {Kitra::kKindEnum, "objtest.Shade", "ObjtestShade", "objtest.version1"};
     static const Kitra::EnumTypeInfo record = {&info, values};
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, &Frame::CreateEnum<Shade>, &record);
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, &Kitra::Binding::CreateEnum<Shade>, &record);
 }
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <fundix/Exception.h>
 #include <kitra/Registry.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Module.h>
 
 namespace {
 
@@ -107,56 +107,56 @@ Kitra::Type* NullCreate(const void*) {
 }
 
 TEST(GetTypeOnceTest, RetryAfterThrowAndNullCachedForGood) {
-    Frame::TypeCache cache{};
+    Kitra::Binding::TypeCache cache{};
     gCreateCalls = 0;
     gCreateFails = true;
-    EXPECT_THROW(Frame::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), Fundix::InvalidArgumentException);
-    EXPECT_THROW(Frame::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), Fundix::InvalidArgumentException);
+    EXPECT_THROW(Kitra::Binding::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), Fundix::InvalidArgumentException);
+    EXPECT_THROW(Kitra::Binding::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), Fundix::InvalidArgumentException);
     EXPECT_EQ(gCreateCalls, 2);
     EXPECT_EQ(cache.once & 1u, 0u);
 
     gCreateFails = false;
-    Kitra::Type* created = Frame::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo);
+    Kitra::Type* created = Kitra::Binding::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo);
     ASSERT_NE(created, nullptr);
-    EXPECT_EQ(Frame::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), created);
+    EXPECT_EQ(Kitra::Binding::GetTypeOnce(cache, &FlakyCreate, &kAlphaInfo), created);
     EXPECT_EQ(gCreateCalls, 3);
     EXPECT_EQ(created->GetRefCount(), 1);  // the cache's own reference
     EXPECT_STREQ(created->GetName(), "regtest.Alpha");
     created->DecRef();
 
-    Frame::TypeCache nullCache{};
+    Kitra::Binding::TypeCache nullCache{};
     gCreateCalls = 0;
-    EXPECT_EQ(Frame::GetTypeOnce(nullCache, &NullCreate, &kAlphaInfo), nullptr);
-    EXPECT_EQ(Frame::GetTypeOnce(nullCache, &NullCreate, &kAlphaInfo), nullptr);
+    EXPECT_EQ(Kitra::Binding::GetTypeOnce(nullCache, &NullCreate, &kAlphaInfo), nullptr);
+    EXPECT_EQ(Kitra::Binding::GetTypeOnce(nullCache, &NullCreate, &kAlphaInfo), nullptr);
     EXPECT_EQ(gCreateCalls, 1);
 }
 
 // A module of its own: two versions, their relations and two types.
-const Frame::VersionEntry kModuleVersions[] = {
+const Kitra::Binding::VersionEntry kModuleVersions[] = {
     {"regmod.version1", "regmod", "1.0", "regmod"},
     {"regmod.version2", "regmod", "2.0", "regmod"},
 };
-const Frame::RelationEntry kModuleRelations[] = {
+const Kitra::Binding::RelationEntry kModuleRelations[] = {
     {"regmod.version1", "regmod.version1"},
     {"regmod.version2", "regmod.version1"},
     {"regmod.version2", "regmod.version2"},
 };
-const Frame::VersionTable kModuleTable = {kModuleVersions, 2, kModuleRelations, 3};
-const Frame::VersionEntry kConflictingVersions[] = {{"regmod.version1", "regmod", "9.9", "regmod"}};
-const Frame::VersionTable kConflictingTable = {kConflictingVersions, 1, nullptr, 0};
+const Kitra::Binding::VersionTable kModuleTable = {kModuleVersions, 2, kModuleRelations, 3};
+const Kitra::Binding::VersionEntry kConflictingVersions[] = {{"regmod.version1", "regmod", "9.9", "regmod"}};
+const Kitra::Binding::VersionTable kConflictingTable = {kConflictingVersions, 1, nullptr, 0};
 
 const Kitra::TypeInfo kGammaInfo = {Kitra::kKindData, "regmod.Gamma", "RegmodGamma", "regmod.version1"};
 const Kitra::TypeInfo kDeltaInfo = {Kitra::kKindData, "regmod.Delta", "RegmodDelta", "regmod.version2"};
 
 Kitra::Type* Gamma() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
         return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r));
     }, &kGammaInfo);
 }
 Kitra::Type* Delta() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
         return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r));
     }, &kDeltaInfo);
 }
@@ -186,9 +186,9 @@ struct MapSnapshot {
 };
 
 TEST(RegisterModuleTest, SecondRegistrationChangesNothing) {
-    const Frame::ModuleInfo module = {"regmod/types", 10, &kModuleTable, kModuleTypes, 2};
+    const Kitra::Binding::ModuleInfo module = {"regmod/types", 10, &kModuleTable, kModuleTypes, 2};
     const MapSnapshot before = MapSnapshot::Take("regmod/types");
-    Frame::RegisterModule(module);
+    Kitra::Binding::RegisterModule(module);
     const MapSnapshot first = MapSnapshot::Take("regmod/types");
     EXPECT_EQ(first.versions, before.versions + 2);
     EXPECT_EQ(first.relations, before.relations + 3);
@@ -198,12 +198,12 @@ TEST(RegisterModuleTest, SecondRegistrationChangesNothing) {
     EXPECT_TRUE(Kitra::GetVersionMap()->IsIncluded("regmod.version2", "regmod.version1"));
     EXPECT_EQ(Kitra::GetTypeMap()->GetType("regmod.Delta"), Delta());
 
-    Frame::RegisterModule(module);
+    Kitra::Binding::RegisterModule(module);
     EXPECT_EQ(MapSnapshot::Take("regmod/types"), first);
 
     // A module whose version contradicts one already known is refused.
-    const Frame::ModuleInfo conflicting = {"regmod/conflict", 10, &kConflictingTable, kModuleTypes, 2};
-    EXPECT_THROW(Frame::RegisterModule(conflicting), Fundix::InvalidArgumentException);
+    const Kitra::Binding::ModuleInfo conflicting = {"regmod/conflict", 10, &kConflictingTable, kModuleTypes, 2};
+    EXPECT_THROW(Kitra::Binding::RegisterModule(conflicting), Fundix::InvalidArgumentException);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-namespace Frame {
+namespace Kitra::Binding {
 extern const VersionTable gMorphelVersions;
 }
 
@@ -188,8 +188,8 @@ Kitra::Type* (*const kSomeTypes[])() = {
 
 TEST(RegistrationTest, RegisteringAgainChangesNothing) {
     const Snapshot before = Snapshot::Take();
-    Frame::RegisterModule({"sysimage/kodl/morphel/types", 3655, &Frame::gMorphelVersions, kSomeTypes, 5});
-    Frame::RegisterModule({"sysimage/kodl/morphel/task/types", 100, &Frame::gMorphelVersions, kSomeTypes, 5});
+    Kitra::Binding::RegisterModule({"sysimage/kodl/morphel/types", 3655, &Kitra::Binding::gMorphelVersions, kSomeTypes, 5});
+    Kitra::Binding::RegisterModule({"sysimage/kodl/morphel/task/types", 100, &Kitra::Binding::gMorphelVersions, kSomeTypes, 5});
     for (auto get : kSomeTypes) Kitra::GetTypeMap()->AddType(get());
     EXPECT_TRUE(Snapshot::Take() == before);
 }

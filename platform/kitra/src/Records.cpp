@@ -4,7 +4,7 @@
 #include <kitra/DataObject.h>
 #include <kitra/Field.h>
 #include <kitra/ManagedObject.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Module.h>
 
 namespace Kitra {
 
@@ -52,31 +52,31 @@ const ManagedTypeInfo kManagedObject = {&gManagedObjectTypeInfo, nullptr, nullpt
 
 template <>
 Type* GetType<DynamicData>() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, &Frame::CreateData, &kDynamicData);
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, &Kitra::Binding::CreateData, &kDynamicData);
 }
 
 template <>
 Type* GetType<MethodFault>() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, &Frame::CreateData, &kMethodFault);
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, &Kitra::Binding::CreateData, &kMethodFault);
 }
 
 template <>
 Type* GetType<RuntimeFault>() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, &Frame::CreateData, &kRuntimeFault);
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, &Kitra::Binding::CreateData, &kRuntimeFault);
 }
 
 template <>
 Type* GetType<ManagedObject>() {
-    static Frame::TypeCache cache;
-    return Frame::GetTypeOnce(cache, &Frame::CreateManaged, &kManagedObject);
+    static Kitra::Binding::TypeCache cache;
+    return Kitra::Binding::GetTypeOnce(cache, &Kitra::Binding::CreateManaged, &kManagedObject);
 }
 
 }  // namespace Kitra
 
-namespace Frame {
+namespace Kitra::Binding {
 extern const VersionTable gKitraVersions;
 }
 
@@ -90,7 +90,9 @@ Kitra::Type* (*const kBaseTypes[])() = {
 };
 
 struct Registrar {
-    Registrar() { Frame::RegisterModule({"sysimage/kodl/kodl/types", 1, &Frame::gKitraVersions, kBaseTypes, 4}); }
+    Registrar() {
+        Kitra::Binding::RegisterModule({"sysimage/kodl/kodl/types", 1, &Kitra::Binding::gKitraVersions, kBaseTypes, 4});
+    }
 };
 const Registrar gRegistrar;
 

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <kitra/DataObject.h>
+#include <kitra/Call.h>
 #include <kitra/Stub.h>
 #include <kitra/fault/types.h>
 
@@ -169,3 +170,15 @@ Fundix::Ref<ManagedObject> CreateStub(const Type* type, const std::string& id, S
 }
 
 }  // namespace Kitra
+
+namespace Kitra::Binding {
+
+void ThrowMissingValue(const char* name) {
+    Fault::InvalidArgument::Exception(Fundix::Optional<std::string>(name)).Throw();
+}
+
+void ThrowNoMethod(const char* type, int index) {
+    throw Fundix::InvalidArgumentException(std::string(type) + " has no method " + std::to_string(index));
+}
+
+}  // namespace Kitra::Binding

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include <kitra/fault/types.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Call.h>
 
 namespace MorphelServer {
 
@@ -44,15 +44,15 @@ void Raise(Fundix::Ref<Kitra::MethodFault> fault) {
 }
 
 std::string TextArg(Args& arguments, size_t index, const char* name) {
-    return Frame::UnboxValue<std::string>(Frame::Arg(arguments, index, name), name);
+    return Kitra::Binding::UnboxValue<std::string>(Kitra::Binding::Arg(arguments, index, name), name);
 }
 
 Fundix::Optional<std::string> OptionalTextArg(Args& arguments, size_t index) {
-    return Frame::UnboxOptional<std::string>(index < arguments.size() ? arguments[index].Get() : nullptr);
+    return Kitra::Binding::UnboxOptional<std::string>(index < arguments.size() ? arguments[index].Get() : nullptr);
 }
 
 int32_t IntArg(Args& arguments, size_t index, const char* name) {
-    return Frame::UnboxValue<int32_t>(Frame::Arg(arguments, index, name), name);
+    return Kitra::Binding::UnboxValue<int32_t>(Kitra::Binding::Arg(arguments, index, name), name);
 }
 
 }  // namespace MorphelServer

@@ -20,7 +20,7 @@
 #include <morphel-server/Machine.h>
 #include <morphel/event/types.h>
 #include <morphel/fault/types.h>
-#include <morphel/frame/Frame.h>
+#include <kitra/Call.h>
 #include <morphel/info/types.h>
 #include <morphel/params/types.h>
 #include <morphel/propertyInfo/types.h>
@@ -547,7 +547,7 @@ struct Service::Impl {
             std::lock_guard<std::mutex> lock(mutex);
             auto it = jobs.find(jobId);
             if (it == jobs.end()) ThrowNotFound();
-            return Frame::BoxValue<std::string>(it->second.spec->GetName());
+            return Kitra::Binding::BoxValue<std::string>(it->second.spec->GetName());
         });
         Register(jobId, Kitra::GetType<Morphel::Server::Conversion::ConversionJob>(), a.Get());
     }
@@ -664,7 +664,7 @@ struct Service::Impl {
         Ref<HandlerAdapter> a(new HandlerAdapter());
         a->On("retrieveContent", [this](Args&) { return Ref<Any>(Content().Get()); });
         a->On("content", [this](Args&) { return Ref<Any>(Content().Get()); });
-        a->On("currentTime", [](Args&) { return Frame::BoxValue<DateTime>(DateTime::Now()); });
+        a->On("currentTime", [](Args&) { return Kitra::Binding::BoxValue<DateTime>(DateTime::Now()); });
         Register(kServiceInstanceId, Kitra::GetType<Morphel::ServiceInstance>(), a.Get());
     }
 
@@ -726,7 +726,7 @@ struct Service::Impl {
         };
         a->On("supportedLocaleList", locales);
         a->On("messageLocaleList", locales);
-        a->On("defaultLocale", [](Args&) { return Frame::BoxValue<std::string>("en"); });
+        a->On("defaultLocale", [](Args&) { return Kitra::Binding::BoxValue<std::string>("en"); });
         Register(kSessionManagerId, Kitra::GetType<Morphel::SessionManager>(), a.Get());
     }
 
@@ -793,7 +793,7 @@ struct Service::Impl {
             server->Unregister(id);
             return nullptr;
         });
-        a->On("maxCollector", [](Args&) { return Frame::BoxValue<int32_t>(kMaxCollectors); });
+        a->On("maxCollector", [](Args&) { return Kitra::Binding::BoxValue<int32_t>(kMaxCollectors); });
         Register(kConversionManagerId, Kitra::GetType<Morphel::Server::Conversion::ConversionManager>(), a.Get());
     }
 
@@ -811,7 +811,7 @@ struct Service::Impl {
         });
         a->On("maxTask", [this](Args&) {
             std::lock_guard<std::mutex> lock(mutex);
-            return Frame::BoxValue<int32_t>(maxTask);
+            return Kitra::Binding::BoxValue<int32_t>(maxTask);
         });
         a->On("setMaxTask", [this](Args& args) -> Ref<Any> {
             int32_t n = IntArg(args, 0, "maxTask");
@@ -820,7 +820,7 @@ struct Service::Impl {
             maxTask = n;
             return nullptr;
         });
-        a->On("maxCollector", [](Args&) { return Frame::BoxValue<int32_t>(kMaxCollectors); });
+        a->On("maxCollector", [](Args&) { return Kitra::Binding::BoxValue<int32_t>(kMaxCollectors); });
         Register(kTaskManagerId, Kitra::GetType<Morphel::Task::TaskManager>(), a.Get());
     }
 
@@ -832,7 +832,7 @@ struct Service::Impl {
             auto selected = SelectLocked(RecordArg<Morphel::Event::EventFilterSpec>(args, 0));
             return Page(selected, 0, selected.size());
         });
-        a->On("maxCollector", [](Args&) { return Frame::BoxValue<int32_t>(kMaxCollectors); });
+        a->On("maxCollector", [](Args&) { return Kitra::Binding::BoxValue<int32_t>(kMaxCollectors); });
         Register(kEventManagerId, Kitra::GetType<Morphel::Event::EventManager>(), a.Get());
     }
 

@@ -1,9 +1,9 @@
-#include <morphel/frame/Frame.h>
+// Registration of generated modules and the once-only creation of their types.
+#include <kitra/Module.h>
 
 #include <fundix/PanicAssert.h>
-#include <kitra/fault/types.h>
 
-namespace Frame {
+namespace Kitra::Binding {
 
 Kitra::Type* GetTypeOnce(TypeCache& cache, CreateFn create, const void* record) {
     if (cache.once & 1u) return cache.type;
@@ -57,16 +57,4 @@ void RegisterModule(const ModuleInfo& module) {
     for (size_t i = 0; i < module.typeCount; ++i) typeMap->AddType(module.types[i]());
 }
 
-}  // namespace Frame
-
-namespace Frame {
-
-void ThrowMissingValue(const char* name) {
-    Kitra::Fault::InvalidArgument::Exception(Fundix::Optional<std::string>(name)).Throw();
-}
-
-void ThrowNoMethod(const char* type, int index) {
-    throw Fundix::InvalidArgumentException(std::string(type) + " has no method " + std::to_string(index));
-}
-
-}  // namespace Frame
+}  // namespace Kitra::Binding

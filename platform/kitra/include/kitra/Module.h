@@ -1,5 +1,6 @@
-// What every generated module shares: the once-only type creation, the registration of a module at load,
-// and small helpers that keep the generated overrides to one line each.
+// What every generated module of a library stands on: the once-only type creation, the registration of a
+// module at load, and small helpers that keep the generated overrides to one line each. Generated code
+// reaches these through `Kitra::Binding`; programs need them only to register modules of their own.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +8,7 @@
 
 #include <kitra/Kitra.h>
 
-namespace Frame {
+namespace Kitra::Binding {
 
 // Per type: a once-flag word (bit 0) and the cached type. Plain words: they are filled while the library
 // loads, in the loader's single thread, and only read afterwards.
@@ -67,59 +68,4 @@ struct ModuleInfo {
 // into the type map. Registering a module again changes nothing.
 void RegisterModule(const ModuleInfo& module);
 
-}  // namespace Frame
-
-// ---- Calls: boxing arguments and results into Kitra::Any and back, for stubs and dispatch.
-
-#include <kitra/Stub.h>
-
-
-namespace Frame {
-
-[[noreturn]] void ThrowMissingValue(const char* name);
-
-inline Fundix::Ref<Kitra::Any> BoxRef(Kitra::Any* value) { return value; }
-template <class T>
-Fundix::Ref<Kitra::Any> BoxValue(const T& value) {
-    return new Kitra::Primitive<T>(value);
-}
-template <class T>
-Fundix::Ref<Kitra::Any> BoxOptional(const Fundix::Optional<T>& value) {
-    if (!value.IsSet()) return nullptr;
-    return new Kitra::Primitive<T>(value.GetValue());
-}
-
-// A counted value of class T, or null; another class raises Fundix::TypeMismatchException.
-template <class T>
-T* UnboxRef(Kitra::Any* value) {
-    return Kitra::CheckedCast<T>(value);
-}
-// The value inside a box; a missing box raises Kitra::Fault::InvalidArgument naming `name`.
-template <class T>
-T UnboxValue(Kitra::Any* value, const char* name) {
-    if (value == nullptr) ThrowMissingValue(name);
-    return Kitra::CheckedCast<Kitra::Primitive<T>>(value)->GetValue();
-}
-template <class T>
-Fundix::Optional<T> UnboxOptional(Kitra::Any* value) {
-    if (value == nullptr) return Fundix::Optional<T>();
-    return Kitra::CheckedCast<Kitra::Primitive<T>>(value)->GetValue();
-}
-
-// Argument `index` of a call; a shorter argument vector raises Kitra::Fault::InvalidArgument.
-inline Kitra::Any* Arg(Fundix::RefVector<Kitra::Any>& arguments, size_t index, const char* name) {
-    if (index >= arguments.size()) ThrowMissingValue(name);
-    return arguments[index].Get();
-}
-
-// The implementation object of a dispatched call, as the managed type's interface.
-template <class T>
-T* Target(Kitra::ManagedObject* object) {
-    T* target = dynamic_cast<T*>(object);
-    if (target == nullptr) throw Fundix::TypeMismatchException(typeid(T).name(), "another managed object");
-    return target;
-}
-
-[[noreturn]] void ThrowNoMethod(const char* type, int index);
-
-}  // namespace Frame
+}  // namespace Kitra::Binding
