@@ -6,7 +6,10 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+
+#include "Printer.h"
 
 namespace fs = std::filesystem;
 
@@ -126,8 +129,12 @@ TEST_F(Kodlgen, FieldNamedLikeAKeywordIsAField) {
     Outcome r = Generate({"morphel/types.kodl"});
     EXPECT_EQ(r.status, 0) << r.errors;
     std::string source = Read("out/src/morphel/types.cpp");
-    EXPECT_NE(source.find("{\"data\", nullptr, nullptr, nullptr, 1, \"morphel.version.version1\"}"), std::string::npos);
-    EXPECT_NE(source.find("{\"property\", nullptr, nullptr, nullptr, 0, \"morphel.version.version2\"}"),
+    EXPECT_NE(source.find("{\"data\", nullptr, &::Kitra::gByteTypeInfo, 1, \"morphel.version.version1\", "
+                          "offsetof(A, data_), ::Kitra::Storage::Slot}"),
+              std::string::npos)
+        << source;
+    EXPECT_NE(source.find("{\"property\", nullptr, &::Kitra::gPropertyPathTypeInfo, 0, \"morphel.version.version2\", "
+                          "offsetof(A, property_), ::Kitra::Storage::String}"),
               std::string::npos);
 }
 
@@ -152,9 +159,42 @@ TEST_F(Kodlgen, OutputIsDeterministicAndDerivesNames) {
     EXPECT_NE(header.find("extern ::Kitra::ManagedMethod* gMorphelTaskTaskManagerMethodObjects[];"), std::string::npos);
     EXPECT_NE(source.find("\"MorphelTaskInfoState\""), std::string::npos);
     EXPECT_NE(source.find("\"morphel.task.TaskManager.createTask\""), std::string::npos);
-    // The imported base record is null in the image and written at load.
-    EXPECT_NE(source.find("kD_TaskInfo.base = r;"), std::string::npos);
-    EXPECT_NE(source.find("kP_TaskInfo[1].type = r;"), std::string::npos);
+    // Each record is complete where it stands, records of other libraries named by their addresses: one
+    // row per field, the data-type record from one template, nothing filled in at load.
+    EXPECT_NE(source.find("constinit const ::Kitra::Binding::FieldTable<2> Morphel::Task::TaskInfo::_kFields({\n"
+                          "    {\"state\", nullptr, &::gMorphelTaskTaskInfoStateTypeInfo, 4, \"morphel.version.version1\", "
+                          "offsetof(TaskInfo, state_), ::Kitra::Storage::I32},\n"
+                          "    {\"error\", nullptr, &::Kitra::gMethodFaultTypeInfo, 6, \"morphel.version.version1\", "
+                          "offsetof(TaskInfo, error_), ::Kitra::Storage::Slot},\n});"),
+              std::string::npos)
+        << source;
+    EXPECT_NE(source.find("::Kitra::Binding::DataRecord<Morphel::Task::TaskInfo, false>(&::gMorphelTaskTaskInfoTypeInfo, "
+                          "&::Kitra::gDynamicDataTypeInfo, Morphel::Task::TaskInfo::_kFields);"),
+              std::string::npos);
+    EXPECT_NE(source.find("constexpr const char* kV_TaskInfo_State[] = {\"queued\", \"running\", nullptr};"),
+              std::string::npos);
+    EXPECT_NE(source.find("const char* const Morphel::Task::TaskInfo::STATE_RUNNING = kV_TaskInfo_State[1];"),
+              std::string::npos);
+    EXPECT_NE(source.find("{\"spec\", nullptr, &::gMorphelTaskTaskInfoTypeInfo, 0, \"morphel.version.version1\"},"),
+              std::string::npos);
+    EXPECT_EQ(source.find("= r;"), std::string::npos);
+    EXPECT_EQ(source.find("nullptr, nullptr, nullptr, 4"), std::string::npos);  // no null type word
+    // The implementation base: every operation raises NotImplemented naming it.
+    EXPECT_NE(header.find("class TaskManagerBase : public virtual TaskManager, public virtual ::Kitra::ManagedObjectImpl {"),
+              std::string::npos);
+    EXPECT_NE(source.find("void Morphel::Task::TaskManagerBase::CreateTask(::Morphel::Task::TaskInfo*, "
+                          "::Fundix::Ref<::Morphel::Task::TaskInfo>&) { "
+                          "::Kitra::ThrowNotImplemented(\"morphel.task.TaskManager.createTask\"); }"),
+              std::string::npos);
+}
+
+TEST(Printer, ReplacesVariablesAndRefusesUnknownOnes) {
+    kodlgen::Printer p;
+    p.Print("int $name$ = $value$; // $$1\n", {{"name", "x"}, {"value", "4"}});
+    EXPECT_EQ(p.Text(), "int x = 4; // $1\n");
+    EXPECT_THROW(p.Print("int $name$ = $valu$;", {{"name", "x"}, {"value", "4"}}), std::logic_error);
+    EXPECT_THROW(p.Print("int $name = 1;", {{"name", "x"}}), std::logic_error);
+    EXPECT_THROW(p.Print("$x$"), std::logic_error);
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 // Text output from templates: "$name$" is replaced by the variable's value, "$$" by a dollar sign.
+// Templates are written as raw strings that look like the code they emit. A variable the call does not
+// give, or a "$" left open, is a fault of the generator: Print throws rather than write it out.
 #pragma once
 
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -19,21 +22,16 @@ public:
             }
             const char* end = p + 1;
             while (*end != '\0' && *end != '$') ++end;
+            if (*end == '\0') throw std::logic_error(std::string("template has an unclosed $: ") + text);
             std::string name(p + 1, end);
             if (name.empty()) {
                 out_ += '$';
             } else {
-                bool found = false;
-                for (const auto& v : vars) {
-                    if (name == v.first) {
-                        out_ += v.second;
-                        found = true;
-                        break;
-                    }
-                }
-                if (!found) out_ += "$" + name + "$";  // visible in the output, caught by the compiler
+                const std::string* value = Find(vars, name);
+                if (value == nullptr) throw std::logic_error("template variable $" + name + "$ has no value: " + text);
+                out_ += *value;
             }
-            p = *end == '\0' ? end - 1 : end;
+            p = end;
         }
     }
     void Raw(const std::string& text) { out_ += text; }
@@ -45,6 +43,12 @@ public:
     }
 
 private:
+    static const std::string* Find(Vars vars, const std::string& name) {
+        for (const auto& v : vars)
+            if (name == v.first) return &v.second;
+        return nullptr;
+    }
+
     std::string out_;
 };
 

@@ -101,7 +101,14 @@ int main(int argc, char** argv) {
         for (const auto& e : model.errors) std::cerr << e.where.file << ":" << e.where.line << ": " << e.message << "\n";
         return 1;
     }
-    for (const auto& file : kodlgen::Emit(model, library)) {
+    std::vector<kodlgen::OutputFile> files;
+    try {
+        files = kodlgen::Emit(model, library);
+    } catch (const std::logic_error& e) {  // a template of the generator itself is wrong
+        std::cerr << "kodlgen: " << e.what() << "\n";
+        return 2;
+    }
+    for (const auto& file : files) {
         if (!WriteIfChanged(fs::path(out) / file.path, file.text)) {
             std::cerr << "kodlgen: cannot write " << (fs::path(out) / file.path).string() << "\n";
             return 1;

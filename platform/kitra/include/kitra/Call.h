@@ -43,7 +43,7 @@ inline Kitra::Any* Arg(Fundix::RefVector<Kitra::Any>& arguments, size_t index, c
 
 // The implementation object of a dispatched call, as the managed type's interface.
 template <class T>
-T* Target(Kitra::ManagedObject* object) {
+[[gnu::visibility("hidden")]] T* Target(Kitra::ManagedObject* object) {
     T* target = dynamic_cast<T*>(object);
     if (target == nullptr) throw Fundix::TypeMismatchException(typeid(T).name(), "another managed object");
     return target;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 
 #include <kitra/Kitra.h>
 
@@ -26,7 +27,7 @@ Kitra::Type* GetTypeOnce(TypeCache& cache, CreateFn create, const void* record);
 Kitra::Type* CreateData(const void* record);
 Kitra::Type* CreateManaged(const void* record);
 template <class E>
-Kitra::Type* CreateEnum(const void* record) {
+[[gnu::visibility("hidden")]] Kitra::Type* CreateEnum(const void* record) {
     return new Kitra::EnumTypeImpl<E>(static_cast<const Kitra::EnumTypeInfo*>(record));
 }
 
@@ -36,6 +37,80 @@ Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* 
 // total without the base's own mapped size, and what the fields hold on the heap.
 unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
                 const Kitra::FieldLayout& layout, const void* object);
+
+// ---- The records of a data type, written where the type is defined.
+
+// One own field of a generated class: its property record and where and how the class stores it.
+struct FieldRow {
+    PropertyTypeInfo property;
+    FieldDesc field;
+
+    constexpr FieldRow(const char* name, const char* extra, const TypeInfo* type, uint32_t flags,
+                       const char* version, size_t offset, Storage storage)
+        : property{name, nullptr, extra, type, flags, version}, field{static_cast<uint32_t>(offset), storage} {}
+};
+
+// The property records (null-terminated, as the type's record expects them) and the field descriptions of
+// a class with `N` own fields, made at compile time from one row per field.
+template <size_t N>
+struct FieldTable {
+    PropertyTypeInfo properties[N + 1];
+    FieldDesc fields[N];
+
+    constexpr explicit FieldTable(const FieldRow (&rows)[N]) : properties{}, fields{} {
+        for (size_t i = 0; i < N; ++i) {
+            properties[i] = rows[i].property;
+            fields[i] = rows[i].field;
+        }
+        properties[N] = {nullptr, nullptr, nullptr, nullptr, kFlagTerminator, nullptr};
+    }
+};
+
+// The property functions and factories of the data-type record of class `T`. Those by index work on
+// `T::_kLayout` and check the object's class first. Each library keeps its own instances (hidden): they
+// are reached only through the records.
+template <class T>
+[[gnu::visibility("hidden")]] void GetField(DataObject* object, int index, void* out) {
+    Fields::Get(T::_kLayout, CheckedCast<T>(object), index, out);
+}
+template <class T>
+[[gnu::visibility("hidden")]] void SetField(DataObject* object, int index, const void* in) {
+    Fields::Set(T::_kLayout, CheckedCast<T>(object), index, in);
+}
+template <class T>
+[[gnu::visibility("hidden")]] bool IsFieldSet(const DataObject* object, int index) {
+    return Fields::IsSet(T::_kLayout, CheckedCast<const T>(object), index);
+}
+template <class T>
+[[gnu::visibility("hidden")]] void InitField(DataObject* object, int index) {
+    Fields::Init(T::_kLayout, CheckedCast<T>(object), index);
+}
+template <class T>
+[[gnu::visibility("hidden")]] DataObject* NewObject() {
+    return new (std::nothrow) T();
+}
+template <class T>
+[[gnu::visibility("hidden")]] Any* NewObjectArray() {
+    return new (std::nothrow) DataArray<T>();
+}
+
+// The record of data type `T` (`type`, derived from `base`) without fields of its own.
+template <class T>
+constexpr DataTypeInfo DataRecord(const TypeInfo* type, const TypeInfo* base) {
+    return {type, base, nullptr, &Fields::NoGet, &Fields::NoSet, &Fields::AlwaysSet, &Fields::NoInit,
+            &NewObject<T>, &NewObjectArray<T>};
+}
+// The record of data type `T` whose own fields `fields` describes; `arrays` when one of them is an array
+// (whose initialisation then makes an empty array of the element type).
+template <class T, bool arrays, size_t N>
+constexpr DataTypeInfo DataRecord(const TypeInfo* type, const TypeInfo* base, const FieldTable<N>& fields) {
+    InitPropertyFn init = &Fields::NoInit;
+    if constexpr (arrays) init = &InitField<T>;
+    return {type, base, fields.properties, &GetField<T>, &SetField<T>, &IsFieldSet<T>, init, &NewObject<T>,
+            &NewObjectArray<T>};
+}
+
+// ---- Registration
 
 struct VersionEntry {
     const char* name;

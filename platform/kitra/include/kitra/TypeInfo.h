@@ -1,7 +1,7 @@
 // The static metadata records through which generated code describes its types to the object model.
 // Their layouts are a binary contract: word for word, in this order, 32-bit words on a 32-bit target.
-// Every record is constant after load; only words that name a record of another library are zero in the
-// static image and written by a load-time initialiser before any registration runs.
+// Every record is constant and complete in the image: a word that names a record of another library is
+// filled in by the loader.
 #pragma once
 
 #include <cstdint>
