@@ -298,3 +298,77 @@ TEST(CallTest, ImplementationBasesRaiseNotImplementedNamingTheOperation) {
 }
 
 }  // namespace
+
+namespace {
+
+// Answers every call with `answer` and counts the calls.
+class AnswerAdapter : public Kitra::StubAdapter {
+public:
+    void Invoke(const std::string&, Kitra::ManagedMethod*, Fundix::RefVector<Any>&, Ref<Any>& result,
+                Kitra::RequestContext*) override {
+        ++calls;
+        result = answer;
+    }
+    Ref<Any> answer;
+    std::atomic<int> calls{0};
+};
+
+Kitra::ManagedMethod* MethodNamed(const char* type, const char* name) {
+    for (Kitra::ManagedMethod* m : Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->GetMethods())
+        if (std::string(m->GetName()) == name) return m;
+    return nullptr;
+}
+
+// The failure a started task call hands to its completion, as text; "task <id>" for a task reference.
+std::string StartTask(Kitra::StubImpl& stub, Kitra::ManagedMethod* method, Fundix::RefVector<Any>& args) {
+    std::string outcome = "not completed";
+    Ref<Fundix::System::ScheduledItem> item;
+    stub._StartInvoke_Task(method, args, [&](Fundix::System::ScheduledItem* running, Fundix::Exception* e, Any* result) {
+        if (running == nullptr) outcome = "no item";
+        else if (e != nullptr) outcome = e->what();
+        else if (auto* ref = dynamic_cast<Kitra::MoRef*>(result)) outcome = "task " + ref->GetId();
+        else outcome = "no task";
+    }, item);
+    if (!item) return "no item";
+    item->Wait();
+    return outcome;
+}
+
+TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
+    Ref<AnswerAdapter> adapter(new AnswerAdapter());
+    Ref<Morphel::Agent::MorphelManagerStub> manager(new Morphel::Agent::MorphelManagerStub("agent", adapter.Get(), nullptr));
+    Kitra::ManagedMethod* convert = MethodNamed("morphel.agent.MorphelManager", "convert");
+    ASSERT_NE(convert, nullptr);
+    Fundix::RefVector<Any> args(3);
+
+    adapter->answer = new Kitra::MoRef("morphel.task.Task", "task-9");
+    Ref<Kitra::MoRef> task;
+    manager->_Invoke_Task(convert, args, task);
+    ASSERT_TRUE(task);
+    EXPECT_EQ(task->GetId(), "task-9");
+    EXPECT_EQ(StartTask(*manager, convert, args), "task task-9");
+
+    // An answer of another class or none at all: the reference stays as it was.
+    adapter->answer = new Morphel::Agent::MorphelManager::ConvertResult();
+    EXPECT_THROW(manager->_Invoke_Task(convert, args, task), Fundix::TypeMismatchException);
+    EXPECT_EQ(task->GetId(), "task-9");
+    EXPECT_EQ(StartTask(*manager, convert, args).rfind("type mismatch", 0), 0u) << StartTask(*manager, convert, args);
+    adapter->answer = nullptr;
+    EXPECT_THROW(manager->_Invoke_Task(convert, args, task), Kitra::Fault::InvalidArgument::Exception);
+    EXPECT_EQ(task->GetId(), "task-9");
+    EXPECT_EQ(StartTask(*manager, convert, args), "kodl.fault.InvalidArgument");
+
+    // A method that starts no task is refused before anything is sent.
+    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("sessions", adapter.Get(), nullptr));
+    Kitra::ManagedMethod* logout = MethodNamed("morphel.SessionManager", "logout");
+    ASSERT_NE(logout, nullptr);
+    Fundix::RefVector<Any> none;
+    int before = adapter->calls;
+    EXPECT_THROW(sessions->_Invoke_Task(logout, none, task), Fundix::InvalidArgumentException);
+    Ref<Fundix::System::ScheduledItem> item;
+    EXPECT_THROW(sessions->_StartInvoke_Task(logout, none, {}, item), Fundix::InvalidArgumentException);
+    EXPECT_FALSE(item);
+    EXPECT_EQ(adapter->calls, before);
+}
+
+}  // namespace

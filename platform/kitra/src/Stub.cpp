@@ -129,6 +129,43 @@ void StubImpl::_StartInvoke(ManagedMethod* method, Fundix::RefVector<Any>& argum
     adapter_->StartInvoke(id_, method, arguments, completion, item, context_.Get());
 }
 
+namespace {
+
+void CheckStartsTask(ManagedMethod* method) {
+    const MethodTypeInfo* info = method != nullptr ? method->GetMethodInfo() : nullptr;
+    if (info == nullptr || !(info->methodFlags & kMethodTask))
+        throw Fundix::InvalidArgumentException((method != nullptr ? method->GetWireName() : std::string("null method")) +
+                                               " starts no task");
+}
+
+// The task reference a task method answered with.
+MoRef* TaskOf(Any* result) {
+    if (result == nullptr) Binding::ThrowMissingValue("result");
+    return CheckedCast<MoRef>(result);
+}
+
+}  // namespace
+
+void StubImpl::_Invoke_Task(ManagedMethod* method, Fundix::RefVector<Any>& arguments, Fundix::Ref<MoRef>& task) {
+    CheckStartsTask(method);
+    Fundix::Ref<Any> result;
+    _Invoke(method, arguments, result);
+    task = TaskOf(result.Get());
+}
+
+void StubImpl::_StartInvoke_Task(ManagedMethod* method, Fundix::RefVector<Any>& arguments,
+                                 const Completion& completion, Fundix::Ref<Fundix::System::ScheduledItem>& item) {
+    CheckStartsTask(method);
+    Completion checked = [completion](Fundix::System::ScheduledItem* running, Fundix::Exception* failure, Any* result) {
+        if (failure != nullptr || !completion) {
+            if (completion) completion(running, failure, nullptr);
+            return;
+        }
+        Complete(running, completion, [result]() { return Fundix::Ref<Any>(TaskOf(result)); });
+    };
+    _StartInvoke(method, arguments, checked, item);
+}
+
 // ---- LocalStubAdapter
 
 void LocalStubAdapter::Register(const std::string& id, ManagedObject* implementation) {

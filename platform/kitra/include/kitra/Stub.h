@@ -90,9 +90,23 @@ public:
     bool _Unregistered() const { return adapter_ == nullptr; }
     const std::string& _GetId() const { return id_; }
 
+    // Calls `method` with `arguments` through the adapter and stores its result (null for none).
     void _Invoke(ManagedMethod* method, Fundix::RefVector<Any>& arguments, Fundix::Ref<Any>& result);
+    // Starts the call and returns at once, handing back through `item` the scheduled item that carries it;
+    // `completion` runs later on one of the object model's threads.
     void _StartInvoke(ManagedMethod* method, Fundix::RefVector<Any>& arguments, const Completion& completion,
                       Fundix::Ref<Fundix::System::ScheduledItem>& item);
+    // Calls a method that starts a task (its record carries kMethodTask, its interface-description name
+    // ends in "_Task") and stores the reference of the started task in `task`. A method that starts no
+    // task raises Fundix::InvalidArgumentException before anything is sent; an answer that is not a
+    // reference raises Fundix::TypeMismatchException and an absent one Kitra::Fault::InvalidArgument
+    // naming "result", both leaving `task` as it was.
+    void _Invoke_Task(ManagedMethod* method, Fundix::RefVector<Any>& arguments, Fundix::Ref<MoRef>& task);
+    // The same, started: `completion` receives the task's reference as its result, or the failure (an
+    // answer that is not a reference as Fundix::TypeMismatchException, an absent one as
+    // Kitra::Fault::InvalidArgument).
+    void _StartInvoke_Task(ManagedMethod* method, Fundix::RefVector<Any>& arguments, const Completion& completion,
+                           Fundix::Ref<Fundix::System::ScheduledItem>& item);
 
 private:
     std::string id_;
