@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <thread>
+#include <vector>
 
 #include <kitra/Kitra.h>
 #include <kitra/fault/types.h>
@@ -369,6 +371,98 @@ TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
     EXPECT_THROW(sessions->_StartInvoke_Task(logout, none, {}, item), Fundix::InvalidArgumentException);
     EXPECT_FALSE(item);
     EXPECT_EQ(adapter->calls, before);
+}
+
+}  // namespace
+
+namespace {
+
+class CountingTaskManager : public Morphel::Task::TaskManagerBase {
+public:
+    explicit CountingTaskManager(int32_t max) : max(max) {}
+    int32_t GetMaxTask() override { return max; }
+    void SetMaxTask(int32_t value) override { max = value; }
+    int32_t max;
+};
+
+// An in-process stub resolves its implementation once and again only when the registrations change.
+TEST(CallTest, InProcessStubsFollowTheRegistrations) {
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    Ref<CountingTaskManager> first(new CountingTaskManager(1));
+    Ref<CountingTaskManager> second(new CountingTaskManager(2));
+    Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
+    EXPECT_EQ(stub->_GetLocalAdapter(), local.Get());
+
+    local->Register("tasks", first.Get());
+    EXPECT_EQ(stub->GetMaxTask(), 1);
+    stub->SetMaxTask(11);
+    EXPECT_EQ(first->max, 11);
+
+    // Another object under the same identifier, and registrations of other identifiers in between.
+    local->Register("other", second.Get());
+    EXPECT_EQ(stub->GetMaxTask(), 11);
+    local->Register("tasks", second.Get());
+    EXPECT_EQ(stub->GetMaxTask(), 2);
+    local->Register("tasks", first.Get());
+    EXPECT_EQ(stub->GetMaxTask(), 11);
+
+    // Gone: the call fails as before, naming the object; back again: it succeeds.
+    local->Unregister("tasks");
+    try {
+        stub->GetMaxTask();
+        FAIL() << "no fault";
+    } catch (const Kitra::Fault::ManagedObjectNotFound::Exception& e) {
+        EXPECT_EQ(e.GetFault()->GetObj()->GetId(), "tasks");
+        EXPECT_EQ(e.GetFault()->GetObj()->GetTypeName(), "morphel.task.TaskManager");
+    }
+    local->Register("tasks", second.Get());
+    EXPECT_EQ(stub->GetMaxTask(), 2);
+
+    // An object of another managed type under the identifier.
+    Ref<RewindingCollector> collector(new RewindingCollector());
+    local->Register("tasks", collector.Get());
+    EXPECT_THROW(stub->GetMaxTask(), Fundix::TypeMismatchException);
+
+    // The stub keeps the object it called alive while the adapter lets go of it.
+    Ref<Morphel::Task::TaskManagerStub> other(new Morphel::Task::TaskManagerStub("mine", local.Get(), nullptr));
+    {
+        Ref<CountingTaskManager> only(new CountingTaskManager(5));
+        local->Register("mine", only.Get());
+        EXPECT_EQ(other->GetMaxTask(), 5);
+        EXPECT_EQ(only->GetRefCount(), 3);  // this scope, the adapter and the stub
+    }
+    local->Unregister("mine");
+    EXPECT_THROW(other->GetMaxTask(), Kitra::Fault::ManagedObjectNotFound::Exception);
+
+    // A stub over another adapter takes the boxed path.
+    Ref<AnswerAdapter> remote(new AnswerAdapter());
+    remote->answer = new Kitra::Primitive<int32_t>(77);
+    Ref<Morphel::Task::TaskManagerStub> far(new Morphel::Task::TaskManagerStub("tasks", remote.Get(), nullptr));
+    EXPECT_EQ(far->_GetLocalAdapter(), nullptr);
+    EXPECT_EQ(far->GetMaxTask(), 77);
+    EXPECT_EQ(remote->calls, 1);
+}
+
+// Calls on one stub from several threads while the registration under its identifier changes: every call
+// reaches one of the two objects (run under the thread sanitizer by the test command).
+TEST(CallTest, InProcessStubCallsRaceWithRegistrations) {
+    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
+    Ref<CountingTaskManager> first(new CountingTaskManager(1));
+    Ref<CountingTaskManager> second(new CountingTaskManager(2));
+    local->Register("tasks", first.Get());
+    Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 3; ++t)
+        callers.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                int32_t v = stub->GetMaxTask();
+                if (v != 1 && v != 2) ++wrong;
+            }
+        });
+    for (int i = 0; i < 500; ++i) local->Register("tasks", i % 2 ? first.Get() : second.Get());
+    for (auto& c : callers) c.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

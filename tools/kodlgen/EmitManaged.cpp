@@ -42,7 +42,12 @@ public:
         p.Print("    $sig$ override;\n", {{"sig", SyncSignature(op, "")}});
         if (op.async) p.Print("    $sig$;\n", {{"sig", AsyncSignature(op, "")}});
     }
-    p.Print("};\n");
+    p.Print(R"(
+private:
+    ::Kitra::LocalTarget<$flat$> _localTarget;  // the implementation, when the adapter is in-process
+};
+)",
+            {{"flat", t->flatName}});
 
     // The base of implementations: every operation raises kodl.fault.NotImplemented naming it.
     std::string implBases = "public virtual " + t->flatName + ", public virtual ::Kitra::ManagedObjectImpl";
@@ -224,7 +229,8 @@ template <>
                 {{"q", t->qualFlat.substr(2)}, {"up", Upper(mt.name)}, {"wire", Quote(t->wireName + "." + mt.name)}});
 }
 
-// The stub's operations: arguments boxed into a vector, the call through the adapter, the result unboxed.
+// The stub's operations: in process, a direct call on the implementation; otherwise the arguments boxed
+// into a vector, the call through the adapter, the result unboxed.
 void ModuleEmitter::EmitStubSource(Printer& p, const TypeDecl* t) {
     std::string stub = t->qualFlat.substr(2) + "Stub";
     std::string init = "::Kitra::StubImpl(id, adapter, context)";
@@ -248,13 +254,19 @@ $stub$::$name$(const std::string& id, ::Kitra::StubAdapter* adapter, ::Kitra::Re
             tail = std::string(c.slot ? "    result = " : "    return ") +
                    UnboxExpr(op.result, op.resultFlags, "r.Get()", "result") + ";\n";
         }
+        std::string call = op.cppName + "(";
+        for (size_t a = 0; a < op.params.size(); ++a) call += (a ? ", " : "") + SafeName(op.params[a].name);
+        if (op.hasResult && CallTypeOf(op.result, op.resultFlags).slot) call += op.params.empty() ? "result" : ", result";
+        call += ")";
         Printer::Vars vars = {{"sig", SyncSignature(op, stub + "::")},
+                              {"call", call},
                               {"async", op.async ? AsyncSignature(op, stub + "::") : ""},
                               {"n", std::to_string(op.params.size())},
                               {"boxes", boxes},
                               {"slot", slot},
                               {"tail", tail}};
         p.Print(R"($sig$ {
+    if (auto* _target = _localTarget.Get(*this)) return _target->$call$;
     ::Fundix::RefVector<::Kitra::Any> args($n$);
 $boxes$    ::Fundix::Ref<::Kitra::Any> r;
     _Invoke($slot$, args, r);

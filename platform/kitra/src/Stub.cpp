@@ -114,7 +114,7 @@ void StubAdapter::StartInvoke(const std::string& id, ManagedMethod* method, Fund
 // ---- StubImpl
 
 StubImpl::StubImpl(const std::string& id, StubAdapter* adapter, RequestContext* context)
-    : id_(id), adapter_(adapter), context_(context) {}
+    : id_(id), adapter_(adapter), context_(context), local_(dynamic_cast<LocalStubAdapter*>(adapter)) {}
 
 Fundix::Ref<MoRef> StubImpl::_GetRef() const { return new MoRef(_GetType()->GetName(), id_); }
 
@@ -171,11 +171,20 @@ void StubImpl::_StartInvoke_Task(ManagedMethod* method, Fundix::RefVector<Any>& 
 void LocalStubAdapter::Register(const std::string& id, ManagedObject* implementation) {
     std::lock_guard<std::mutex> lock(mutex_);
     objects_[id] = implementation;
+    generation_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void LocalStubAdapter::Unregister(const std::string& id) {
     std::lock_guard<std::mutex> lock(mutex_);
     objects_.erase(id);
+    generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+Fundix::Ref<ManagedObject> LocalStubAdapter::Resolve(const std::string& id, uint64_t& generation) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    generation = generation_.load(std::memory_order_relaxed);
+    auto it = objects_.find(id);
+    return it == objects_.end() ? nullptr : it->second;
 }
 
 ManagedObject* LocalStubAdapter::Find(const std::string& id) const {
@@ -216,6 +225,20 @@ void ThrowMissingValue(const char* name) {
 
 void ThrowNoMethod(const char* type, int index) {
     throw Fundix::InvalidArgumentException(std::string(type) + " has no method " + std::to_string(index));
+}
+
+std::mutex& LocalTargetMutex() {
+    static std::mutex* mutex = new std::mutex();
+    return *mutex;
+}
+
+void ThrowNotRegistered(const Type* type, const std::string& id) {
+    Fundix::Ref<MoRef> ref(new MoRef(type->GetName(), id));
+    Fault::ManagedObjectNotFound::Exception(ref.Get()).Throw();
+}
+
+void ThrowNotImplementing(const char* type) {
+    throw Fundix::TypeMismatchException(type, "another managed object");
 }
 
 }  // namespace Kitra::Binding

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <typeinfo>
 #include <map>
 #include <mutex>
 #include <string>
@@ -17,6 +19,8 @@
 #include <kitra/MoRef.h>
 
 namespace Kitra {
+
+class LocalStubAdapter;
 
 // What an asynchronous call reports when it ends: the item that carried it, and either the failure (owned
 // by the caller of the functor for the duration of the call) or the result (null for void methods).
@@ -89,6 +93,9 @@ public:
     // True when the adapter no longer serves the object (the stub then only fails).
     bool _Unregistered() const { return adapter_ == nullptr; }
     const std::string& _GetId() const { return id_; }
+    // The adapter when it is the in-process one, else null: the stub's operations then call the
+    // implementation object directly (see LocalTarget).
+    LocalStubAdapter* _GetLocalAdapter() const { return local_; }
 
     // Calls `method` with `arguments` through the adapter and stores its result (null for none).
     void _Invoke(ManagedMethod* method, Fundix::RefVector<Any>& arguments, Fundix::Ref<Any>& result);
@@ -112,6 +119,7 @@ private:
     std::string id_;
     Fundix::Ref<StubAdapter> adapter_;
     Fundix::Ref<RequestContext> context_;
+    LocalStubAdapter* local_;  // adapter_ itself, when it is in-process
 };
 
 // Routes calls to implementation objects in the same process, for tests and for programs that host a
@@ -122,6 +130,11 @@ public:
     void Unregister(const std::string& id);
     ManagedObject* Find(const std::string& id) const;
 
+    // Counts the changes of the registrations: a stub's resolved target stays good while it is unchanged.
+    uint64_t Generation() const { return generation_.load(std::memory_order_acquire); }
+    // The object registered under `id` (null for none) and the generation it was found in.
+    Fundix::Ref<ManagedObject> Resolve(const std::string& id, uint64_t& generation) const;
+
     // Dispatches through the invoke function of the type that declares `method`. An unknown identifier
     // raises Kitra::Fault::ManagedObjectNotFound.
     void Invoke(const std::string& id, ManagedMethod* method, Fundix::RefVector<Any>& arguments,
@@ -130,7 +143,77 @@ public:
 private:
     mutable std::mutex mutex_;
     std::map<std::string, Fundix::Ref<ManagedObject>> objects_;
+    std::atomic<uint64_t> generation_{1};
 };
+
+// The implementation object behind a stub whose adapter is in-process, as the interface `T` that declares
+// the stub's operations: resolved by identifier on the first call and again only after the adapter's
+// registrations change, so that an in-process call is a direct virtual call on the implementation, with
+// neither argument vector nor boxes. Every generated stub keeps one per interface level.
+template <class T>
+class LocalTarget {
+public:
+    LocalTarget() = default;
+    LocalTarget(const LocalTarget&) = delete;
+    LocalTarget& operator=(const LocalTarget&) = delete;
+    ~LocalTarget() {
+        for (Bound* b = current_.load(std::memory_order_relaxed); b != nullptr;) {
+            Bound* previous = b->previous;
+            delete b;
+            b = previous;
+        }
+    }
+
+    // The implementation as `T`, or null when the stub's adapter is not in-process. An identifier the
+    // adapter does not hold raises Kitra::Fault::ManagedObjectNotFound; an object that does not implement
+    // `T`, Fundix::TypeMismatchException.
+    T* Get(const StubImpl& stub) {
+        LocalStubAdapter* local = stub._GetLocalAdapter();
+        if (local == nullptr) return nullptr;
+        Bound* b = current_.load(std::memory_order_acquire);
+        if (b != nullptr && b->generation.load(std::memory_order_acquire) == local->Generation()) return b->target;
+        return Resolve(stub, *local);
+    }
+
+private:
+    // A resolved object. Those replaced by another object stay (with their reference) until the stub
+    // goes, since a call on another thread may still be running on them.
+    struct Bound {
+        Fundix::Ref<ManagedObject> object;
+        T* target;
+        std::atomic<uint64_t> generation;
+        Bound* previous;
+    };
+
+    T* Resolve(const StubImpl& stub, LocalStubAdapter& local);
+
+    std::atomic<Bound*> current_{nullptr};
+};
+
+namespace Binding {
+std::mutex& LocalTargetMutex();
+[[noreturn]] void ThrowNotRegistered(const Type* type, const std::string& id);
+[[noreturn]] void ThrowNotImplementing(const char* type);
+}  // namespace Binding
+
+template <class T>
+T* LocalTarget<T>::Resolve(const StubImpl& stub, LocalStubAdapter& local) {
+    uint64_t generation = 0;
+    Fundix::Ref<ManagedObject> object = local.Resolve(stub._GetId(), generation);
+    if (!object) Binding::ThrowNotRegistered(GetType<T>(), stub._GetId());
+    T* target = dynamic_cast<T*>(object.Get());
+    if (target == nullptr) Binding::ThrowNotImplementing(typeid(T).name());
+    std::lock_guard<std::mutex> lock(Binding::LocalTargetMutex());
+    Bound* b = current_.load(std::memory_order_relaxed);
+    if (b != nullptr && b->object.Get() == object.Get()) {
+        // The same object: only its generation moves on.
+        if (b->generation.load(std::memory_order_relaxed) < generation)
+            b->generation.store(generation, std::memory_order_release);
+        return b->target;
+    }
+    current_.store(new Bound{object, target, {generation}, b}, std::memory_order_release);
+    return target;
+}
 
 // Raises kodl.fault.NotImplemented naming `method` (the operation's wire name, "morphel.task.TaskManager.
 // getTaskInfo"): what the generated implementation bases (`Morphel::Task::TaskManagerBase`) do for every
