@@ -140,16 +140,14 @@ constinit const ::Kitra::PropertyTypeInfo kP_$id$[] = {
                      {"type", RecordAddress(pr.type)}, {"flags", std::to_string(pr.flags)}, {"version", Quote(t->version)}});
         p.Print("    {nullptr, nullptr, nullptr, nullptr, ::Kitra::kFlagTerminator, nullptr},\n};\n");
     }
-    p.Print("\n}  // namespace\n");
 }
 
-// Server-side dispatch, stub creation and the type's record with its method objects.
+// Server-side dispatch, stub creation and the type's record with its method objects (still inside the
+// anonymous namespace that the records opened).
 void ModuleEmitter::EmitDispatch(Printer& p, const TypeDecl* t) {
     const std::string id = t->flatName;
     auto ops = OperationsOf(t);
     p.Print(R"(
-namespace {
-
 ::Kitra::ManagedObject* NewStub_$id$(const std::string& id, ::Kitra::StubAdapter* adapter,
                                    ::Kitra::RequestContext* context) {
     return new $q$Stub(id, adapter, context);
@@ -171,7 +169,7 @@ void Invoke_$id$(::Kitra::ManagedObject* object, int index, ::Fundix::RefVector<
             std::string arg = "::Kitra::Binding::Arg(args, " + std::to_string(a) + ", " + Quote(pa.name) + ")";
             call += (a ? ", " : "") + UnboxExpr(pa.type, pa.flags, arg, pa.name);
         }
-        p.Print("    case $i$: {\n", {{"i", std::to_string(i)}});
+        p.Print("    case $i$: {  // $name$\n", {{"i", std::to_string(i)}, {"name", op.wire.substr(t->wireName.size() + 1)}});
         if (!op.hasResult) {
             p.Print(R"(        $call$);
         result = nullptr;
