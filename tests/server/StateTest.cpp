@@ -29,7 +29,8 @@ TEST(MemoryState, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(selected[0]->GetKey(), 2);
         EXPECT_EQ(tx.SelectEvents(nullptr).size(), 2u);
 
-        for (const char* id : {"t1", "t2", "t3", "t4"}) tx.AddRecentTask(id, 3);
+        for (const char* id : {"t1", "t2", "t3", "t4"})
+            tx.AddRecentTask(id, 3);
         EXPECT_EQ(tx.RecentTasks(), (std::vector<std::string>{"t2", "t3", "t4"}));
         tx.AddRecentTask("t5", 1);
         EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{"t5"});

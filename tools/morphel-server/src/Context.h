@@ -32,8 +32,8 @@ Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
 // Raises `fault` as its own exception class.
 [[noreturn]] void Raise(Fundix::Ref<Kitra::MethodFault> fault);
 [[noreturn]] void ThrowInvalidArgument(const std::string& property);  // kodl.fault.InvalidArgument
-[[noreturn]] void ThrowNotFound();                                     // dovra.fault.NotFound
-[[noreturn]] void ThrowInvalidState();                                 // dovra.fault.InvalidState
+[[noreturn]] void ThrowNotFound();                                    // dovra.fault.NotFound
+[[noreturn]] void ThrowInvalidState();                                // dovra.fault.InvalidState
 
 // How many history collectors the service holds at once (all sessions together).
 inline constexpr int32_t kMaxCollectors = 32;
@@ -46,8 +46,9 @@ void CheckSource(const Machine& machine, Morphel::ComputerSpec* source);
 Kitra::Http::Session& CurrentSession();
 
 // The events `filter` selects from `begin` to `end` (backwards: from `end` down), as copies.
-Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Page(const std::vector<Fundix::Ref<Morphel::Event::Event>>& events,
-                                                         size_t begin, size_t end, bool backwards = false);
+Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Page(
+    const std::vector<Fundix::Ref<Morphel::Event::Event>>& events, size_t begin, size_t end,
+    bool backwards = false);
 
 class Context {
 public:
@@ -61,12 +62,15 @@ public:
     std::shared_ptr<State> state;
     Kitra::Http::Server* server = nullptr;
 
-    void Register(const std::string& id, Kitra::ManagedObject* implementation) { server->Register(id, implementation); }
+    void Register(const std::string& id, Kitra::ManagedObject* implementation) {
+        server->Register(id, implementation);
+    }
     void Unregister(const std::string& id) { server->Unregister(id); }
 
     // Records `event` with the next key, the current time, `chainId` (a new chain for 0) and the job.
-    static void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
-                    Morphel::Event::Event::Type type, const std::string& message, const std::string& jobId = "");
+    static void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId,
+                    const std::string& userName, Morphel::Event::Event::Type type, const std::string& message,
+                    const std::string& jobId = "");
     void Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
              Morphel::Event::Event::Type type, const std::string& message);
     // A TaskEvent carrying a copy of the task's record.

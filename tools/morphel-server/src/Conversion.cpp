@@ -32,11 +32,14 @@ JobRecord FindJob(StateTransaction& tx, const Kitra::MoRef* ref) {
 // The machine a job makes: a hosted virtual machine in the target's directory, or, for any other target,
 // the source's description.
 Ref<Morphel::ComputerSpec> TargetOf(const ConversionJobSpec& spec) {
-    auto* cloning = spec.GetConversionParams() != nullptr ? spec.GetConversionParams()->GetCloningParams() : nullptr;
+    auto* cloning =
+        spec.GetConversionParams() != nullptr ? spec.GetConversionParams()->GetCloningParams() : nullptr;
     auto* target = cloning != nullptr ? cloning->GetTarget() : nullptr;
     if (target != nullptr) {
-        if (auto* hosted = dynamic_cast<Morphel::Params::TargetVmSpec::HostedVmLocation*>(target->GetLocation())) {
-            Ref<Morphel::ComputerSpec::HostedVmLocation> location(new Morphel::ComputerSpec::HostedVmLocation());
+        if (auto* hosted =
+                dynamic_cast<Morphel::Params::TargetVmSpec::HostedVmLocation*>(target->GetLocation())) {
+            Ref<Morphel::ComputerSpec::HostedVmLocation> location(
+                new Morphel::ComputerSpec::HostedVmLocation());
             location->SetConfigFilePath(hosted->GetDirectory() + "/" + target->GetName());
             return new Morphel::ComputerSpec(location.Get());
         }
@@ -88,15 +91,18 @@ public:
     }
 
     void GetJobInfo(Kitra::MoRef* conversionJob, Ref<ConversionJobInfo>& result) override {
-        result = context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<ConversionJobInfo>(FindJob(tx, conversionJob).info->_Clone()); });
+        result = context_.state->Run([&](StateTransaction& tx) {
+            return Ref<ConversionJobInfo>(FindJob(tx, conversionJob).info->_Clone());
+        });
     }
     void GetJobSpec(Kitra::MoRef* conversionJob, Ref<ConversionJobSpec>& result) override {
-        result = context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<ConversionJobSpec>(FindJob(tx, conversionJob).spec->_Clone()); });
+        result = context_.state->Run([&](StateTransaction& tx) {
+            return Ref<ConversionJobSpec>(FindJob(tx, conversionJob).spec->_Clone());
+        });
     }
     void GetJobExtraInfo(Kitra::MoRef* conversionJob, Ref<Kitra::Any>& result) override {
-        result = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).extraInfo; });
+        result =
+            context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).extraInfo; });
     }
     Fundix::Optional<int32_t> GetMaxCollector() override { return kMaxCollectors; }
 
@@ -106,7 +112,8 @@ private:
 
 void RunConversion(Context& context, const std::string& taskId);
 
-void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extraInfo, Ref<ConversionJobInfo>& result) {
+void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extraInfo,
+                                      Ref<ConversionJobInfo>& result) {
     if (spec == nullptr) ThrowInvalidArgument("spec");
     const std::string user = CurrentSession().GetUserName();
     if (spec->GetName().empty()) {
@@ -116,9 +123,10 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     }
     CheckSource(context_.machine, spec->GetSource());
     const Machine& machine = context_.machine;
-    auto [jobId, taskId] = context_.state->Run([](StateTransaction& tx) {
-        std::string job = "ConversionJob-" + std::to_string(tx.NextId());
-        return std::make_pair(job, "Task-" + std::to_string(tx.NextId()));
+    std::string jobId, taskId;
+    context_.state->Transact([&](StateTransaction& tx) {
+        jobId = "ConversionJob-" + std::to_string(tx.NextId());
+        taskId = "Task-" + std::to_string(tx.NextId());
     });
     DateTime now = DateTime::Now();
 
@@ -126,15 +134,18 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     task.id = taskId;
     task.jobId = jobId;
     task.vmName = spec->GetName();
-    auto* cloning = spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
+    auto* cloning =
+        spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
     if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
     auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
                       ? cloning->GetStorageParams()->GetTargetDiskParams()
                       : nullptr;
     for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
-        if (disks->Get(i)->GetSourceDiskId().IsSet()) task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
+        if (disks->Get(i)->GetSourceDiskId().IsSet())
+            task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
     if (task.disks.empty())
-        for (const auto& d : machine.disks) task.disks.push_back(d.id);
+        for (const auto& d : machine.disks)
+            task.disks.push_back(d.id);
 
     Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
     info->SetKey(taskId);
@@ -186,13 +197,13 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         std::string message = "Conversion job '" + spec->GetName() + "' created";
         Ref<Morphel::Event::GeneralEvent> created(new Morphel::Event::GeneralEvent());
         created->SetMessage(message);
-        Context::Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info, message,
-                     jobId);
+        Context::Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
+                     message, jobId);
         Context::LogTask(tx, task, "Task queued");
         result = job.info->_Clone();
     });
     // The run outlives no context (its destructor joins it), and may outlive this manager.
-    context_.Spawn([&context = context_, taskId = taskId] { RunConversion(context, taskId); });
+    context_.Spawn([&context = context_, taskId] { RunConversion(context, taskId); });
     context_.Register(jobId, Ref<ConversionJobImpl>(new ConversionJobImpl(context_, jobId)).Get());
     RegisterTask(context_, taskId);
 }
@@ -266,7 +277,8 @@ void RunConversion(Context& context, const std::string& taskId) {
 }  // namespace
 
 void AttachConversions(Context& context) {
-    context.Register(kConversionManagerId, Ref<ConversionManagerImpl>(new ConversionManagerImpl(context)).Get());
+    context.Register(kConversionManagerId,
+                     Ref<ConversionManagerImpl>(new ConversionManagerImpl(context)).Get());
 }
 
 }  // namespace MorphelServer

@@ -26,7 +26,8 @@ private:
         return context_.state->Run([&](StateTransaction& tx) {
             auto collector = tx.FindCollector(id_);
             if (!collector)
-                Kitra::Fault::ManagedObjectNotFound::Exception(RefTo<Morphel::Event::EventHistoryCollector>(id_).Get())
+                Kitra::Fault::ManagedObjectNotFound::Exception(
+                    RefTo<Morphel::Event::EventHistoryCollector>(id_).Get())
                     .Throw();
             auto result = body(tx, *collector);
             tx.PutCollector(id_, *collector);
@@ -81,7 +82,8 @@ public:
         });
     }
     void GetFilter(Ref<Kitra::Any>& result) override {
-        result = With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter->_Clone()); });
+        result =
+            With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter->_Clone()); });
     }
     void Remove() override {
         bool removed = context_.state->Run([&](StateTransaction& tx) { return tx.EraseCollector(id_); });
@@ -108,7 +110,8 @@ public:
             tx.PutCollector(id, c);
             return id;
         });
-        context_.Register(id, Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context_, id)).Get());
+        context_.Register(id,
+                          Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context_, id)).Get());
         result = RefTo<Morphel::Event::EventHistoryCollector>(id);
     }
     void QueryEvent(EventFilterSpec* filter, Ref<EventPage>& result) override {

@@ -13,14 +13,16 @@ using Fundix::Ref;
 
 bool Matches(const Morphel::Event::EventFilterSpec* filter, const Morphel::Event::Event& e) {
     if (filter == nullptr) return true;
-    if (filter->GetEventChainId().IsSet() && filter->GetEventChainId().GetValue() != e.GetChainId()) return false;
+    if (filter->GetEventChainId().IsSet() && filter->GetEventChainId().GetValue() != e.GetChainId())
+        return false;
     if (auto* types = filter->GetType(); types != nullptr && types->GetLength() != 0) {
         const auto& v = types->GetValues();
         if (std::find(v.begin(), v.end(), e.GetType()) == v.end()) return false;
     }
     if (auto* ids = filter->GetTypeId(); ids != nullptr && ids->GetLength() != 0) {
         bool any = false;
-        for (const auto& name : ids->GetValues()) any = any || name == e._GetType()->GetName();
+        for (const auto& name : ids->GetValues())
+            any = any || name == e._GetType()->GetName();
         if (!any) return false;
     }
     if (auto* time = filter->GetTimeRange(); time != nullptr) {
@@ -33,7 +35,8 @@ bool Matches(const Morphel::Event::EventFilterSpec* filter, const Morphel::Event
         const auto& v = users->GetUserList()->GetValues();
         if (std::find(v.begin(), v.end(), e.GetUserName()) == v.end()) return false;
     }
-    if (auto* job = filter->GetJob(); job != nullptr && (e.GetJob() == nullptr || e.GetJob()->GetId() != job->GetId()))
+    if (auto* job = filter->GetJob();
+        job != nullptr && (e.GetJob() == nullptr || e.GetJob()->GetId() != job->GetId()))
         return false;
     return true;
 }
@@ -64,7 +67,8 @@ private:
         events_.emplace_back(event);
         return key;
     }
-    std::vector<Ref<Morphel::Event::Event>> SelectEvents(const Morphel::Event::EventFilterSpec* filter) override {
+    std::vector<Ref<Morphel::Event::Event>> SelectEvents(
+        const Morphel::Event::EventFilterSpec* filter) override {
         std::vector<Ref<Morphel::Event::Event>> out;
         for (const auto& e : events_)
             if (Matches(filter, *e)) out.push_back(e);
@@ -89,9 +93,13 @@ private:
             recentTasks_.erase(recentTasks_.begin(), recentTasks_.end() - std::ptrdiff_t(keep));
     }
 
-    std::optional<CollectorRecord> FindCollector(const std::string& id) override { return Find(collectors_, id); }
+    std::optional<CollectorRecord> FindCollector(const std::string& id) override {
+        return Find(collectors_, id);
+    }
     size_t CountCollectors() override { return collectors_.size(); }
-    void PutCollector(const std::string& id, const CollectorRecord& collector) override { collectors_[id] = collector; }
+    void PutCollector(const std::string& id, const CollectorRecord& collector) override {
+        collectors_[id] = collector;
+    }
     bool EraseCollector(const std::string& id) override { return collectors_.erase(id) != 0; }
 
     std::mutex mutex_;

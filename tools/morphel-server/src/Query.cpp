@@ -25,7 +25,8 @@ class QueryManagerImpl : public Morphel::QueryManagerBase {
 public:
     explicit QueryManagerImpl(Context& context) : machine_(context.machine) {}
 
-    void QueryComputerInfo(Morphel::ComputerSpec* source, Ref<Morphel::Info::ComputerHardwareInfo>& result) override {
+    void QueryComputerInfo(Morphel::ComputerSpec* source,
+                           Ref<Morphel::Info::ComputerHardwareInfo>& result) override {
         CheckSource(source);
         result = DescribeHardware(machine_);
     }
@@ -47,7 +48,8 @@ public:
         result = s;
     }
 
-    void GetSupportedTargets(Morphel::ComputerSpec* source, Morphel::Info::BootConfigInfo_BootLoaderEntrySpec*,
+    void GetSupportedTargets(Morphel::ComputerSpec* source,
+                             Morphel::Info::BootConfigInfo_BootLoaderEntrySpec*,
                              Ref<Morphel::Info::SupportedTargets>& result) override {
         CheckSource(source);
         Ref<Morphel::Info::SupportedTargets> t(new Morphel::Info::SupportedTargets());
@@ -56,7 +58,8 @@ public:
         targets->Append(Morphel::Info::SupportedTargets::PRODUCTTYPE_OVF);
         t->SetSupportedTargets(targets.Get());
         Ref<Kitra::Array<std::string>> hosted(new Kitra::Array<std::string>());
-        for (const char* v : {"tarnDesk3", "tarnHost3", "tarnViewer3"}) hosted->Append(v);
+        for (const char* v : {"tarnDesk3", "tarnHost3", "tarnViewer3"})
+            hosted->Append(v);
         t->SetSupportedHostedTargets(hosted.Get());
         result = t;
     }
@@ -67,7 +70,8 @@ private:
     // What cannot work about `params` for this machine; raised as one PropertyInfoFault.
     void Validate(Morphel::Params::ConversionParams* params) const {
         using namespace Morphel::PropertyInfo;
-        Ref<Kitra::DataArray<Morphel::Info::PropertyInfo>> notes(new Kitra::DataArray<Morphel::Info::PropertyInfo>());
+        Ref<Kitra::DataArray<Morphel::Info::PropertyInfo>> notes(
+            new Kitra::DataArray<Morphel::Info::PropertyInfo>());
         auto add = [&](Ref<Morphel::Info::PropertyInfo> note) { notes->Append(note.Get()); };
         if (params == nullptr) ThrowInvalidArgument("conversionParams");
         bool clone = !params->IsDoClone().IsSet() || params->IsDoClone().GetValue();
@@ -76,15 +80,18 @@ private:
             add(Note(new Morphel::Info::PropertyInfo(), "cloningParams", "error",
                      "cloning requested without cloning parameters"));
         if (cloning != nullptr) {
-            std::string targetName = cloning->GetTarget() != nullptr ? cloning->GetTarget()->GetName() : std::string();
+            std::string targetName =
+                cloning->GetTarget() != nullptr ? cloning->GetTarget()->GetName() : std::string();
             if (cloning->GetTarget() == nullptr)
-                add(Note(new Morphel::Info::PropertyInfo(), "cloningParams.target", "error", "no target machine"));
+                add(Note(new Morphel::Info::PropertyInfo(), "cloningParams.target", "error",
+                         "no target machine"));
             auto* storage = cloning->GetStorageParams();
             auto* disks = storage != nullptr ? storage->GetTargetDiskParams() : nullptr;
             for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i) {
                 auto* disk = disks->Get(i);
                 std::string path = "cloningParams.storageParams.targetDiskParams[" + std::to_string(i) + "]";
-                const std::string* id = disk->GetSourceDiskId().IsSet() ? &disk->GetSourceDiskId().GetValue() : nullptr;
+                const std::string* id =
+                    disk->GetSourceDiskId().IsSet() ? &disk->GetSourceDiskId().GetValue() : nullptr;
                 if (id != nullptr && machine_.FindDisk(*id) == nullptr)
                     add(Note(new Morphel::Info::PropertyInfo(), path + ".sourceDiskId", "error",
                              "the source has no disk '" + *id + "'"));
@@ -101,7 +108,8 @@ private:
                         Ref<InsufficientSpaceError> note(new InsufficientSpaceError());
                         note->SetTargetName(targetName);
                         add(Note(note.Get(), vpath + ".newCapacityInBytes", "error",
-                                 "smaller than the " + std::to_string(volume->spaceUsedInBytes) + " bytes in use"));
+                                 "smaller than the " + std::to_string(volume->spaceUsedInBytes) +
+                                     " bytes in use"));
                     }
                 }
             }
@@ -115,7 +123,8 @@ private:
             }
         }
         if (params->IsDoCustomize().IsSet() && params->IsDoCustomize().GetValue())
-            add(Note(new CustomizeNotSupported(), "doCustomize", "error", "a live Linux source cannot be customized"));
+            add(Note(new CustomizeNotSupported(), "doCustomize", "error",
+                     "a live Linux source cannot be customized"));
         if (notes->GetLength() != 0) Morphel::Fault::PropertyInfoFault::Exception(notes.Get()).Throw();
     }
 
@@ -128,7 +137,8 @@ void CheckSource(const Machine& machine, Morphel::ComputerSpec* source) {
     if (source == nullptr) ThrowInvalidArgument("source");
     auto* live = dynamic_cast<Morphel::ComputerSpec::LiveComputerLocation*>(source->GetLocation());
     std::string host = live != nullptr ? live->GetHostname() : std::string();
-    if (live == nullptr || (host != machine.hostname && host != "localhost" && host != "127.0.0.1" && host != "::1")) {
+    if (live == nullptr ||
+        (host != machine.hostname && host != "localhost" && host != "127.0.0.1" && host != "::1")) {
         Ref<Morphel::Fault::NoHostConnection> fault(new Morphel::Fault::NoHostConnection());
         fault->SetHostName(live != nullptr ? host : std::string("(not a live computer)"));
         Raise(fault.Get());

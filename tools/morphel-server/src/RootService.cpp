@@ -28,15 +28,18 @@ private:
             const std::string& uri = call->GetCodec().GetVersionUri();
             apiVersion = uri.substr(uri.rfind('/') + 1);
         }
-        Ref<Dovra::AboutInfo> about(new Dovra::AboutInfo(
-            "Morphel Server", "Morphel Reference Server 0.1.0", "morphelTypes", "0.1.0", "1", "linux-x64",
-            "ConversionServer", apiVersion, context_.instanceUuid, Fundix::Optional<std::string>(),
-            Fundix::Optional<std::string>()));
+        Ref<Dovra::AboutInfo> about(
+            new Dovra::AboutInfo("Morphel Server", "Morphel Reference Server 0.1.0", "morphelTypes", "0.1.0",
+                                 "1", "linux-x64", "ConversionServer", apiVersion, context_.instanceUuid,
+                                 Fundix::Optional<std::string>(), Fundix::Optional<std::string>()));
         return new Morphel::ServiceInstanceContent(
-            Ref<Kitra::MoRef>(new Kitra::MoRef(Kitra::GetType<Kitra::ManagedObject>()->GetName(), "PropertyCollector")).Get(),
+            Ref<Kitra::MoRef>(
+                new Kitra::MoRef(Kitra::GetType<Kitra::ManagedObject>()->GetName(), "PropertyCollector"))
+                .Get(),
             RefTo<Morphel::SessionManager>(kSessionManagerId).Get(),
             RefTo<Morphel::Event::EventManager>(kEventManagerId).Get(),
-            RefTo<Morphel::Task::TaskManager>(kTaskManagerId).Get(), RefTo<Morphel::QueryManager>(kQueryManagerId).Get(),
+            RefTo<Morphel::Task::TaskManager>(kTaskManagerId).Get(),
+            RefTo<Morphel::QueryManager>(kQueryManagerId).Get(),
             RefTo<Morphel::DiagnosticManager>(kDiagnosticManagerId).Get(), about.Get(),
             RefTo<Morphel::Server::Conversion::ConversionManager>(kConversionManagerId).Get(), nullptr);
     }

@@ -72,8 +72,8 @@ Kitra::Http::Session& CurrentSession() {
     return *call->GetSession();
 }
 
-Ref<Kitra::DataArray<Morphel::Event::Event>> Page(const std::vector<Ref<Morphel::Event::Event>>& events, size_t begin,
-                                                 size_t end, bool backwards) {
+Ref<Kitra::DataArray<Morphel::Event::Event>> Page(const std::vector<Ref<Morphel::Event::Event>>& events,
+                                                  size_t begin, size_t end, bool backwards) {
     Ref<Kitra::DataArray<Morphel::Event::Event>> page(new Kitra::DataArray<Morphel::Event::Event>());
     for (size_t i = begin; i < end; ++i) {
         size_t at = backwards ? end - 1 - (i - begin) : i;
@@ -89,8 +89,8 @@ std::string NewUuid() {
     std::mt19937_64 random(device());
     uint64_t a = random(), b = random();
     char text[40];
-    snprintf(text, sizeof(text), "%08x-%04x-4%03x-%04x-%012llx", unsigned(a >> 32), unsigned(a >> 16) & 0xffff,
-             unsigned(a) & 0xfff, (unsigned(b >> 48) & 0x3fff) | 0x8000,
+    snprintf(text, sizeof(text), "%08x-%04x-4%03x-%04x-%012llx", unsigned(a >> 32),
+             unsigned(a >> 16) & 0xffff, unsigned(a) & 0xfff, (unsigned(b >> 48) & 0x3fff) | 0x8000,
              static_cast<unsigned long long>(b & 0xffffffffffffULL));
     return text;
 }
@@ -104,7 +104,10 @@ ServiceOptions WithDefaults(ServiceOptions options) {
 }  // namespace
 
 Context::Context(ServiceOptions o)
-    : options(WithDefaults(std::move(o))), machine(ReadMachine()), instanceUuid(NewUuid()), state(options.state) {}
+    : options(WithDefaults(std::move(o))),
+      machine(ReadMachine()),
+      instanceUuid(NewUuid()),
+      state(options.state) {}
 
 Context::~Context() {
     {
@@ -112,11 +115,13 @@ Context::~Context() {
         stop_ = true;
     }
     stopping_.notify_all();
-    for (auto& w : workers_) w.thread.join();
+    for (auto& w : workers_)
+        w.thread.join();
 }
 
-void Context::Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
-                  Morphel::Event::Event::Type type, const std::string& message, const std::string& jobId) {
+void Context::Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId,
+                  const std::string& userName, Morphel::Event::Event::Type type, const std::string& message,
+                  const std::string& jobId) {
     event->SetChainId(chainId != 0 ? chainId : tx.NextChainId());
     event->SetType(type);
     event->SetCreatedTime(DateTime::Now());
@@ -176,8 +181,9 @@ struct Service::Impl {
 };
 
 Service::Service(ServiceOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {
-    impl_->context.Log(Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(), 0, "",
-                       Morphel::Event::Event::Type::info, "Server started");
+    impl_->context.Log(
+        Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(), 0, "",
+        Morphel::Event::Event::Type::info, "Server started");
 }
 
 Service::~Service() = default;
@@ -197,7 +203,9 @@ void Service::Attach(Kitra::Http::Server& server) {
         return HasPrivilege(session.GetUserName(), privilege);
     });
     server.SetFaults(
-        [](const Kitra::ManagedMethod&) { return Ref<Kitra::MethodFault>(new Dovra::Fault::NotAuthenticated()); },
+        [](const Kitra::ManagedMethod&) {
+            return Ref<Kitra::MethodFault>(new Dovra::Fault::NotAuthenticated());
+        },
         [](const Kitra::ManagedMethod&, const std::string& privilege) {
             Ref<Dovra::Fault::NoPermission> fault(new Dovra::Fault::NoPermission());
             fault->SetPrivilegeId(privilege);

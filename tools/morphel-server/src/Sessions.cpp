@@ -31,7 +31,8 @@ Ref<Morphel::UserSession> Describe(const Kitra::Http::Session& s) {
 
 Ref<Kitra::Array<std::string>> Locales() {
     Ref<Kitra::Array<std::string>> list(new Kitra::Array<std::string>());
-    for (const char* l : kLocales) list->Append(l);
+    for (const char* l : kLocales)
+        list->Append(l);
     return list;
 }
 
@@ -39,17 +40,20 @@ class SessionManagerImpl : public Morphel::SessionManagerBase {
 public:
     explicit SessionManagerImpl(Context& context) : context_(context) {}
 
-    void Login(const std::string& userName, const std::string& password, const Fundix::Optional<std::string>& locale,
-               Ref<Morphel::UserSession>& result) override {
+    void Login(const std::string& userName, const std::string& password,
+               const Fundix::Optional<std::string>& locale, Ref<Morphel::UserSession>& result) override {
         std::string language = locale.IsSet() ? locale.GetValue() : "en";
         Kitra::Http::Call* call = Kitra::Http::Call::Current();
         const auto& accounts = context_.options.accounts;
-        bool known = std::any_of(accounts.begin(), accounts.end(),
-                                 [&](const Account& a) { return a.name == userName && a.password == password; });
+        bool known = std::any_of(accounts.begin(), accounts.end(), [&](const Account& a) {
+            return a.name == userName && a.password == password;
+        });
         if (!known || call == nullptr) {
-            Ref<Morphel::Event::UserFailedAuthenticationEvent> e(new Morphel::Event::UserFailedAuthenticationEvent());
+            Ref<Morphel::Event::UserFailedAuthenticationEvent> e(
+                new Morphel::Event::UserFailedAuthenticationEvent());
             if (call != nullptr) e->SetIpAddress(call->GetPeer());
-            context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::warning, "Cannot log in " + userName);
+            context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::warning,
+                         "Cannot log in " + userName);
             Raise(new Dovra::Fault::InvalidLogin());
         }
         if (!KnownLocale(language)) Raise(new Dovra::Fault::InvalidLocale());
@@ -59,7 +63,8 @@ public:
         Ref<Morphel::Event::UserLoginEvent> e(new Morphel::Event::UserLoginEvent());
         e->SetIpAddress(call->GetPeer());
         e->SetLocale(language);
-        context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::info, "User " + userName + " logged in");
+        context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::info,
+                     "User " + userName + " logged in");
         result = Describe(*session);
     }
 
@@ -85,10 +90,13 @@ public:
 
     void GetSessionList(Ref<Kitra::DataArray<Morphel::UserSession>>& result) override {
         Ref<Kitra::DataArray<Morphel::UserSession>> list(new Kitra::DataArray<Morphel::UserSession>());
-        for (const auto& s : Kitra::Http::Call::Current()->GetSessions()) list->Append(Describe(*s).Get());
+        for (const auto& s : Kitra::Http::Call::Current()->GetSessions())
+            list->Append(Describe(*s).Get());
         result = list;
     }
-    void GetCurrentSession(Ref<Morphel::UserSession>& result) override { result = Describe(CurrentSession()); }
+    void GetCurrentSession(Ref<Morphel::UserSession>& result) override {
+        result = Describe(CurrentSession());
+    }
     void GetMessageLocaleList(Ref<Kitra::Array<std::string>>& result) override { result = Locales(); }
     void GetSupportedLocaleList(Ref<Kitra::Array<std::string>>& result) override { result = Locales(); }
     std::string GetDefaultLocale() override { return "en"; }

@@ -50,7 +50,8 @@ public:
     TaskImpl(Context& context, std::string id) : context_(context), id_(std::move(id)) {}
 
     void GetInfo(Ref<TaskInfo>& result) override {
-        result = context_.state->Run([&](StateTransaction& tx) { return Ref<TaskInfo>(FindTask(tx, id_).info->_Clone()); });
+        result = context_.state->Run(
+            [&](StateTransaction& tx) { return Ref<TaskInfo>(FindTask(tx, id_).info->_Clone()); });
     }
     // The events of the task's chain, oldest first.
     void GetEvent(Ref<Kitra::DataArray<Morphel::Event::Event>>& result) override {

@@ -63,7 +63,8 @@ public:
     // Appends `event` to the history with the next key (1, 2, ...), which it sets and returns.
     virtual int32_t AppendEvent(Morphel::Event::Event* event) = 0;
     // The events that `filter` selects (all for null), oldest first.
-    virtual std::vector<Fundix::Ref<Morphel::Event::Event>> SelectEvents(const Morphel::Event::EventFilterSpec* filter) = 0;
+    virtual std::vector<Fundix::Ref<Morphel::Event::Event>> SelectEvents(
+        const Morphel::Event::EventFilterSpec* filter) = 0;
 
     virtual std::optional<JobRecord> FindJob(const std::string& id) = 0;
     virtual std::optional<JobRecord> FindJobByName(const std::string& name) = 0;
