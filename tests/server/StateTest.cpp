@@ -40,6 +40,10 @@ TEST(MemoryState, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
         job.spec->SetName("one");
         tx.PutJob(job);
+        job.spec->SetName("changed after the put");
+        EXPECT_EQ(tx.FindJob("ConversionJob-1")->spec->GetName(),
+                  "one");  // records go in and come out as copies
+        tx.FindJob("ConversionJob-1")->spec->SetName("changed without a put");
         EXPECT_EQ(tx.FindJobByName("one")->id, "ConversionJob-1");
         EXPECT_FALSE(tx.FindJobByName("two").has_value());
         EXPECT_TRUE(tx.EraseJob("ConversionJob-1"));

@@ -62,12 +62,10 @@ public:
 
 private:
     Ref<ConversionJobInfo> Info() {
-        return context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<ConversionJobInfo>(FindJob(tx, id_).info->_Clone()); });
+        return context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).info; });
     }
     Ref<ConversionJobSpec> Spec() {
-        return context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<ConversionJobSpec>(FindJob(tx, id_).spec->_Clone()); });
+        return context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).spec; });
     }
 
     Context& context_;
@@ -91,14 +89,10 @@ public:
     }
 
     void GetJobInfo(Kitra::MoRef* conversionJob, Ref<ConversionJobInfo>& result) override {
-        result = context_.state->Run([&](StateTransaction& tx) {
-            return Ref<ConversionJobInfo>(FindJob(tx, conversionJob).info->_Clone());
-        });
+        result = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).info; });
     }
     void GetJobSpec(Kitra::MoRef* conversionJob, Ref<ConversionJobSpec>& result) override {
-        result = context_.state->Run([&](StateTransaction& tx) {
-            return Ref<ConversionJobSpec>(FindJob(tx, conversionJob).spec->_Clone());
-        });
+        result = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).spec; });
     }
     void GetJobExtraInfo(Kitra::MoRef* conversionJob, Ref<Kitra::Any>& result) override {
         result =
@@ -165,7 +159,7 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
 
     JobRecord job;
     job.id = jobId;
-    job.spec = spec->_Clone();
+    job.spec = spec;  // the state keeps a copy
     job.extraInfo = extraInfo;
     job.info = new ConversionJobInfo();
     job.info->SetKey(jobId);
@@ -200,7 +194,7 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         Context::Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
                      message, jobId);
         Context::LogTask(tx, task, "Task queued");
-        result = job.info->_Clone();
+        result = job.info;  // the state keeps a copy
     });
     // The run outlives no context (its destructor joins it), and may outlive this manager.
     context_.Spawn([&context = context_, taskId] { RunConversion(context, taskId); });

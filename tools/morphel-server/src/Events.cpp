@@ -82,8 +82,7 @@ public:
         });
     }
     void GetFilter(Ref<Kitra::Any>& result) override {
-        result =
-            With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter->_Clone()); });
+        result = With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter); });
     }
     void Remove() override {
         bool removed = context_.state->Run([&](StateTransaction& tx) { return tx.EraseCollector(id_); });

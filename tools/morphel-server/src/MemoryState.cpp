@@ -41,11 +41,34 @@ bool Matches(const Morphel::Event::EventFilterSpec* filter, const Morphel::Event
     return true;
 }
 
+// Records go in and come out as copies, as they would through a store outside the process: a change
+// reaches the state only through a put.
+template <class T>
+Ref<T> Copy(const Ref<T>& record) {
+    return record != nullptr ? Ref<T>(record->_Clone()) : nullptr;
+}
+TaskRecord Copy(const TaskRecord& task) {
+    TaskRecord copy = task;
+    copy.info = Copy(task.info);
+    return copy;
+}
+JobRecord Copy(const JobRecord& job) {
+    JobRecord copy = job;
+    copy.info = Copy(job.info);
+    copy.spec = Copy(job.spec);
+    return copy;
+}
+CollectorRecord Copy(const CollectorRecord& collector) {
+    CollectorRecord copy = collector;
+    copy.filter = Copy(collector.filter);
+    return copy;
+}
+
 template <class Map>
 auto Find(const Map& map, const std::string& key) -> std::optional<typename Map::mapped_type> {
     auto it = map.find(key);
     if (it == map.end()) return std::nullopt;
-    return it->second;
+    return Copy(it->second);
 }
 
 class MemoryState : public State, private StateTransaction {
@@ -78,14 +101,14 @@ private:
     std::optional<JobRecord> FindJob(const std::string& id) override { return Find(jobs_, id); }
     std::optional<JobRecord> FindJobByName(const std::string& name) override {
         for (const auto& [id, job] : jobs_)
-            if (job.spec->GetName() == name) return job;
+            if (job.spec->GetName() == name) return Copy(job);
         return std::nullopt;
     }
-    void PutJob(const JobRecord& job) override { jobs_[job.id] = job; }
+    void PutJob(const JobRecord& job) override { jobs_[job.id] = Copy(job); }
     bool EraseJob(const std::string& id) override { return jobs_.erase(id) != 0; }
 
     std::optional<TaskRecord> FindTask(const std::string& id) override { return Find(tasks_, id); }
-    void PutTask(const TaskRecord& task) override { tasks_[task.id] = task; }
+    void PutTask(const TaskRecord& task) override { tasks_[task.id] = Copy(task); }
     std::vector<std::string> RecentTasks() override { return recentTasks_; }
     void AddRecentTask(const std::string& id, size_t keep) override {
         recentTasks_.push_back(id);
@@ -98,7 +121,7 @@ private:
     }
     size_t CountCollectors() override { return collectors_.size(); }
     void PutCollector(const std::string& id, const CollectorRecord& collector) override {
-        collectors_[id] = collector;
+        collectors_[id] = Copy(collector);
     }
     bool EraseCollector(const std::string& id) override { return collectors_.erase(id) != 0; }
 

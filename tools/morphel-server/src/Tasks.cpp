@@ -23,8 +23,7 @@ public:
 
     void GetTaskInfo(Kitra::MoRef* task, Ref<TaskInfo>& result) override {
         if (task == nullptr) ThrowNotFound();
-        result = context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<TaskInfo>(FindTask(tx, task->GetId()).info->_Clone()); });
+        result = context_.state->Run([&](StateTransaction& tx) { return FindTask(tx, task->GetId()).info; });
     }
     void GetRecentTask(Ref<Kitra::DataArray<Kitra::MoRef>>& result) override {
         Ref<Kitra::DataArray<Kitra::MoRef>> list(new Kitra::DataArray<Kitra::MoRef>());
@@ -50,8 +49,7 @@ public:
     TaskImpl(Context& context, std::string id) : context_(context), id_(std::move(id)) {}
 
     void GetInfo(Ref<TaskInfo>& result) override {
-        result = context_.state->Run(
-            [&](StateTransaction& tx) { return Ref<TaskInfo>(FindTask(tx, id_).info->_Clone()); });
+        result = context_.state->Run([&](StateTransaction& tx) { return FindTask(tx, id_).info; });
     }
     // The events of the task's chain, oldest first.
     void GetEvent(Ref<Kitra::DataArray<Morphel::Event::Event>>& result) override {

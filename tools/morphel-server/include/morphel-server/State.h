@@ -2,9 +2,11 @@
 // history collectors' positions and a few counters and settings - behind one small interface, so that
 // where it lives (memory, a database file, a database server) can change without touching the managers.
 //
-// Every read and write happens inside a transaction (State::Transact). Records come out of a transaction
-// as the store holds them; a manager that changes one writes it back with its Put before the transaction
-// ends. A store that keeps state outside the process keeps only what was put.
+// Every read and write happens inside a transaction (State::Transact). Records go in and come out as
+// copies, as they would through a store outside the process: a manager that changes one writes it back
+// with its Put before the transaction ends, and may hand out what it read. Events are the exception: an
+// appended event is the store's (its caller changes it no more) and SelectEvents hands out the stored
+// ones to read, not to change.
 #pragma once
 
 #include <cstddef>
