@@ -231,7 +231,7 @@ TEST_F(ServerTest, TypicalRequest) {
     auto collector = c.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
     std::vector<std::string> seen;
     std::vector<int32_t> keys;
-    for (;;) {
+    for (int pages = 0; pages < 100; ++pages) {  // a collector that never advances ends here too
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
         collector->ReadNext(2, page);
         if (page == nullptr || page->GetLength() == 0) break;
@@ -387,6 +387,50 @@ TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
 
     // A conversion still running when the server and the service go is stopped with them.
     c.conversions->CreateJob(JobSpec("left running", Params("a", "b").Get()).Get(), nullptr, created);
+}
+
+TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
+    Client c = Connect();
+    Login(c, "demo", "demo");
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    c.conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
+    Ref<Kitra::MoRef> collectorRef;
+    c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
+                              collectorRef);
+
+    // As after a restart: another service and server over the same state.
+    MorphelServer::ServiceOptions options;
+    options.state = state_;
+    Service again(options);
+    Kitra::Http::ServerOptions serverOptions;
+    serverOptions.versions = Service::Versions();
+    Kitra::Http::Server server(serverOptions);
+    again.Attach(server);
+    server.Start();
+    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
+    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+    Ref<Morphel::UserSession> session;
+    sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
+
+    Ref<Morphel::Server::Conversion::ConversionJobStub> job(
+        new Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), adapter.Get(), nullptr));
+    EXPECT_EQ(job->GetName(), "kept");
+    Ref<Morphel::Task::TaskStub> task(new Morphel::Task::TaskStub(created->GetActiveTask()->GetId(), adapter.Get(), nullptr));
+    Ref<Morphel::Task::TaskInfo> info;
+    task->GetInfo(info);
+    EXPECT_EQ(info->GetKey(), created->GetActiveTask()->GetId());
+    Ref<Morphel::Event::EventHistoryCollectorStub> collector(
+        new Morphel::Event::EventHistoryCollectorStub(collectorRef->GetId(), adapter.Get(), nullptr));
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    collector->ReadNext(1, page);
+    ASSERT_EQ(page->GetLength(), 1u);
+    EXPECT_EQ(page->Get(0)->GetKey(), 1);
+    ExpectFault<Dovra::Fault::DuplicateName>([&] {
+        Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions(
+            new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
+        conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
+    });
+    server.Stop();
 }
 
 TEST_F(ServerTest, CollectorsAreCountedAndKeepTheirFilter) {

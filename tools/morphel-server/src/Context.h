@@ -94,7 +94,8 @@ private:
     std::vector<Worker> workers_;
 };
 
-// Each attaches one manager (and what it creates later) to `context.server`.
+// Each attaches one manager to `context.server`, with the objects of the state it serves (jobs, tasks,
+// collectors already in the state) and those it creates later.
 void AttachRoot(Context& context);
 void AttachSessions(Context& context);
 void AttachQueries(Context& context);
@@ -103,7 +104,10 @@ void AttachTasks(Context& context);
 void AttachEvents(Context& context);
 void AttachDiagnostics(Context& context);
 
-// Registers the task object `id` (Tasks.cpp), for the conversion manager.
+// Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
+// (Events.cpp) that the state holds.
+void RegisterJob(Context& context, const std::string& id);
 void RegisterTask(Context& context, const std::string& id);
+void RegisterCollector(Context& context, const std::string& id);
 
 }  // namespace MorphelServer

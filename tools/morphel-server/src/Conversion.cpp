@@ -198,7 +198,7 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     });
     // The run outlives no context (its destructor joins it), and may outlive this manager.
     context_.Spawn([&context = context_, taskId] { RunConversion(context, taskId); });
-    context_.Register(jobId, Ref<ConversionJobImpl>(new ConversionJobImpl(context_, jobId)).Get());
+    RegisterJob(context_, jobId);
     RegisterTask(context_, taskId);
 }
 
@@ -270,9 +270,15 @@ void RunConversion(Context& context, const std::string& taskId) {
 
 }  // namespace
 
+void RegisterJob(Context& context, const std::string& id) {
+    context.Register(id, Ref<ConversionJobImpl>(new ConversionJobImpl(context, id)).Get());
+}
+
 void AttachConversions(Context& context) {
     context.Register(kConversionManagerId,
                      Ref<ConversionManagerImpl>(new ConversionManagerImpl(context)).Get());
+    for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.JobIds(); }))
+        RegisterJob(context, id);
 }
 
 }  // namespace MorphelServer

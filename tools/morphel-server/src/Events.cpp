@@ -109,8 +109,7 @@ public:
             tx.PutCollector(id, c);
             return id;
         });
-        context_.Register(id,
-                          Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context_, id)).Get());
+        RegisterCollector(context_, id);
         result = RefTo<Morphel::Event::EventHistoryCollector>(id);
     }
     void QueryEvent(EventFilterSpec* filter, Ref<EventPage>& result) override {
@@ -127,8 +126,14 @@ private:
 
 }  // namespace
 
+void RegisterCollector(Context& context, const std::string& id) {
+    context.Register(id, Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context, id)).Get());
+}
+
 void AttachEvents(Context& context) {
     context.Register(kEventManagerId, Ref<EventManagerImpl>(new EventManagerImpl(context)).Get());
+    for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.CollectorIds(); }))
+        RegisterCollector(context, id);
 }
 
 }  // namespace MorphelServer

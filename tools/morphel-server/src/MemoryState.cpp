@@ -71,6 +71,14 @@ auto Find(const Map& map, const std::string& key) -> std::optional<typename Map:
     return Copy(it->second);
 }
 
+template <class Map>
+std::vector<std::string> Keys(const Map& map) {
+    std::vector<std::string> keys;
+    for (const auto& entry : map)
+        keys.push_back(entry.first);
+    return keys;
+}
+
 class MemoryState : public State, private StateTransaction {
 public:
     void Transact(const std::function<void(StateTransaction&)>& work) override {
@@ -97,6 +105,10 @@ private:
             if (Matches(filter, *e)) out.push_back(e);
         return out;
     }
+
+    std::vector<std::string> JobIds() override { return Keys(jobs_); }
+    std::vector<std::string> TaskIds() override { return Keys(tasks_); }
+    std::vector<std::string> CollectorIds() override { return Keys(collectors_); }
 
     std::optional<JobRecord> FindJob(const std::string& id) override { return Find(jobs_, id); }
     std::optional<JobRecord> FindJobByName(const std::string& name) override {

@@ -70,6 +70,8 @@ private:
 
 void AttachTasks(Context& context) {
     context.Register(kTaskManagerId, Ref<TaskManagerImpl>(new TaskManagerImpl(context)).Get());
+    for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.TaskIds(); }))
+        RegisterTask(context, id);
 }
 
 void RegisterTask(Context& context, const std::string& id) {

@@ -68,6 +68,12 @@ public:
     virtual std::vector<Fundix::Ref<Morphel::Event::Event>> SelectEvents(
         const Morphel::Event::EventFilterSpec* filter) = 0;
 
+    // What the state holds, by identifier: a service attached to a state that already holds jobs, tasks
+    // and collectors (a restart) serves them again.
+    virtual std::vector<std::string> JobIds() = 0;
+    virtual std::vector<std::string> TaskIds() = 0;
+    virtual std::vector<std::string> CollectorIds() = 0;
+
     virtual std::optional<JobRecord> FindJob(const std::string& id) = 0;
     virtual std::optional<JobRecord> FindJobByName(const std::string& name) = 0;
     virtual void PutJob(const JobRecord& job) = 0;  // adds or replaces by id
