@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,7 +46,7 @@ void CheckSource(const Machine& machine, Morphel::ComputerSpec* source);
 // The caller's session; dovra.fault.NotAuthenticated when it has none.
 Kitra::Http::Session& CurrentSession();
 
-// The events `filter` selects from `begin` to `end` (backwards: from `end` down), as copies.
+// Copies of `events` from `begin` to `end` (backwards: from `end` down), as a page to hand out.
 Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Page(
     const std::vector<Fundix::Ref<Morphel::Event::Event>>& events, size_t begin, size_t end,
     bool backwards = false);
@@ -56,7 +57,7 @@ public:
     // Stops and joins the simulated conversions.
     ~Context();
 
-    ServiceOptions options;  // with the default account filled in
+    ServiceOptions options;  // with the default account and state filled in
     const Machine machine;
     const std::string instanceUuid;
     std::shared_ptr<State> state;

@@ -18,7 +18,7 @@ using Fundix::System::DateTime;
 using Morphel::Server::Conversion::ConversionJobInfo;
 using Morphel::Server::Conversion::ConversionJobSpec;
 
-// The job of `ref`; dovra.fault.NotFound for none or an unknown one.
+// The job `id` (or that `ref` names); dovra.fault.NotFound for none or an unknown one.
 JobRecord FindJob(StateTransaction& tx, const std::string& id) {
     auto job = tx.FindJob(id);
     if (!job) ThrowNotFound();
