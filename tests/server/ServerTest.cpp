@@ -51,6 +51,7 @@ protected:
         MorphelServer::ServiceOptions options;
         options.accounts = {{"demo", "demo"}, {"ann", "a:b"}};
         options.conversionTime = std::chrono::milliseconds(400);
+        options.state = state_ = MorphelServer::NewMemoryState();
         service_ = std::make_unique<Service>(options);
         Kitra::Http::ServerOptions serverOptions;
         serverOptions.versions = Service::Versions();
@@ -135,9 +136,17 @@ protected:
         return spec;
     }
 
+    std::shared_ptr<MorphelServer::State> state_;
     std::unique_ptr<Service> service_;
     std::unique_ptr<Kitra::Http::Server> server_;
 };
+
+// The wire name of the method that `call` reports as not implemented, or empty (and a failure).
+template <class F>
+std::string NotImplemented(F&& call) {
+    auto fault = ExpectFault<Kitra::Fault::NotImplemented>(call);
+    return fault != nullptr ? fault->GetMethod() : std::string();
+}
 
 TEST_F(ServerTest, TypicalRequest) {
     Client c = Connect();
@@ -222,7 +231,7 @@ TEST_F(ServerTest, TypicalRequest) {
     auto collector = c.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
     std::vector<std::string> seen;
     std::vector<int32_t> keys;
-    for (;;) {
+    for (int pages = 0; pages < 100; ++pages) {  // a collector that never advances ends here too
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
         collector->ReadNext(2, page);
         if (page == nullptr || page->GetLength() == 0) break;
@@ -288,9 +297,11 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
 TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     Client c = Connect();
     Login(c, "demo", "demo");
-    // No handler: a plain runtime fault.
+    // An operation the service does not implement names itself.
     Ref<Morphel::Info::ComputerOsInfo> os;
-    ExpectFault<Kitra::RuntimeFault>([&] { c.queries->QueryOsInfo(ThisMachine().Get(), nullptr, os); });
+    auto missing = ExpectFault<Kitra::Fault::NotImplemented>([&] { c.queries->QueryOsInfo(ThisMachine().Get(), nullptr, os); });
+    ASSERT_NE(missing, nullptr);
+    EXPECT_EQ(missing->GetMethod(), "morphel.QueryManager.queryOsInfo");
     // Another machine cannot be described.
     Ref<Morphel::ComputerSpec> other(new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
         new Morphel::ComputerSpec::LiveComputerLocation("elsewhere.invalid", {}, {}, {}, "linux", {}, {})).Get()));
@@ -304,6 +315,151 @@ TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     Ref<Morphel::Info::SupportedTargets> targets;
     c.queries->GetSupportedTargets(ThisMachine().Get(), nullptr, targets);
     EXPECT_GE(targets->GetSupportedTargets()->GetLength(), 1u);
+}
+
+TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
+    Client c = Connect();
+    Login(c, "demo", "demo");
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    c.conversions->CreateJob(JobSpec("second", Params("a", "b").Get()).Get(), nullptr, created);
+    const std::string jobId = created->GetJob()->GetId(), taskId = created->GetActiveTask()->GetId();
+
+    // What the managers keep is in the state they were given.
+    state_->Transact([&](MorphelServer::StateTransaction& tx) {
+        auto job = tx.FindJob(jobId);
+        ASSERT_TRUE(job.has_value());
+        EXPECT_EQ(job->spec->GetName(), "second");
+        EXPECT_EQ(tx.FindJobByName("second")->id, jobId);
+        EXPECT_EQ(tx.FindTask(taskId)->jobId, jobId);
+        EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{taskId});
+        Ref<Morphel::Event::EventFilterSpec> byJob(new Morphel::Event::EventFilterSpec());
+        byJob->SetJob(created->GetJob());
+        auto events = tx.SelectEvents(byJob.Get());
+        ASSERT_EQ(events.size(), 2u);  // created, queued
+        EXPECT_EQ(events[0]->_GetType()->GetName(), std::string("morphel.event.GeneralEvent"));
+    });
+
+    // The job answers as a conversion job, as a job and as a managed entity.
+    auto conversionJob = c.Make<Morphel::Server::Conversion::ConversionJobStub>(created->GetJob());
+    auto job = c.Make<Morphel::Server::Job::JobStub>(created->GetJob());
+    Ref<Morphel::Server::Job::JobInfo> asJob;
+    job->GetInfo(asJob);
+    EXPECT_EQ(asJob->GetKey(), jobId);
+    EXPECT_NE(dynamic_cast<Morphel::Server::Conversion::ConversionJobInfo*>(asJob.Get()), nullptr);
+    Ref<Morphel::Server::Job::JobSpec> spec;
+    job->GetSpec(spec);
+    EXPECT_EQ(spec->GetName(), "second");
+    EXPECT_EQ(conversionJob->GetName(), "second");
+    ExpectFault<Dovra::Fault::InvalidState>([&] { c.conversions->DestroyJob(created->GetJob(), {}); });
+
+    // What no manager serves names the method under the type that declares it.
+    auto task = c.Make<Morphel::Task::TaskStub>(created->GetActiveTask());
+    Ref<Morphel::Task::TaskManagerStub> tasks(new Morphel::Task::TaskManagerStub("TaskManager", c.adapter.Get(), nullptr));
+    Ref<Kitra::MoRef> none;
+    EXPECT_EQ(NotImplemented([&] { job->Resume(); }), "morphel.server.job.Job.resume");
+    EXPECT_EQ(NotImplemented([&] { conversionJob->Rename("third"); }), "morphel.server.ManagedEntity.rename");
+    EXPECT_EQ(NotImplemented([&] { task->Cancel(); }), "morphel.task.Task.cancel");
+    EXPECT_EQ(NotImplemented([&] { tasks->DestroyTask(created->GetActiveTask()); }), "morphel.task.TaskManager.destroyTask");
+    EXPECT_EQ(NotImplemented([&] { c.conversions->GetRootFolder(none); }),
+              "morphel.server.conversion.ConversionManager.rootFolder");
+
+    // The task manager's setting, checked and kept.
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { tasks->SetMaxTask(0); });
+    tasks->SetMaxTask(7);
+    EXPECT_EQ(tasks->GetMaxTask(), 7);
+    EXPECT_EQ(tasks->GetMaxCollector(), 32);
+    Ref<Morphel::Task::TaskInfo> info;
+    Ref<Kitra::MoRef> unknown(new Kitra::MoRef("morphel.task.Task", "Task-999"));
+    ExpectFault<Dovra::Fault::NotFound>([&] { tasks->GetTaskInfo(unknown.Get(), info); });
+
+    // Finished, the job can go; its object goes with it.
+    for (int i = 0; i < 300; ++i) {
+        tasks->GetTaskInfo(created->GetActiveTask(), info);
+        if (info->GetState() == Morphel::Task::TaskInfo::State::success) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_EQ(info->GetState(), Morphel::Task::TaskInfo::State::success);
+    c.conversions->DestroyJob(created->GetJob(), {});
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { job->GetInfo(asJob); });
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> gone;
+    ExpectFault<Dovra::Fault::NotFound>([&] { c.conversions->GetJobInfo(created->GetJob(), gone); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { c.conversions->DestroyJob(created->GetJob(), {}); });
+
+    // A conversion still running when the server and the service go is stopped with them.
+    c.conversions->CreateJob(JobSpec("left running", Params("a", "b").Get()).Get(), nullptr, created);
+}
+
+TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
+    Client c = Connect();
+    Login(c, "demo", "demo");
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    c.conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
+    Ref<Kitra::MoRef> collectorRef;
+    c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
+                              collectorRef);
+
+    // As after a restart: another service and server over the same state.
+    MorphelServer::ServiceOptions options;
+    options.state = state_;
+    Service again(options);
+    Kitra::Http::ServerOptions serverOptions;
+    serverOptions.versions = Service::Versions();
+    Kitra::Http::Server server(serverOptions);
+    again.Attach(server);
+    server.Start();
+    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
+    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+    Ref<Morphel::UserSession> session;
+    sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
+
+    Ref<Morphel::Server::Conversion::ConversionJobStub> job(
+        new Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), adapter.Get(), nullptr));
+    EXPECT_EQ(job->GetName(), "kept");
+    Ref<Morphel::Task::TaskStub> task(new Morphel::Task::TaskStub(created->GetActiveTask()->GetId(), adapter.Get(), nullptr));
+    Ref<Morphel::Task::TaskInfo> info;
+    task->GetInfo(info);
+    EXPECT_EQ(info->GetKey(), created->GetActiveTask()->GetId());
+    Ref<Morphel::Event::EventHistoryCollectorStub> collector(
+        new Morphel::Event::EventHistoryCollectorStub(collectorRef->GetId(), adapter.Get(), nullptr));
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    collector->ReadNext(1, page);
+    ASSERT_EQ(page->GetLength(), 1u);
+    EXPECT_EQ(page->Get(0)->GetKey(), 1);
+    ExpectFault<Dovra::Fault::DuplicateName>([&] {
+        Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions(
+            new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
+        conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
+    });
+    server.Stop();
+}
+
+TEST_F(ServerTest, CollectorsAreCountedAndKeepTheirFilter) {
+    Client c = Connect();
+    Login(c, "demo", "demo");
+    EXPECT_EQ(c.events->GetMaxCollector(), 32);
+    Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
+    filter->SetEventChainId(1);
+    std::vector<Ref<Kitra::MoRef>> refs;
+    for (int i = 0; i < 32; ++i) {
+        Ref<Kitra::MoRef> ref;
+        c.events->CreateCollector(filter.Get(), ref);
+        refs.push_back(ref);
+    }
+    Ref<Kitra::MoRef> extra;
+    ExpectFault<Dovra::Fault::InvalidState>([&] { c.events->CreateCollector(filter.Get(), extra); });
+    auto first = c.Make<Morphel::Event::EventHistoryCollectorStub>(refs.front().Get());
+    Ref<Kitra::Any> kept;
+    first->GetFilter(kept);
+    auto* keptFilter = dynamic_cast<Morphel::Event::EventFilterSpec*>(kept.Get());
+    ASSERT_NE(keptFilter, nullptr);
+    EXPECT_EQ(keptFilter->GetEventChainId().GetValue(), 1);
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    first->ReadNext(10, page);
+    ASSERT_EQ(page->GetLength(), 1u);  // the server's start
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { first->SetLatestPageSize(0); });
+    first->Remove();
+    c.events->CreateCollector(filter.Get(), extra);  // a place is free again
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { first->ReadNext(1, page); });
 }
 
 TEST_F(ServerTest, CollectorViewsOverTheWholeHistory) {

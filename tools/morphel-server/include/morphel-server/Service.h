@@ -1,6 +1,7 @@
-// The in-memory reference service: the root object, sessions, queries about the machine it runs on,
-// conversion jobs with simulated tasks, events with history collectors, and a diagnostic manager, served
-// through a Kitra::Http::Server.
+// The reference service: the root object, sessions, queries about the machine it runs on, conversion jobs
+// with simulated tasks, events with history collectors, and a diagnostic manager, served through a
+// Kitra::Http::Server. Each managed object is an implementation class over the generated base of its
+// managed type (src/*.cpp, one file per manager); what they keep between calls lives in a State.
 #pragma once
 
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include <kitra/Http.h>
+#include <morphel-server/State.h>
 
 namespace MorphelServer {
 
@@ -27,6 +29,8 @@ struct ServiceOptions {
     std::vector<Account> accounts;  // none: the one account demo:demo
     // How long a simulated conversion runs from start to success.
     std::chrono::milliseconds conversionTime{2500};
+    // Where jobs, tasks, events and collectors are kept; none: in memory (NewMemoryState).
+    std::shared_ptr<State> state;
 };
 
 // The managed objects the service registers, by identifier.

@@ -1,0 +1,121 @@
+// What the reference service keeps between calls - conversion jobs, their tasks, the event history, the
+// history collectors' positions and a few counters and settings - behind one small interface, so that
+// where it lives (memory, a database file, a database server) can change without touching the managers.
+//
+// Every read and write happens inside a transaction (State::Transact). Records go in and come out as
+// copies, as they would through a store outside the process: a manager that changes one writes it back
+// with its Put before the transaction ends, and may hand out what it read. Events are the exception: an
+// appended event is the store's (its caller changes it no more) and SelectEvents hands out the stored
+// ones to read, not to change.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <fundix/Ref.h>
+#include <kitra/Any.h>
+#include <morphel/event/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
+
+namespace MorphelServer {
+
+// A task of a conversion job, with what its simulated run needs.
+struct TaskRecord {
+    std::string id;
+    std::string jobId;
+    Fundix::Ref<Morphel::Task::TaskInfo> info;
+    std::vector<std::string> disks;  // the source disks the run copies, in order
+    std::string vmName;              // the machine the run makes
+};
+
+struct JobRecord {
+    std::string id;
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> info;
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
+    Fundix::Ref<Kitra::Any> extraInfo;  // null when the client gave none
+};
+
+// Where an event history collector stands.
+struct CollectorRecord {
+    Fundix::Ref<Morphel::Event::EventFilterSpec> filter;  // never null
+    size_t position = 0;  // in the filtered history: the number of events before the view
+    int32_t pageSize = 10;
+};
+
+// One transaction's view of the state.
+class StateTransaction {
+public:
+    virtual ~StateTransaction() = default;
+
+    // One sequence numbers jobs, tasks, collectors and log bundles; another the event chains.
+    virtual int64_t NextId() = 0;
+    virtual int32_t NextChainId() = 0;
+
+    // The task manager's setting: how many tasks recentTask lists.
+    virtual int32_t GetMaxTask() = 0;
+    virtual void SetMaxTask(int32_t maxTask) = 0;
+
+    // Appends `event` to the history with the next key (1, 2, ...), which it sets and returns.
+    virtual int32_t AppendEvent(Morphel::Event::Event* event) = 0;
+    // The events that `filter` selects (all for null), oldest first.
+    virtual std::vector<Fundix::Ref<Morphel::Event::Event>> SelectEvents(
+        const Morphel::Event::EventFilterSpec* filter) = 0;
+
+    // What the state holds, by identifier: a service attached to a state that already holds jobs, tasks
+    // and collectors (a restart) serves them again.
+    virtual std::vector<std::string> JobIds() = 0;
+    virtual std::vector<std::string> TaskIds() = 0;
+    virtual std::vector<std::string> CollectorIds() = 0;
+
+    virtual std::optional<JobRecord> FindJob(const std::string& id) = 0;
+    virtual std::optional<JobRecord> FindJobByName(const std::string& name) = 0;
+    virtual void PutJob(const JobRecord& job) = 0;  // adds or replaces by id
+    virtual bool EraseJob(const std::string& id) = 0;
+
+    virtual std::optional<TaskRecord> FindTask(const std::string& id) = 0;
+    virtual void PutTask(const TaskRecord& task) = 0;
+    // The most recent tasks, oldest first; AddRecentTask keeps the latest `keep` of them.
+    virtual std::vector<std::string> RecentTasks() = 0;
+    virtual void AddRecentTask(const std::string& id, size_t keep) = 0;
+
+    virtual std::optional<CollectorRecord> FindCollector(const std::string& id) = 0;
+    virtual size_t CountCollectors() = 0;
+    virtual void PutCollector(const std::string& id, const CollectorRecord& collector) = 0;
+    virtual bool EraseCollector(const std::string& id) = 0;
+};
+
+class State {
+public:
+    virtual ~State() = default;
+
+    // Runs `work` with the state to itself: no other transaction sees its changes half made. A store kept
+    // outside the process commits when `work` returns and keeps nothing of a `work` that throws; the
+    // in-memory store applies each change as it is made, so `work` raises its faults before it changes
+    // anything.
+    virtual void Transact(const std::function<void(StateTransaction&)>& work) = 0;
+
+    // Transact for a `work` that returns a value.
+    template <class F>
+    auto Run(F&& work) -> std::invoke_result_t<F&, StateTransaction&> {
+        using R = std::invoke_result_t<F&, StateTransaction&>;
+        if constexpr (std::is_void_v<R>) {
+            Transact(work);
+        } else {
+            std::optional<R> result;
+            Transact([&](StateTransaction& tx) { result.emplace(work(tx)); });
+            return std::move(*result);
+        }
+    }
+};
+
+// The state in memory, lost when the process ends.
+std::unique_ptr<State> NewMemoryState();
+
+}  // namespace MorphelServer

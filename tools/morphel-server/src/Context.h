@@ -1,0 +1,114 @@
+// What every manager of the service shares: the options, the machine it describes, the state store, the
+// server its objects are registered with, and the threads of the simulated conversions. Private to the
+// server library.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fundix/Ref.h>
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <morphel-server/Machine.h>
+#include <morphel-server/Service.h>
+#include <morphel-server/State.h>
+#include <morphel/event/types.h>
+#include <morphel/types.h>
+
+namespace MorphelServer {
+
+// A reference to the object `id` of the managed type `T`.
+template <class T>
+Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
+    return new Kitra::MoRef(Kitra::GetType<T>()->GetName(), id);
+}
+
+// Raises `fault` as its own exception class.
+[[noreturn]] void Raise(Fundix::Ref<Kitra::MethodFault> fault);
+[[noreturn]] void ThrowInvalidArgument(const std::string& property);  // kodl.fault.InvalidArgument
+[[noreturn]] void ThrowNotFound();                                    // dovra.fault.NotFound
+[[noreturn]] void ThrowInvalidState();                                // dovra.fault.InvalidState
+
+// How many history collectors the service holds at once (all sessions together).
+inline constexpr int32_t kMaxCollectors = 32;
+
+// Raises morphel.fault.NoHostConnection unless `source` names `machine` as a live computer (by its host
+// name, localhost or a loopback address); kodl.fault.InvalidArgument "source" for none (Query.cpp).
+void CheckSource(const Machine& machine, Morphel::ComputerSpec* source);
+
+// The caller's session; dovra.fault.NotAuthenticated when it has none.
+Kitra::Http::Session& CurrentSession();
+
+// Copies of `events` from `begin` to `end` (backwards: from `end` down), as a page to hand out.
+Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Page(
+    const std::vector<Fundix::Ref<Morphel::Event::Event>>& events, size_t begin, size_t end,
+    bool backwards = false);
+
+class Context {
+public:
+    explicit Context(ServiceOptions options);
+    // Stops and joins the simulated conversions.
+    ~Context();
+
+    ServiceOptions options;  // with the default account and state filled in
+    const Machine machine;
+    const std::string instanceUuid;
+    std::shared_ptr<State> state;
+    Kitra::Http::Server* server = nullptr;
+
+    void Register(const std::string& id, Kitra::ManagedObject* implementation) {
+        server->Register(id, implementation);
+    }
+    void Unregister(const std::string& id) { server->Unregister(id); }
+
+    // Records `event` with the next key, the current time, `chainId` (a new chain for 0) and the job.
+    static void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId,
+                    const std::string& userName, Morphel::Event::Event::Type type, const std::string& message,
+                    const std::string& jobId = "");
+    void Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
+             Morphel::Event::Event::Type type, const std::string& message);
+    // A TaskEvent carrying a copy of the task's record.
+    static void LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message);
+
+    // Runs `work` on a thread of its own unless the service is stopping (then false). The work waits with
+    // Sleep, which answers false once the service stops.
+    bool Spawn(std::function<void()> work);
+    bool Sleep(std::chrono::milliseconds duration);
+    bool Stopping();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable stopping_;
+    bool stop_ = false;
+    // A finished thread is joined when the next starts.
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    std::vector<Worker> workers_;
+};
+
+// Each attaches one manager to `context.server`, with the objects of the state it serves (jobs, tasks,
+// collectors already in the state) and those it creates later.
+void AttachRoot(Context& context);
+void AttachSessions(Context& context);
+void AttachQueries(Context& context);
+void AttachConversions(Context& context);
+void AttachTasks(Context& context);
+void AttachEvents(Context& context);
+void AttachDiagnostics(Context& context);
+
+// Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
+// (Events.cpp) that the state holds.
+void RegisterJob(Context& context, const std::string& id);
+void RegisterTask(Context& context, const std::string& id);
+void RegisterCollector(Context& context, const std::string& id);
+
+}  // namespace MorphelServer

@@ -1,0 +1,139 @@
+// The event manager and its history collectors: views over the events a filter selects.
+#include <algorithm>
+
+#include <kitra/fault/types.h>
+#include <morphel/event/types.h>
+
+#include "Context.h"
+
+namespace MorphelServer {
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Event::Event;
+using Morphel::Event::EventFilterSpec;
+using EventPage = Kitra::DataArray<Event>;
+
+// A collector stands before the oldest event it selects: readNext pages forwards, readPrev back (nearest
+// first), rewind returns to the start and reset to just before the latest page. Each operation finds its
+// state again: the collector may have been removed meanwhile.
+class EventHistoryCollectorImpl : public Morphel::Event::EventHistoryCollectorBase {
+private:
+    // Runs `body` on the collector's state and keeps what it changed.
+    template <class F>
+    auto With(F&& body) {
+        return context_.state->Run([&](StateTransaction& tx) {
+            auto collector = tx.FindCollector(id_);
+            if (!collector)
+                Kitra::Fault::ManagedObjectNotFound::Exception(
+                    RefTo<Morphel::Event::EventHistoryCollector>(id_).Get())
+                    .Throw();
+            auto result = body(tx, *collector);
+            tx.PutCollector(id_, *collector);
+            return result;
+        });
+    }
+
+public:
+    EventHistoryCollectorImpl(Context& context, std::string id) : context_(context), id_(std::move(id)) {}
+
+    void ReadNext(int32_t maxCount, Ref<EventPage>& result) override {
+        result = With([&](StateTransaction& tx, CollectorRecord& c) {
+            if (maxCount <= 0) ThrowInvalidArgument("maxCount");
+            auto selected = tx.SelectEvents(c.filter.Get());
+            size_t begin = std::min(c.position, selected.size());
+            size_t end = std::min(selected.size(), begin + size_t(maxCount));
+            c.position = end;
+            return Page(selected, begin, end);
+        });
+    }
+    void ReadPrev(int32_t maxCount, Ref<EventPage>& result) override {
+        result = With([&](StateTransaction& tx, CollectorRecord& c) {
+            if (maxCount <= 0) ThrowInvalidArgument("maxCount");
+            auto selected = tx.SelectEvents(c.filter.Get());
+            size_t end = std::min(c.position, selected.size());
+            size_t begin = end > size_t(maxCount) ? end - size_t(maxCount) : 0;
+            c.position = begin;
+            return Page(selected, begin, end, true);
+        });
+    }
+    void GetLatestPage(Ref<EventPage>& result) override {
+        result = With([&](StateTransaction& tx, CollectorRecord& c) {
+            auto selected = tx.SelectEvents(c.filter.Get());
+            size_t n = std::min(selected.size(), size_t(c.pageSize));
+            return Page(selected, selected.size() - n, selected.size());
+        });
+    }
+    void SetLatestPageSize(int32_t maxCount) override {
+        With([&](StateTransaction&, CollectorRecord& c) {
+            if (maxCount <= 0) ThrowInvalidArgument("maxCount");
+            c.pageSize = maxCount;
+            return 0;
+        });
+    }
+    void Rewind() override {
+        With([](StateTransaction&, CollectorRecord& c) { return c.position = 0; });
+    }
+    void Reset() override {
+        With([](StateTransaction& tx, CollectorRecord& c) {
+            size_t n = tx.SelectEvents(c.filter.Get()).size();
+            return c.position = n > size_t(c.pageSize) ? n - size_t(c.pageSize) : 0;
+        });
+    }
+    void GetFilter(Ref<Kitra::Any>& result) override {
+        result = With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter); });
+    }
+    void Remove() override {
+        bool removed = context_.state->Run([&](StateTransaction& tx) { return tx.EraseCollector(id_); });
+        if (!removed) ThrowNotFound();
+        context_.Unregister(id_);
+    }
+
+private:
+    Context& context_;
+    const std::string id_;
+};
+
+class EventManagerImpl : public Morphel::Event::EventManagerBase {
+public:
+    explicit EventManagerImpl(Context& context) : context_(context) {}
+
+    // At most kMaxCollectors at once: dovra.fault.InvalidState past them.
+    void CreateCollector(EventFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
+        std::string id = context_.state->Run([&](StateTransaction& tx) {
+            if (tx.CountCollectors() >= size_t(kMaxCollectors)) ThrowInvalidState();
+            std::string id = "EventHistoryCollector-" + std::to_string(tx.NextId());
+            CollectorRecord c;
+            c.filter = filter != nullptr ? filter->_Clone() : new EventFilterSpec();
+            tx.PutCollector(id, c);
+            return id;
+        });
+        RegisterCollector(context_, id);
+        result = RefTo<Morphel::Event::EventHistoryCollector>(id);
+    }
+    void QueryEvent(EventFilterSpec* filter, Ref<EventPage>& result) override {
+        result = context_.state->Run([&](StateTransaction& tx) {
+            auto selected = tx.SelectEvents(filter);
+            return Page(selected, 0, selected.size());
+        });
+    }
+    int32_t GetMaxCollector() override { return kMaxCollectors; }
+
+private:
+    Context& context_;
+};
+
+}  // namespace
+
+void RegisterCollector(Context& context, const std::string& id) {
+    context.Register(id, Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context, id)).Get());
+}
+
+void AttachEvents(Context& context) {
+    context.Register(kEventManagerId, Ref<EventManagerImpl>(new EventManagerImpl(context)).Get());
+    for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.CollectorIds(); }))
+        RegisterCollector(context, id);
+}
+
+}  // namespace MorphelServer

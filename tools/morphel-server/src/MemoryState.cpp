@@ -1,0 +1,155 @@
+// The state in memory: maps under one mutex, held for the length of a transaction.
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+#include <morphel-server/State.h>
+
+namespace MorphelServer {
+
+namespace {
+
+using Fundix::Ref;
+
+bool Matches(const Morphel::Event::EventFilterSpec* filter, const Morphel::Event::Event& e) {
+    if (filter == nullptr) return true;
+    if (filter->GetEventChainId().IsSet() && filter->GetEventChainId().GetValue() != e.GetChainId())
+        return false;
+    if (auto* types = filter->GetType(); types != nullptr && types->GetLength() != 0) {
+        const auto& v = types->GetValues();
+        if (std::find(v.begin(), v.end(), e.GetType()) == v.end()) return false;
+    }
+    if (auto* ids = filter->GetTypeId(); ids != nullptr && ids->GetLength() != 0) {
+        bool any = false;
+        for (const auto& name : ids->GetValues())
+            any = any || name == e._GetType()->GetName();
+        if (!any) return false;
+    }
+    if (auto* time = filter->GetTimeRange(); time != nullptr) {
+        int64_t t = e.GetCreatedTime().GetUtcMicros();
+        if (time->GetBeginTime().IsSet() && t < time->GetBeginTime().GetValue().GetUtcMicros()) return false;
+        if (time->GetEndTime().IsSet() && t > time->GetEndTime().GetValue().GetUtcMicros()) return false;
+    }
+    if (auto* users = filter->GetUserName();
+        users != nullptr && users->GetUserList() != nullptr && users->GetUserList()->GetLength() != 0) {
+        const auto& v = users->GetUserList()->GetValues();
+        if (std::find(v.begin(), v.end(), e.GetUserName()) == v.end()) return false;
+    }
+    if (auto* job = filter->GetJob();
+        job != nullptr && (e.GetJob() == nullptr || e.GetJob()->GetId() != job->GetId()))
+        return false;
+    return true;
+}
+
+// Records go in and come out as copies, as they would through a store outside the process: a change
+// reaches the state only through a put.
+template <class T>
+Ref<T> Copy(const Ref<T>& record) {
+    return record != nullptr ? Ref<T>(record->_Clone()) : nullptr;
+}
+TaskRecord Copy(const TaskRecord& task) {
+    TaskRecord copy = task;
+    copy.info = Copy(task.info);
+    return copy;
+}
+JobRecord Copy(const JobRecord& job) {
+    JobRecord copy = job;
+    copy.info = Copy(job.info);
+    copy.spec = Copy(job.spec);
+    return copy;
+}
+CollectorRecord Copy(const CollectorRecord& collector) {
+    CollectorRecord copy = collector;
+    copy.filter = Copy(collector.filter);
+    return copy;
+}
+
+template <class Map>
+auto Find(const Map& map, const std::string& key) -> std::optional<typename Map::mapped_type> {
+    auto it = map.find(key);
+    if (it == map.end()) return std::nullopt;
+    return Copy(it->second);
+}
+
+template <class Map>
+std::vector<std::string> Keys(const Map& map) {
+    std::vector<std::string> keys;
+    for (const auto& entry : map)
+        keys.push_back(entry.first);
+    return keys;
+}
+
+class MemoryState : public State, private StateTransaction {
+public:
+    void Transact(const std::function<void(StateTransaction&)>& work) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        work(*this);
+    }
+
+private:
+    int64_t NextId() override { return nextId_++; }
+    int32_t NextChainId() override { return nextChain_++; }
+    int32_t GetMaxTask() override { return maxTask_; }
+    void SetMaxTask(int32_t maxTask) override { maxTask_ = maxTask; }
+
+    int32_t AppendEvent(Morphel::Event::Event* event) override {
+        int32_t key = int32_t(events_.size()) + 1;
+        event->SetKey(key);
+        events_.emplace_back(event);
+        return key;
+    }
+    std::vector<Ref<Morphel::Event::Event>> SelectEvents(
+        const Morphel::Event::EventFilterSpec* filter) override {
+        std::vector<Ref<Morphel::Event::Event>> out;
+        for (const auto& e : events_)
+            if (Matches(filter, *e)) out.push_back(e);
+        return out;
+    }
+
+    std::vector<std::string> JobIds() override { return Keys(jobs_); }
+    std::vector<std::string> TaskIds() override { return Keys(tasks_); }
+    std::vector<std::string> CollectorIds() override { return Keys(collectors_); }
+
+    std::optional<JobRecord> FindJob(const std::string& id) override { return Find(jobs_, id); }
+    std::optional<JobRecord> FindJobByName(const std::string& name) override {
+        for (const auto& [id, job] : jobs_)
+            if (job.spec->GetName() == name) return Copy(job);
+        return std::nullopt;
+    }
+    void PutJob(const JobRecord& job) override { jobs_[job.id] = Copy(job); }
+    bool EraseJob(const std::string& id) override { return jobs_.erase(id) != 0; }
+
+    std::optional<TaskRecord> FindTask(const std::string& id) override { return Find(tasks_, id); }
+    void PutTask(const TaskRecord& task) override { tasks_[task.id] = Copy(task); }
+    std::vector<std::string> RecentTasks() override { return recentTasks_; }
+    void AddRecentTask(const std::string& id, size_t keep) override {
+        recentTasks_.push_back(id);
+        if (recentTasks_.size() > keep)
+            recentTasks_.erase(recentTasks_.begin(), recentTasks_.end() - std::ptrdiff_t(keep));
+    }
+
+    std::optional<CollectorRecord> FindCollector(const std::string& id) override {
+        return Find(collectors_, id);
+    }
+    size_t CountCollectors() override { return collectors_.size(); }
+    void PutCollector(const std::string& id, const CollectorRecord& collector) override {
+        collectors_[id] = Copy(collector);
+    }
+    bool EraseCollector(const std::string& id) override { return collectors_.erase(id) != 0; }
+
+    std::mutex mutex_;
+    int64_t nextId_ = 1;
+    int32_t nextChain_ = 1;
+    int32_t maxTask_ = 100;
+    std::vector<Ref<Morphel::Event::Event>> events_;
+    std::map<std::string, JobRecord> jobs_;
+    std::map<std::string, TaskRecord> tasks_;
+    std::vector<std::string> recentTasks_;
+    std::map<std::string, CollectorRecord> collectors_;
+};
+
+}  // namespace
+
+std::unique_ptr<State> NewMemoryState() { return std::make_unique<MemoryState>(); }
+
+}  // namespace MorphelServer
