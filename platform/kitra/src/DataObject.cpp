@@ -83,19 +83,18 @@ DataObjectType* DataObject::_GetDataType() const {
     return t != nullptr ? t->AsDataObjectType() : nullptr;
 }
 
+// An object of exactly this class is a data object: its class, not a cast, says so.
 bool DataObject::_IsEqual(const Any* other, bool partial) const {
-    auto* o = dynamic_cast<const DataObject*>(other);
-    if (o == nullptr || typeid(*this) != typeid(*o)) return false;
-    return _EqualFields(o, partial);
+    if (other == nullptr || typeid(*this) != typeid(*other)) return false;
+    return _EqualFields(static_cast<const DataObject*>(other), partial);
 }
 
 void DataObject::_DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const {
-    auto* o = dynamic_cast<const DataObject*>(other);
-    if (o == nullptr || typeid(*this) != typeid(*o)) {
+    if (other == nullptr || typeid(*this) != typeid(*other)) {
         diffs.Add(prefix);
         return;
     }
-    _DiffFields(o, prefix, diffs);
+    _DiffFields(static_cast<const DataObject*>(other), prefix, diffs);
 }
 
 unsigned DataObject::_GetSize(Sizer sizer) const { return sizer(sizeof(DataObject)); }

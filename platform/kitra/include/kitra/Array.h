@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 #include <fundix/Ref.h>
@@ -64,8 +65,8 @@ public:
     }
     Array* _Clone() const override { return new Array(*this); }
     bool _IsEqual(const Any* other, bool) const override {
-        auto* o = dynamic_cast<const Array*>(other);
-        return o != nullptr && o->values_ == values_;
+        if (other == nullptr || typeid(*other) != typeid(*this)) return false;
+        return static_cast<const Array*>(other)->values_ == values_;
     }
     unsigned _GetSize(Sizer sizer) const override {
         unsigned size = sizer(sizeof(*this)) + sizer(static_cast<unsigned>(values_.capacity() * sizeof(T)));

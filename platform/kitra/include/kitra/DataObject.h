@@ -18,6 +18,9 @@ public:
     // Compares level by level; an object of another class (or none) differs at `prefix` itself.
     void _DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const override;
     unsigned _GetSize(Sizer sizer) const override;
+    // For the generic walk: compares every level's fields with those of `other`, which the caller knows
+    // to be of exactly this object's class.
+    bool _EqualSameClass(const DataObject* other, bool partial) const { return _EqualFields(other, partial); }
 
 protected:
     DataObject() = default;
