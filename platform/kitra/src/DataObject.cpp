@@ -15,6 +15,10 @@ void PropertyDiffSet::Add(const std::string& path) {
     if (!Contains(path)) paths_.push_back(path);
 }
 
+void PropertyDiffSet::Add(std::string&& path) {
+    if (!Contains(path)) paths_.push_back(std::move(path));
+}
+
 bool PropertyDiffSet::Contains(const std::string& path) const {
     for (const auto& p : paths_)
         if (p == path) return true;

@@ -27,7 +27,8 @@ void RefSlot::Store(Any* value) {
 ObjSlot::ObjSlot(const ObjSlot& other) : RefSlot() {
     if (other.p_ == nullptr) return;
     // A reference cannot change once made, so a copy shares it, as arrays of references do.
-    p_ = typeid(*other.p_) == typeid(MoRef) ? other.p_ : other.p_->_Clone();
+    // (MoRef's class record is made once, in this library, so its address identifies the class.)
+    p_ = &typeid(*other.p_) == &typeid(MoRef) ? other.p_ : other.p_->_Clone();
     if (p_ != nullptr) p_->IncRef();
 }
 
@@ -186,10 +187,33 @@ inline unsigned TextHeap(const std::string& text) {
     return text.capacity() < 16 ? 0u : static_cast<unsigned>(text.capacity());
 }
 
-// Strings compare by length first; equal lengths compare their bytes.
+inline uint64_t Word(const char* p) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
+inline uint32_t HalfWord(const char* p) {
+    uint32_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
+// Strings compare by length first; equal lengths compare their bytes, the short ones (most names and
+// identifiers) a word at a time in place.
 inline bool SameText(const std::string& a, const std::string& b) {
-    size_t n = a.size();
-    return n == b.size() && (n == 0 || std::memcmp(a.data(), b.data(), n) == 0);
+    const size_t n = a.size();
+    if (n != b.size()) return false;
+    const char* x = a.data();
+    const char* y = b.data();
+    if (n >= 8 && n <= 32) {
+        // Whole words, then the last word again, overlapping what was compared already.
+        for (size_t i = 0; i + 8 < n; i += 8)
+            if (Word(x + i) != Word(y + i)) return false;
+        return Word(x + n - 8) == Word(y + n - 8);
+    }
+    if (n >= 4 && n < 8) return HalfWord(x) == HalfWord(y) && HalfWord(x + n - 4) == HalfWord(y + n - 4);
+    return n == 0 || std::memcmp(x, y, n) == 0;
 }
 
 inline bool SameRef(const MoRef* a, const MoRef* b) {
@@ -223,8 +247,7 @@ bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b, bool parti
 
 template <class T>
 inline bool SameOptional(const Optional<T>& a, const Optional<T>& b, bool partial) {
-    if (!b.IsSet()) return !a.IsSet() || partial;
-    return a.IsSet() && a.GetValue() == b.GetValue();
+    return a == b || (partial && !b.IsSet());
 }
 
 inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std::string>& b, bool partial) {
@@ -234,22 +257,17 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     return x != nullptr && SameText(*x, *y);
 }
 
-// Field `i` of two objects compared; `partial` as for Equal (Diff passes false).
-[[gnu::always_inline]] inline bool FieldEqual(const FieldLayout& layout, uint32_t i, const char* a, const char* b, bool partial) {
-    const uint32_t off = layout.fields[i].offset;
-    a += off;
-    b += off;
-    auto as = [](const char* at, auto* tag) -> const auto& {
-        return *reinterpret_cast<const std::remove_pointer_t<decltype(tag)>*>(at);
-    };
-#define KITRA_SAME(T) (as(a, static_cast<T*>(nullptr)) == as(b, static_cast<T*>(nullptr)))
-#define KITRA_SAME_OPT(T)                                                                                   \
-    SameOptional(as(a, static_cast<Optional<T>*>(nullptr)), as(b, static_cast<Optional<T>*>(nullptr)), partial)
-    switch (layout.fields[i].storage) {
-    case Storage::String: return SameText(as(a, static_cast<std::string*>(nullptr)), as(b, static_cast<std::string*>(nullptr)));
-    case Storage::OptString:
-        return SameOptionalText(as(a, static_cast<Optional<std::string>*>(nullptr)),
-                                as(b, static_cast<Optional<std::string>*>(nullptr)), partial);
+// One field of two objects compared; `partial` as for Equal (Diff passes false).
+[[gnu::always_inline]] inline bool FieldEqual(const FieldDesc& f, const PropertyTypeInfo& p, const char* a,
+                                              const char* b, bool partial) {
+    a += f.offset;
+    b += f.offset;
+#define KITRA_AT(T, x) (*reinterpret_cast<const T*>(x))
+#define KITRA_SAME(T) (KITRA_AT(T, a) == KITRA_AT(T, b))
+#define KITRA_SAME_OPT(T) SameOptional(KITRA_AT(Optional<T>, a), KITRA_AT(Optional<T>, b), partial)
+    switch (f.storage) {
+    case Storage::String: return SameText(KITRA_AT(std::string, a), KITRA_AT(std::string, b));
+    case Storage::OptString: return SameOptionalText(KITRA_AT(Optional<std::string>, a), KITRA_AT(Optional<std::string>, b), partial);
     case Storage::I32: return KITRA_SAME(int32_t);
     case Storage::OptI32: return KITRA_SAME_OPT(int32_t);
     case Storage::I64: return KITRA_SAME(int64_t);
@@ -266,12 +284,16 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     case Storage::OptF64: return KITRA_SAME_OPT(double);
     case Storage::Date: return KITRA_SAME(DateTime);
     case Storage::OptDate: return KITRA_SAME_OPT(DateTime);
-    case Storage::Slot: break;
+    case Storage::Slot: {
+        const Any* x = KITRA_AT(RefSlot, a).Get();
+        const Any* y = KITRA_AT(RefSlot, b).Get();
+        return x == y || SlotEqual(p, x, y, partial);
     }
+    }
+#undef KITRA_AT
 #undef KITRA_SAME
 #undef KITRA_SAME_OPT
-    return SlotEqual(layout.properties[i], as(a, static_cast<RefSlot*>(nullptr)).Get(),
-                     as(b, static_cast<RefSlot*>(nullptr)).Get(), partial);
+    __builtin_unreachable();  // the generator writes only the storage classes above
 }
 
 // Per layout, worked out once from its records: the fields that may hold memory beyond the object
@@ -342,7 +364,7 @@ inline const SizePlan* PlanOf(const FieldLayout& layout) {
     return AddPlan(layout);
 }
 
-unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
+[[gnu::always_inline]] inline unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
     unsigned size = 0;
     if (sizer == &IdentitySizer) {
         for (const Varying* f = plan->fields, *end = f + plan->count; f != end; ++f) {
@@ -388,45 +410,60 @@ unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
 bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
     auto* a = static_cast<const char*>(mine);
     auto* b = static_cast<const char*>(theirs);
-    for (uint32_t i = 0; i < layout.count; ++i)
-        if (!FieldEqual(layout, i, a, b, partial)) return false;
+    const PropertyTypeInfo* p = layout.properties;
+    for (const FieldDesc *f = layout.fields, *end = f + layout.count; f != end; ++f, ++p)
+        if (!FieldEqual(*f, *p, a, b, partial)) return false;
     return true;
 }
+
+namespace {
+
+// The first field from `from` on at which the two objects differ, or the layout's count.
+uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a, const char* b) {
+    const PropertyTypeInfo* p = layout.properties + from;
+    const FieldDesc* begin = layout.fields;
+    for (const FieldDesc *f = begin + from, *end = begin + layout.count; f != end; ++f, ++p)
+        if (!FieldEqual(*f, *p, a, b, false)) return static_cast<uint32_t>(f - begin);
+    return layout.count;
+}
+
+[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
+                                     const std::string& prefix, PropertyDiffSet& diffs) {
+    const PropertyTypeInfo& p = layout.properties[i];
+    std::string path;
+    path.reserve(prefix.size() + 1 + std::strlen(p.name));
+    path.append(prefix).append(1, '.').append(p.name);
+    if (layout.fields[i].storage == Storage::Slot) {
+        DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
+                             At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
+    } else {
+        diffs.Add(std::move(path));
+    }
+}
+
+}  // namespace
 
 void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
           PropertyDiffSet& diffs) {
     auto* a = static_cast<const char*>(mine);
     auto* b = static_cast<const char*>(theirs);
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        // Equal fields, the common case, cost a comparison and no path: the path is built only where a
-        // difference is found, and only then does the walk descend into a value to name deeper paths.
-        if (FieldEqual(layout, i, a, b, false)) continue;
-        const PropertyTypeInfo& p = layout.properties[i];
-        std::string path;
-        path.reserve(prefix.size() + 1 + std::strlen(p.name));
-        path.append(prefix).append(1, '.').append(p.name);
-        if (layout.fields[i].storage == Storage::Slot) {
-            DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
-                                 At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
-        } else {
-            diffs.Add(path);
-        }
-    }
+    // Equal fields, the common case, cost a comparison and no path: the path is built only where a
+    // difference is found, and only then does the walk descend into a value to name deeper paths.
+    for (uint32_t i = NextDifference(layout, 0, a, b); i < layout.count; i = NextDifference(layout, i + 1, a, b))
+        AddDifference(layout, i, mine, theirs, prefix, diffs);
 }
 
 unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
     // Only strings and counted values hold memory beyond the object; everything else is in the class's
     // own size, which the caller counts once.
     auto* at = static_cast<const char*>(object);
-    unsigned size = 0;
     const SizePlan* plan = PlanOf(layout);
-    if (plan == nullptr) {
-        plan = MakePlan(layout);  // the table is full: a plan for this call only
-        size = ExtraSize(plan, at, sizer);
-        ::operator delete(const_cast<SizePlan*>(plan));
-        return size;
-    }
-    return ExtraSize(plan, at, sizer);
+    if (plan != nullptr) [[likely]]
+        return ExtraSize(plan, at, sizer);
+    plan = MakePlan(layout);  // the table is full: a plan for this call only
+    unsigned size = ExtraSize(plan, at, sizer);
+    ::operator delete(const_cast<SizePlan*>(plan));
+    return size;
 }
 
 void NoGet(DataObject*, int, void*) {}

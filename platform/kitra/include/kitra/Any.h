@@ -19,6 +19,7 @@ using Sizer = unsigned (*)(unsigned);
 class PropertyDiffSet {
 public:
     void Add(const std::string& path);
+    void Add(std::string&& path);
     bool Contains(const std::string& path) const;
     size_t Size() const { return paths_.size(); }
     bool Empty() const { return paths_.empty(); }
