@@ -1,5 +1,6 @@
 // Arrays of counted elements, and managed-object references.
 #include <new>
+#include <string>
 #include <typeinfo>
 
 #include <kitra/Array.h>
@@ -28,14 +29,22 @@ Type* DataArrayBase::GetElementType() const {
     return GetTypeMap()->GetType(elementInfo_->name);
 }
 
+void ArrayBase::ThrowIndexOutOfRange(size_t index, size_t length) {
+    throw Fundix::InvalidArgumentException("index " + std::to_string(index) + " out of range: the array holds " +
+                                           std::to_string(length));
+}
+
 void DataArrayBase::AppendBoxed(const Any* value) {
     bool ok = value != nullptr;
     if (ok && elementInfo_->kind == kKindManaged) {
-        ok = dynamic_cast<const MoRef*>(value) != nullptr;
+        ok = &typeid(*value) == &typeid(MoRef);
     } else if (ok && elementInfo_->kind != kKindAnyType) {
-        Type* element = GetElementType();
-        ok = dynamic_cast<const DataObject*>(value) != nullptr && element != nullptr &&
-             value->_GetType()->IsA(element);
+        // An object of exactly the element's class is the common case: its type's record is the element's.
+        ok = dynamic_cast<const DataObject*>(value) != nullptr;
+        if (ok) {
+            Type* type = value->_GetType();
+            ok = type != nullptr && (type->GetTypeInfo() == elementInfo_ || type->IsA(GetElementType()));
+        }
     }
     if (!ok) ThrowArrayElementMismatch(GetElementType(), value);
     items_.emplace_back(const_cast<Any*>(value));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <typeinfo>
 
 #include <fundix/Exception.h>
 #include <kitra/Any.h>
@@ -100,14 +101,20 @@ Type* GetType<MethodFault>();
 template <>
 Type* GetType<RuntimeFault>();
 
-// Checked downcast of a data object: null stays null, another class raises Fundix::TypeMismatchException.
-void ThrowTypeMismatch(const char* expected, const Any* received);
+// Checked downcast of a value: null stays null, another class raises Fundix::TypeMismatchException, which
+// names the expected and the received type by their wire names.
+[[noreturn]] void ThrowTypeMismatch(const char* expected, const Any* received);
+[[noreturn]] void ThrowTypeMismatch(const std::type_info& expected, const Any* received);
+
+// The wire name of the type whose values are of class `cls` ("morphel.ComputerSpec", "int",
+// "ArrayOfString", "ManagedObjectReference"); the C++ name for a class that no registered type uses.
+std::string WireNameOf(const std::type_info& cls);
 
 template <class T, class S>
 T* CheckedCast(S* object) {
     if (object == nullptr) return nullptr;
     T* result = dynamic_cast<T*>(object);
-    if (result == nullptr) ThrowTypeMismatch(typeid(T).name(), object);
+    if (result == nullptr) ThrowTypeMismatch(typeid(T), object);
     return result;
 }
 
