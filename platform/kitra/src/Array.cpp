@@ -42,8 +42,10 @@ void DataArrayBase::AppendBoxed(const Any* value) {
         // An object of exactly the element's class is the common case: its type's record is the element's.
         ok = dynamic_cast<const DataObject*>(value) != nullptr;
         if (ok) {
-            Type* type = value->_GetType();
-            ok = type != nullptr && (type->GetTypeInfo() == elementInfo_ || type->IsA(GetElementType()));
+            // The value's class or one of its bases has the element's record.
+            const Type* type = value->_GetType();
+            while (type != nullptr && type->GetTypeInfo() != elementInfo_) type = type->GetBaseType();
+            ok = type != nullptr;
         }
     }
     if (!ok) ThrowArrayElementMismatch(GetElementType(), value);

@@ -76,10 +76,10 @@ public:
             try {
                 if (const DataObjectType* data = type->AsDataObjectType()) {
                     Fundix::Ref<DataObject> value = data->CreateInstance();
-                    if (value) names_[typeid(*value).name()] = type->GetName();
+                    if (const DataObject* v = value.Get()) names_[typeid(*v).name()] = type->GetName();
                 } else if (const EnumType* e = type->AsEnumType()) {
                     Fundix::Ref<Any> box = e->CreateBox(0);
-                    if (box) names_[typeid(*box).name()] = type->GetName();
+                    if (const Any* b = box.Get()) names_[typeid(*b).name()] = type->GetName();
                 } else {
                     continue;
                 }
@@ -112,7 +112,7 @@ private:
     void AddArray(Type* type) {
         Fundix::Ref<ArrayBase> array(type->NewArray());
         Type* arrayType = type->GetArrayType();
-        if (array && arrayType != nullptr) names_[typeid(*array).name()] = arrayType->GetName();
+        if (const ArrayBase* a = array.Get(); a != nullptr && arrayType != nullptr) names_[typeid(*a).name()] = arrayType->GetName();
     }
 
     std::unordered_map<std::string, std::string> names_;

@@ -14,6 +14,8 @@
 #include <kitra/MoRef.h>
 #include <kitra/Registry.h>
 
+#include "FieldProbe.h"
+
 namespace Kitra {
 
 // ---- Slots
@@ -124,7 +126,61 @@ struct IsOptional<Optional<T>> : std::true_type {};
 
 }  // namespace
 
+namespace {
+
+// What a record's get function reports when asked for the probe index, which no property has.
+constexpr int kProbeIndex = -0x4C415954;  // "LAYT"
+struct LayoutProbe {
+    const FieldLayout* layout = nullptr;
+    const void* object = nullptr;
+};
+
+struct ProbeEntry {
+    std::atomic<const DataTypeInfo*> record{nullptr};
+    const FieldLayout* layout = nullptr;
+};
+constexpr size_t kProbeSlots = 4096;
+ProbeEntry gProbes[kProbeSlots];
+std::mutex gProbesMutex;
+
+size_t ProbeHash(const DataTypeInfo* record) {
+    return static_cast<size_t>((reinterpret_cast<uintptr_t>(record) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
+           (kProbeSlots - 1);
+}
+
+}  // namespace
+
+const FieldLayout* LayoutOf(const DataTypeInfo* record, DataObject* object) {
+    size_t h = ProbeHash(record);
+    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
+        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_acquire);
+        if (k == record) return gProbes[h].layout;
+        if (k == nullptr) break;
+    }
+    LayoutProbe probe;
+    if (record->getProperty != nullptr) record->getProperty(object, kProbeIndex, &probe);
+    // Usable only where the declaring class's fields are laid out from the object's own address.
+    const FieldLayout* layout = probe.object == object ? probe.layout : nullptr;
+    std::lock_guard<std::mutex> lock(gProbesMutex);
+    h = ProbeHash(record);
+    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
+        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_relaxed);
+        if (k == record) return gProbes[h].layout;
+        if (k != nullptr) continue;
+        gProbes[h].layout = layout;
+        gProbes[h].record.store(record, std::memory_order_release);
+        break;
+    }
+    return layout;
+}
+
 void Get(const FieldLayout& layout, const void* object, int index, void* out) {
+    if (index == kProbeIndex && out != nullptr) {
+        auto* probe = static_cast<LayoutProbe*>(out);
+        probe->layout = &layout;
+        probe->object = object;
+        return;
+    }
     if (!InRange(layout, object, index) || out == nullptr) return;
     Dispatch(layout.fields[index].storage, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
