@@ -39,14 +39,11 @@ void DataArrayBase::AppendBoxed(const Any* value) {
     if (ok && elementInfo_->kind == kKindManaged) {
         ok = &typeid(*value) == &typeid(MoRef);
     } else if (ok && elementInfo_->kind != kKindAnyType) {
-        // An object of exactly the element's class is the common case: its type's record is the element's.
-        ok = dynamic_cast<const DataObject*>(value) != nullptr;
-        if (ok) {
-            // The value's class or one of its bases has the element's record.
-            const Type* type = value->_GetType();
-            while (type != nullptr && type->GetTypeInfo() != elementInfo_) type = type->GetBaseType();
-            ok = type != nullptr;
-        }
+        // The value's type or one of its bases has the element's record; only data objects have types
+        // with data records, so that also says the value is one.
+        const Type* type = value->_GetType();
+        while (type != nullptr && type->GetTypeInfo() != elementInfo_) type = type->GetBaseType();
+        ok = type != nullptr;
     }
     if (!ok) ThrowArrayElementMismatch(GetElementType(), value);
     items_.emplace_back(const_cast<Any*>(value));

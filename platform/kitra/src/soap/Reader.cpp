@@ -755,13 +755,8 @@ private:
         }
     }
 
-    void Append(ArrayBase* array, Any* value) {
-        if (auto* items = dynamic_cast<DataArrayBase*>(array)) {
-            items->AppendAny(value);  // its class was checked against the element type on the way in
-        } else {
-            array->AppendBoxed(value);
-        }
-    }
+    // Every array checks what it takes against its element type.
+    void Append(ArrayBase* array, Any* value) { array->AppendBoxed(value); }
 
     // ---- Lexical forms
 
