@@ -112,6 +112,23 @@ TEST(WalkTest, NestedRecordsAndArrays) {
     EXPECT_EQ(Diff(mine, theirs, "x"), std::vector<std::string>{"x.content"});
 }
 
+TEST(WalkTest, OptionalArraysForgivenOnlyWhenNullInTheirs) {
+    using Filter = Morphel::Task::TaskFilterSpec;
+    Ref<Kitra::Array<TaskInfo::State>> states(new Kitra::Array<TaskInfo::State>());
+    states->Append(TaskInfo::State::running);
+    Ref<Filter> full(new Filter());
+    full->SetState(states.Get());
+    Ref<Filter> none(new Filter());
+    EXPECT_FALSE(full->_IsEqual(none.Get(), false));
+    EXPECT_TRUE(full->_IsEqual(none.Get(), true));  // null in theirs: forgiven
+    EXPECT_FALSE(none->_IsEqual(full.Get(), true));
+    Ref<Filter> empty(new Filter());
+    empty->SetState(Ref<Kitra::Array<TaskInfo::State>>(new Kitra::Array<TaskInfo::State>()).Get());
+    EXPECT_FALSE(full->_IsEqual(empty.Get(), true));  // an empty array is a value, not an absence
+    EXPECT_TRUE(empty->_IsEqual(none.Get(), false));
+    EXPECT_TRUE(none->_IsEqual(empty.Get(), false));
+}
+
 unsigned gExtra = 0;
 unsigned AddingSizer(unsigned size) { return size + gExtra; }
 
