@@ -23,6 +23,8 @@
 #include <morphel/types.h>
 #include <dovra/vm/customization/types.h>
 
+#include "Limits.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -517,38 +519,21 @@ void Report(benchmark::State& state, const Case& c) {
     state.counters["bytes"] = double(c.message.size());
 }
 
-void Encode(benchmark::State& state, const Case* c) {
-    const Kitra::Soap::Codec& codec = TheCodec();
-    std::string out;
-    out.reserve(c->message.size());
-    for (auto _ : state) {
-        out.clear();
-        codec.EncodeValue(c->value.Get(), out);
-        benchmark::DoNotOptimize(out.data());
-    }
-    Report(state, *c);
+// The operations, each once over a case, for the timed and the counted runs alike.
+void EncodeOnce(const Case& c, std::string& out) {
+    out.clear();
+    TheCodec().EncodeValue(c.value.Get(), out);
+    benchmark::DoNotOptimize(out.data());
 }
-
-// The writer's limit: the same bytes appended to a cleared, reserved buffer.
-void Copy(benchmark::State& state, const Case* c) {
-    std::string out;
-    out.reserve(c->message.size());
-    for (auto _ : state) {
-        out.clear();
-        out.append(c->message);
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    Report(state, *c);
+void CopyOnce(const Case& c, std::string& out) {
+    out.clear();
+    out.append(c.message);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
 }
-
-void Decode(benchmark::State& state, const Case* c) {
-    const Kitra::Soap::Codec& codec = TheCodec();
-    for (auto _ : state) {
-        Kitra::Soap::Message m = codec.Decode(c->message);
-        benchmark::DoNotOptimize(m.value.Get());
-    }
-    Report(state, *c);
+void DecodeOnce(const Case& c) {
+    Kitra::Soap::Message m = TheCodec().Decode(c.message);
+    benchmark::DoNotOptimize(m.value.Get());
 }
 
 void XMLCALL NoStart(void*, const XML_Char*, const XML_Char**) {}
@@ -556,14 +541,38 @@ void XMLCALL NoEnd(void*, const XML_Char*) {}
 void XMLCALL NoText(void*, const XML_Char*, int) {}
 
 // The reader's limit: expat parsing the same message, with namespaces, into handlers that do nothing.
+bool ExpatOnce(const Case& c) {
+    XML_Parser parser = XML_ParserCreateNS("UTF-8", '|');
+    XML_SetElementHandler(parser, &NoStart, &NoEnd);
+    XML_SetCharacterDataHandler(parser, &NoText);
+    XML_Status status = XML_Parse(parser, c.message.data(), static_cast<int>(c.message.size()), XML_TRUE);
+    XML_ParserFree(parser);
+    return status == XML_STATUS_OK;
+}
+
+void Encode(benchmark::State& state, const Case* c) {
+    std::string out;
+    out.reserve(c->message.size());
+    for (auto _ : state) EncodeOnce(*c, out);
+    Report(state, *c);
+}
+
+// The writer's limit: the same bytes appended to a cleared, reserved buffer.
+void Copy(benchmark::State& state, const Case* c) {
+    std::string out;
+    out.reserve(c->message.size());
+    for (auto _ : state) CopyOnce(*c, out);
+    Report(state, *c);
+}
+
+void Decode(benchmark::State& state, const Case* c) {
+    for (auto _ : state) DecodeOnce(*c);
+    Report(state, *c);
+}
+
 void ExpatOnly(benchmark::State& state, const Case* c) {
     for (auto _ : state) {
-        XML_Parser parser = XML_ParserCreateNS("UTF-8", '|');
-        XML_SetElementHandler(parser, &NoStart, &NoEnd);
-        XML_SetCharacterDataHandler(parser, &NoText);
-        XML_Status status = XML_Parse(parser, c->message.data(), static_cast<int>(c->message.size()), XML_TRUE);
-        XML_ParserFree(parser);
-        if (status != XML_STATUS_OK) {
+        if (!ExpatOnce(*c)) {
             state.SkipWithError("expat refused the message");
             break;
         }
@@ -607,6 +616,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "soap_bench: %s\n", e.what());
         return 1;
     }
+    std::vector<Limits::Pair> pairs;
+    std::vector<Limits::Counted> counted;
+    static std::string out;
     for (const Case& c : Cases()) {
         std::fprintf(stderr, "%s: %zu bytes, %lld data objects\n", c.name.c_str(), c.message.size(),
                      static_cast<long long>(c.objects));
@@ -614,10 +626,11 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(("Copy/" + c.name).c_str(), Copy, &c);
         benchmark::RegisterBenchmark(("Decode/" + c.name).c_str(), Decode, &c);
         benchmark::RegisterBenchmark(("ExpatOnly/" + c.name).c_str(), ExpatOnly, &c);
+        pairs.push_back({"Decode/" + c.name, "ExpatOnly/" + c.name, 1.25});
+        pairs.push_back({"Encode/" + c.name, "Copy/" + c.name, 0});
+        counted.push_back({"Encode/" + c.name, 10, [&c] { EncodeOnce(c, out); }});
+        counted.push_back({"Decode/" + c.name, 10, [&c] { DecodeOnce(c); }});
+        counted.push_back({"ExpatOnly/" + c.name, 10, [&c] { ExpatOnce(c); }});
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return Limits::Main(argc, argv, pairs, counted);
 }

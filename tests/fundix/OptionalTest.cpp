@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <type_traits>
 
 #include "fundix/Exception.h"
 #include "fundix/Optional.h"
@@ -68,6 +70,39 @@ TEST(OptionalStringTest, UnsetAndEmptyDiffer) {
     EXPECT_FALSE(Optional<std::string>("word") == "other");
     empty.Unset();
     EXPECT_EQ(empty.GetPtr(), nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// A pointer (a string literal above all) never becomes a bool, and nothing narrows without a cast;
+// conversions that lose nothing still work.
+static_assert(!std::is_constructible_v<Fundix::Optional<bool>, const char*>);
+static_assert(!std::is_constructible_v<Fundix::Optional<bool>, const char (&)[6]>);
+static_assert(!std::is_convertible_v<const char*, Fundix::Optional<bool>>);
+static_assert(!std::is_assignable_v<Fundix::Optional<bool>&, const char*>);
+static_assert(!std::is_constructible_v<Fundix::Optional<bool>, int*>);
+static_assert(!std::is_constructible_v<Fundix::Optional<bool>, int>);
+static_assert(!std::is_constructible_v<Fundix::Optional<int32_t>, int64_t>);
+static_assert(!std::is_constructible_v<Fundix::Optional<int32_t>, double>);
+static_assert(!std::is_constructible_v<Fundix::Optional<int16_t>, int32_t>);
+static_assert(!std::is_assignable_v<Fundix::Optional<int32_t>&, int64_t>);
+static_assert(!std::is_constructible_v<Fundix::Optional<float>, double>);
+static_assert(std::is_convertible_v<bool, Fundix::Optional<bool>>);
+static_assert(std::is_convertible_v<int32_t, Fundix::Optional<int64_t>>);
+static_assert(std::is_convertible_v<int16_t, Fundix::Optional<int32_t>>);
+static_assert(std::is_convertible_v<float, Fundix::Optional<double>>);
+static_assert(std::is_assignable_v<Fundix::Optional<int64_t>&, int32_t>);
+
+TEST(OptionalTest, ConvertsOnlyWithoutLoss) {
+    Fundix::Optional<bool> verify = false;
+    EXPECT_TRUE(verify.IsSet());
+    EXPECT_FALSE(verify.GetValue());
+    Fundix::Optional<int64_t> wide = int32_t{-7};
+    EXPECT_EQ(wide.GetValue(), -7);
+    wide = int16_t{5};
+    EXPECT_EQ(wide.GetValue(), 5);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 """morphel-types wsdl and xsd for every API version: the WSDL is well-formed and hangs together, xmllint
 accepts the schema and validates an instance with it, the WSDL embeds that same schema, and the output
 is the same on every run."""
+import json
 import os
 import shutil
 import subprocess
@@ -39,6 +40,11 @@ def xmllint(args):
 def local(qname):
     return qname.split(":", 1)[1]
 
+
+# Operations open to callers without a session (privilege "System.Anonymous").
+dump = json.loads(run(["dump"]).stdout)
+anonymous = {m["wsdlName"] for t in dump["types"] for m in t.get("methods", []) if m.get("privilege") == "System.Anonymous"}
+check("MorphelLogin" in anonymous, "login is open to anonymous callers")
 
 with tempfile.TemporaryDirectory() as tmp:
     for n, version in enumerate(["version1", "version2", "morphel.version.version3", "version4"], 1):
@@ -79,7 +85,19 @@ with tempfile.TemporaryDirectory() as tmp:
                 check(local(io.get("message")) in messages, version + ": message of " + op.get("name"))
             faults = [f.get("name") for f in op.findall(WSDL + "fault")]
             check(len(faults) == len(set(faults)), version + ": fault names unique in " + op.get("name"))
+            # What any call can raise is listed on every operation; a session and a privilege are needed
+            # by all but the few operations open to anonymous callers.
+            check({"RuntimeFault", "InvalidRequest"} <= set(faults), version + ": common faults on " + op.get("name"))
+            session = {"NotAuthenticated", "NoPermission"} <= set(faults)
+            check(session == (op.get("name") not in anonymous),
+                  version + ": session faults on " + op.get("name") + " exactly when it needs a session: " + str(faults))
+        login = [op for op in port_ops if op.get("name") == "MorphelLogin"]
+        check(len(login) == 1 and "NotAuthenticated" not in [f.get("name") for f in login[0].findall(WSDL + "fault")],
+              version + ": login needs no session")
         binding = root.find(WSDL + "binding")
+        for op, bound in zip(port_ops, binding.findall(WSDL + "operation")):
+            check([f.get("name") for f in op.findall(WSDL + "fault")] ==
+                  [f.get("name") for f in bound.findall(WSDL + "fault")], version + ": binding faults of " + op.get("name"))
         check([op.get("name") for op in binding.findall(WSDL + "operation")] == names,
               version + ": the binding has the port type's operations")
         actions = {op.find(SOAP + "operation").get("soapAction") for op in binding.findall(WSDL + "operation")}

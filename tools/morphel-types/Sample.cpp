@@ -12,6 +12,7 @@ using Kitra::Any;
 
 constexpr int kFullDepth = 3;  // records below this depth get only their required fields
 constexpr int kMaxDepth = 12;
+constexpr int kMicroseconds[] = {0, 250000, 5, 40500, 999999, 1200};
 
 class Filler {
 public:
@@ -41,7 +42,9 @@ private:
         if (type == nullptr || !codec_.Knows(type)) return nullptr;
         if (p.flags & Kitra::kFlagArray) {
             Ref<Kitra::ArrayBase> array = type->CreateArray();
-            int items = type->GetKind() == Kitra::kKindByte ? 5 : 2;
+            // Byte arrays of every length from 0 to 7 across the fields, so that each padding of the text form
+            // travels somewhere.
+            int items = type->GetKind() == Kitra::kKindByte ? index % 8 : 2;
             for (int i = 0; i < items; ++i) {
                 Ref<Any> item = One(type, index + i, depth);
                 if (item == nullptr) return nullptr;
@@ -65,8 +68,9 @@ private:
         case Kitra::kKindFloat: return new Kitra::Primitive<float>(1.1f + static_cast<float>(seed));
         case Kitra::kKindDouble: return new Kitra::Primitive<double>(0.1 + seed);
         case Kitra::kKindDateTime:
+            // Microseconds with and without leading zeros, and none.
             return new Kitra::Primitive<Fundix::System::DateTime>(
-                Fundix::System::DateTime(2026, 11, 23, 10, 15, seed % 60, seed % 2 ? 250000 : 0));
+                Fundix::System::DateTime(2026, 11, 23, 10, 15, seed % 60, kMicroseconds[seed % 6]));
         case Kitra::kKindAnyType: return new Kitra::Primitive<int32_t>(7 + seed);
         case Kitra::kKindEnum: {
             const Kitra::EnumType* e = type->AsEnumType();

@@ -1,5 +1,7 @@
 // Arrays of counted elements, and managed-object references.
 #include <new>
+#include <string>
+#include <typeinfo>
 
 #include <kitra/Array.h>
 #include <kitra/DataObject.h>
@@ -27,14 +29,21 @@ Type* DataArrayBase::GetElementType() const {
     return GetTypeMap()->GetType(elementInfo_->name);
 }
 
+void ArrayBase::ThrowIndexOutOfRange(size_t index, size_t length) {
+    throw Fundix::InvalidArgumentException("index " + std::to_string(index) + " out of range: the array holds " +
+                                           std::to_string(length));
+}
+
 void DataArrayBase::AppendBoxed(const Any* value) {
     bool ok = value != nullptr;
     if (ok && elementInfo_->kind == kKindManaged) {
-        ok = dynamic_cast<const MoRef*>(value) != nullptr;
+        ok = &typeid(*value) == &typeid(MoRef);
     } else if (ok && elementInfo_->kind != kKindAnyType) {
-        Type* element = GetElementType();
-        ok = dynamic_cast<const DataObject*>(value) != nullptr && element != nullptr &&
-             value->_GetType()->IsA(element);
+        // The value's type or one of its bases has the element's record; only data objects have types
+        // with data records, so that also says the value is one.
+        const Type* type = value->_GetType();
+        while (type != nullptr && type->GetTypeInfo() != elementInfo_) type = type->GetBaseType();
+        ok = type != nullptr;
     }
     if (!ok) ThrowArrayElementMismatch(GetElementType(), value);
     items_.emplace_back(const_cast<Any*>(value));
@@ -45,15 +54,23 @@ DataArrayBase* DataArrayBase::_Clone() const {
     auto* copy = static_cast<DataArrayBase*>(element != nullptr ? element->NewArray() : nullptr);
     if (copy == nullptr) return nullptr;
     copy->items_.reserve(items_.size());
+    // The element record says what the items are: data objects (cloned), references (immutable, so
+    // shared); only untyped arrays ask each item.
+    const uint32_t kind = elementInfo_->kind;
+    const bool data = kind == kKindData || kind == kKindFault;
     for (const auto& item : items_) {
-        if (auto* data = dynamic_cast<const DataObject*>(item.Get())) copy->items_.emplace_back(data->_Clone());
+        if (item && (data || (kind == kKindAnyType && dynamic_cast<const DataObject*>(item.Get()) != nullptr)))
+            copy->items_.emplace_back(item->_Clone());
         else copy->items_.push_back(item);
     }
     return copy;
 }
 
 bool DataArrayBase::_IsEqual(const Any* other, bool partial) const {
-    auto* o = dynamic_cast<const DataArrayBase*>(other);
+    if (other == nullptr) return false;
+    // Both arrays of a field are of one class; only arrays of different classes need the cast.
+    auto* o = typeid(*other) == typeid(*this) ? static_cast<const DataArrayBase*>(other)
+                                              : dynamic_cast<const DataArrayBase*>(other);
     if (o == nullptr || o->items_.size() != items_.size()) return false;
     for (size_t i = 0; i < items_.size(); ++i)
         if (!AreEqualAnysInt(items_[i].Get(), o->items_[i].Get(), 0, partial)) return false;
@@ -73,8 +90,9 @@ Type* MoRef::_GetType() const {
 }
 
 bool MoRef::_IsEqual(const Any* other, bool) const {
-    auto* o = dynamic_cast<const MoRef*>(other);
-    return o != nullptr && o->type_ == type_ && o->id_ == id_;
+    if (other == nullptr || typeid(*other) != typeid(MoRef)) return false;
+    auto* o = static_cast<const MoRef*>(other);
+    return o->id_ == id_ && o->type_ == type_;
 }
 
 unsigned MoRef::_GetSize(Sizer sizer) const {

@@ -1,11 +1,17 @@
 // The data-object and fault bases, and the comparisons that generated code delegates to.
+#include <cxxabi.h>
+
+#include <cstdlib>
 #include <new>
 #include <typeinfo>
+#include <unordered_map>
 
 #include <fundix/Exception.h>
 #include <kitra/Array.h>
 #include <kitra/DataObject.h>
 #include <kitra/MoRef.h>
+#include <kitra/Primitive.h>
+#include <kitra/Registry.h>
 
 namespace Kitra {
 
@@ -13,6 +19,10 @@ namespace Kitra {
 
 void PropertyDiffSet::Add(const std::string& path) {
     if (!Contains(path)) paths_.push_back(path);
+}
+
+void PropertyDiffSet::Add(std::string&& path) {
+    if (!Contains(path)) paths_.push_back(std::move(path));
 }
 
 bool PropertyDiffSet::Contains(const std::string& path) const {
@@ -32,9 +42,87 @@ void ThrowTypeMismatch(const char* expected, const Any* received) {
     std::string got = "null";
     if (received != nullptr) {
         Type* t = received->_GetType();
-        got = t != nullptr ? t->GetName() : typeid(*received).name();
+        got = t != nullptr ? t->GetName() : WireNameOf(typeid(*received));
     }
     throw Fundix::TypeMismatchException(expected, got);
+}
+
+void ThrowTypeMismatch(const std::type_info& expected, const Any* received) {
+    ThrowTypeMismatch(WireNameOf(expected).c_str(), received);
+}
+
+namespace {
+
+// From the C++ class of values to the wire name of their type, made once, the first time a mismatch is
+// reported: one value of every registered type (and one array of it) is made to learn its class.
+class WireNames {
+public:
+    WireNames() {
+        Add<Primitive<std::string>>(&gStringTypeInfo);
+        Add<Primitive<int32_t>>(&gIntTypeInfo);
+        Add<Primitive<int64_t>>(&gLongTypeInfo);
+        Add<Primitive<int16_t>>(&gShortTypeInfo);
+        Add<Primitive<bool>>(&gBoolTypeInfo);
+        Add<Primitive<int8_t>>(&gByteTypeInfo);
+        Add<Primitive<float>>(&gFloatTypeInfo);
+        Add<Primitive<double>>(&gDoubleTypeInfo);
+        Add<Primitive<Fundix::System::DateTime>>(&gDateTimeTypeInfo);
+        Add<Primitive<TypeName>>(&gTypeNameTypeInfo);
+        Add<Primitive<PropertyPath>>(&gPropertyPathTypeInfo);
+        names_[typeid(MoRef).name()] = "ManagedObjectReference";
+        names_[typeid(DataObject).name()] = "kodl.DataObject";
+        names_[typeid(Any).name()] = "anyType";
+        for (Type* type : GetTypeMap()->GetTypes()) {
+            try {
+                if (const DataObjectType* data = type->AsDataObjectType()) {
+                    Fundix::Ref<DataObject> value = data->CreateInstance();
+                    if (const DataObject* v = value.Get()) names_[typeid(*v).name()] = type->GetName();
+                } else if (const EnumType* e = type->AsEnumType()) {
+                    Fundix::Ref<Any> box = e->CreateBox(0);
+                    if (const Any* b = box.Get()) names_[typeid(*b).name()] = type->GetName();
+                } else {
+                    continue;
+                }
+                AddArray(type);
+            } catch (const std::exception&) {
+                // A type that cannot make a value keeps its C++ name.
+            }
+        }
+    }
+
+    std::string Find(const std::type_info& cls) const {
+        auto it = names_.find(cls.name());
+        if (it != names_.end()) return it->second;
+        int status = 0;
+        char* plain = abi::__cxa_demangle(cls.name(), nullptr, nullptr, &status);
+        std::string name = status == 0 && plain != nullptr ? plain : cls.name();
+        std::free(plain);
+        return name;
+    }
+
+private:
+    template <class Box>
+    void Add(const TypeInfo* record) {
+        Type* type = GetPrimitiveType(record);
+        if (type == nullptr) return;
+        names_[typeid(Box).name()] = type->GetName();
+        AddArray(type);
+    }
+
+    void AddArray(Type* type) {
+        Fundix::Ref<ArrayBase> array(type->NewArray());
+        Type* arrayType = type->GetArrayType();
+        if (const ArrayBase* a = array.Get(); a != nullptr && arrayType != nullptr) names_[typeid(*a).name()] = arrayType->GetName();
+    }
+
+    std::unordered_map<std::string, std::string> names_;
+};
+
+}  // namespace
+
+std::string WireNameOf(const std::type_info& cls) {
+    static const WireNames names;
+    return names.Find(cls);
 }
 
 namespace {
@@ -83,19 +171,18 @@ DataObjectType* DataObject::_GetDataType() const {
     return t != nullptr ? t->AsDataObjectType() : nullptr;
 }
 
+// An object of exactly this class is a data object: its class, not a cast, says so.
 bool DataObject::_IsEqual(const Any* other, bool partial) const {
-    auto* o = dynamic_cast<const DataObject*>(other);
-    if (o == nullptr || typeid(*this) != typeid(*o)) return false;
-    return _EqualFields(o, partial);
+    if (other == nullptr || typeid(*this) != typeid(*other)) return false;
+    return _EqualFields(static_cast<const DataObject*>(other), partial);
 }
 
 void DataObject::_DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const {
-    auto* o = dynamic_cast<const DataObject*>(other);
-    if (o == nullptr || typeid(*this) != typeid(*o)) {
+    if (other == nullptr || typeid(*this) != typeid(*other)) {
         diffs.Add(prefix);
         return;
     }
-    _DiffFields(o, prefix, diffs);
+    _DiffFields(static_cast<const DataObject*>(other), prefix, diffs);
 }
 
 unsigned DataObject::_GetSize(Sizer sizer) const { return sizer(sizeof(DataObject)); }

@@ -1,11 +1,20 @@
 // The generic field operations: one implementation per storage class, chosen from the property record.
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
 #include <new>
+#include <vector>
+#include <typeinfo>
 
 #include <fundix/Exception.h>
 #include <kitra/Array.h>
 #include <kitra/DataObject.h>
 #include <kitra/Field.h>
+#include <kitra/MoRef.h>
 #include <kitra/Registry.h>
+
+#include "FieldProbe.h"
 
 namespace Kitra {
 
@@ -18,10 +27,11 @@ void RefSlot::Store(Any* value) {
 }
 
 ObjSlot::ObjSlot(const ObjSlot& other) : RefSlot() {
-    if (other.p_ != nullptr) {
-        p_ = other.p_->_Clone();
-        if (p_ != nullptr) p_->IncRef();
-    }
+    if (other.p_ == nullptr) return;
+    // A reference cannot change once made, so a copy shares it, as arrays of references do.
+    // (MoRef's class record is made once, in this library, so its address identifies the class.)
+    p_ = &typeid(*other.p_) == &typeid(MoRef) ? other.p_ : other.p_->_Clone();
+    if (p_ != nullptr) p_->IncRef();
 }
 
 ArraySlot::ArraySlot(const ArraySlot& other) : RefSlot() {
@@ -116,7 +126,61 @@ struct IsOptional<Optional<T>> : std::true_type {};
 
 }  // namespace
 
+namespace {
+
+// What a record's get function reports when asked for the probe index, which no property has.
+constexpr int kProbeIndex = -0x4C415954;  // "LAYT"
+struct LayoutProbe {
+    const FieldLayout* layout = nullptr;
+    const void* object = nullptr;
+};
+
+struct ProbeEntry {
+    std::atomic<const DataTypeInfo*> record{nullptr};
+    const FieldLayout* layout = nullptr;
+};
+constexpr size_t kProbeSlots = 4096;
+ProbeEntry gProbes[kProbeSlots];
+std::mutex gProbesMutex;
+
+size_t ProbeHash(const DataTypeInfo* record) {
+    return static_cast<size_t>((reinterpret_cast<uintptr_t>(record) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
+           (kProbeSlots - 1);
+}
+
+}  // namespace
+
+const FieldLayout* LayoutOf(const DataTypeInfo* record, DataObject* object) {
+    size_t h = ProbeHash(record);
+    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
+        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_acquire);
+        if (k == record) return gProbes[h].layout;
+        if (k == nullptr) break;
+    }
+    LayoutProbe probe;
+    if (record->getProperty != nullptr) record->getProperty(object, kProbeIndex, &probe);
+    // Usable only where the declaring class's fields are laid out from the object's own address.
+    const FieldLayout* layout = probe.object == object ? probe.layout : nullptr;
+    std::lock_guard<std::mutex> lock(gProbesMutex);
+    h = ProbeHash(record);
+    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
+        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_relaxed);
+        if (k == record) return gProbes[h].layout;
+        if (k != nullptr) continue;
+        gProbes[h].layout = layout;
+        gProbes[h].record.store(record, std::memory_order_release);
+        break;
+    }
+    return layout;
+}
+
 void Get(const FieldLayout& layout, const void* object, int index, void* out) {
+    if (index == kProbeIndex && out != nullptr) {
+        auto* probe = static_cast<LayoutProbe*>(out);
+        probe->layout = &layout;
+        probe->object = object;
+        return;
+    }
     if (!InRange(layout, object, index) || out == nullptr) return;
     Dispatch(layout.fields[index].storage, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
@@ -172,65 +236,289 @@ void Init(const FieldLayout& layout, void* object, int index) {
     At<ArraySlot>(object, layout, index).Store(element->NewArray());
 }
 
-bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        const PropertyTypeInfo& p = layout.properties[i];
-        int index = static_cast<int>(i);
-        bool same = Dispatch(layout.fields[i].storage, [&](auto* tag) -> bool {
-            using T = std::remove_pointer_t<decltype(tag)>;
-            if constexpr (std::is_same_v<T, RefSlot>) {
-                return AreEqualAnysInt(At<RefSlot>(mine, layout, index).Get(), At<RefSlot>(theirs, layout, index).Get(),
-                                       p.flags, partial);
-            } else if constexpr (IsOptional<T>::value) {
-                const T& a = At<T>(mine, layout, index);
-                const T& b = At<T>(theirs, layout, index);
-                if (!b.IsSet()) return !a.IsSet() || partial;
-                return a == b;
-            } else {
-                return At<T>(mine, layout, index) == At<T>(theirs, layout, index);
-            }
-        });
-        if (!same) return false;
+namespace {
+
+// The heap buffer of a string, as the identity sizer counts it.
+inline unsigned TextHeap(const std::string& text) {
+    return text.capacity() < 16 ? 0u : static_cast<unsigned>(text.capacity());
+}
+
+inline uint64_t Word(const char* p) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
+inline uint32_t HalfWord(const char* p) {
+    uint32_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
+// Strings compare by length first; equal lengths compare their bytes, the short ones (most names and
+// identifiers) a word at a time in place.
+inline bool SameText(const std::string& a, const std::string& b) {
+    const size_t n = a.size();
+    if (n != b.size()) return false;
+    const char* x = a.data();
+    const char* y = b.data();
+    if (n >= 8 && n <= 32) {
+        // Whole words, then the last word again, overlapping what was compared already.
+        for (size_t i = 0; i + 8 < n; i += 8)
+            if (Word(x + i) != Word(y + i)) return false;
+        return Word(x + n - 8) == Word(y + n - 8);
     }
+    if (n >= 4 && n < 8) return HalfWord(x) == HalfWord(y) && HalfWord(x + n - 4) == HalfWord(y + n - 4);
+    return n == 0 || std::memcmp(x, y, n) == 0;
+}
+
+inline bool SameRef(const MoRef* a, const MoRef* b) {
+    return SameText(a->GetId(), b->GetId()) && SameText(a->GetTypeName(), b->GetTypeName());
+}
+
+inline bool IsEmptyArray(const Any* value) { return static_cast<const ArrayBase*>(value)->IsEmpty(); }
+
+// Two values of a counted field, compared by what the field's record says it holds: an array of the
+// field's element type, a reference, a data object of the field's type or a class derived from it, or (for
+// untyped fields) any value. Two nulls are equal; a null array equals an empty one; with `partial`, a null
+// `b` in an optional field is forgiven.
+bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b, bool partial) {
+    if (a == b) return true;
+    if (p.flags & kFlagArray) {
+        if (a == nullptr) return IsEmptyArray(b);
+        if (b == nullptr) return IsEmptyArray(a) || (partial && (p.flags & kFlagOptional));
+        return a->_IsEqual(b, partial);
+    }
+    if (b == nullptr) return partial && (p.flags & kFlagOptional);
+    if (a == nullptr) return false;
+    switch (p.type->kind) {
+    case kKindManaged: return SameRef(static_cast<const MoRef*>(a), static_cast<const MoRef*>(b));
+    case kKindData:
+    case kKindFault:
+        return typeid(*a) == typeid(*b) &&
+               static_cast<const DataObject*>(a)->_EqualSameClass(static_cast<const DataObject*>(b), partial);
+    default: return a->_IsEqual(b, partial);
+    }
+}
+
+template <class T>
+inline bool SameOptional(const Optional<T>& a, const Optional<T>& b, bool partial) {
+    return a == b || (partial && !b.IsSet());
+}
+
+inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std::string>& b, bool partial) {
+    const std::string* x = a.GetPtr();
+    const std::string* y = b.GetPtr();
+    if (y == nullptr) return x == nullptr || partial;
+    return x != nullptr && SameText(*x, *y);
+}
+
+// One field of two objects compared; `partial` as for Equal (Diff passes false).
+[[gnu::always_inline]] inline bool FieldEqual(const FieldDesc& f, const PropertyTypeInfo& p, const char* a,
+                                              const char* b, bool partial) {
+    a += f.offset;
+    b += f.offset;
+#define KITRA_AT(T, x) (*reinterpret_cast<const T*>(x))
+#define KITRA_SAME(T) (KITRA_AT(T, a) == KITRA_AT(T, b))
+#define KITRA_SAME_OPT(T) SameOptional(KITRA_AT(Optional<T>, a), KITRA_AT(Optional<T>, b), partial)
+    switch (f.storage) {
+    case Storage::String: return SameText(KITRA_AT(std::string, a), KITRA_AT(std::string, b));
+    case Storage::OptString: return SameOptionalText(KITRA_AT(Optional<std::string>, a), KITRA_AT(Optional<std::string>, b), partial);
+    case Storage::I32: return KITRA_SAME(int32_t);
+    case Storage::OptI32: return KITRA_SAME_OPT(int32_t);
+    case Storage::I64: return KITRA_SAME(int64_t);
+    case Storage::OptI64: return KITRA_SAME_OPT(int64_t);
+    case Storage::I16: return KITRA_SAME(int16_t);
+    case Storage::OptI16: return KITRA_SAME_OPT(int16_t);
+    case Storage::I8: return KITRA_SAME(int8_t);
+    case Storage::OptI8: return KITRA_SAME_OPT(int8_t);
+    case Storage::Bool: return KITRA_SAME(bool);
+    case Storage::OptBool: return KITRA_SAME_OPT(bool);
+    case Storage::F32: return KITRA_SAME(float);
+    case Storage::OptF32: return KITRA_SAME_OPT(float);
+    case Storage::F64: return KITRA_SAME(double);
+    case Storage::OptF64: return KITRA_SAME_OPT(double);
+    case Storage::Date: return KITRA_SAME(DateTime);
+    case Storage::OptDate: return KITRA_SAME_OPT(DateTime);
+    case Storage::Slot: {
+        const Any* x = KITRA_AT(RefSlot, a).Get();
+        const Any* y = KITRA_AT(RefSlot, b).Get();
+        return x == y || SlotEqual(p, x, y, partial);
+    }
+    }
+#undef KITRA_AT
+#undef KITRA_SAME
+#undef KITRA_SAME_OPT
+    __builtin_unreachable();  // the generator writes only the storage classes above
+}
+
+// Per layout, worked out once from its records: the fields that may hold memory beyond the object
+// (strings and counted values), each with its offset and what it holds. Everything else a class holds is
+// in its own size. A lock-free table keyed by the layout's address, filled under a mutex.
+enum class Holds : uint32_t { Text, OptText, Ref, Value };
+struct Varying {
+    uint32_t offset;
+    Holds holds;
+};
+struct SizePlan {
+    uint32_t count;
+    Varying fields[1];  // `count` of them
+};
+
+constexpr size_t kPlanSlots = 4096;
+struct PlanEntry {
+    std::atomic<const FieldLayout*> layout{nullptr};
+    const SizePlan* plan = nullptr;
+};
+PlanEntry gPlans[kPlanSlots];
+std::mutex gPlansMutex;
+
+size_t PlanHash(const FieldLayout* layout) {
+    return static_cast<size_t>((reinterpret_cast<uintptr_t>(layout) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
+           (kPlanSlots - 1);
+}
+
+const SizePlan* MakePlan(const FieldLayout& layout) {
+    std::vector<Varying> fields;
+    for (uint32_t i = 0; i < layout.count; ++i) {
+        const FieldDesc& f = layout.fields[i];
+        const PropertyTypeInfo& p = layout.properties[i];
+        if (f.storage == Storage::String) fields.push_back({f.offset, Holds::Text});
+        else if (f.storage == Storage::OptString) fields.push_back({f.offset, Holds::OptText});
+        else if (f.storage == Storage::Slot)
+            fields.push_back({f.offset, p.type->kind == kKindManaged && !(p.flags & kFlagArray) ? Holds::Ref : Holds::Value});
+    }
+    void* memory = ::operator new(sizeof(SizePlan) + fields.size() * sizeof(Varying));
+    auto* plan = static_cast<SizePlan*>(memory);
+    plan->count = static_cast<uint32_t>(fields.size());
+    std::copy(fields.begin(), fields.end(), plan->fields);
+    return plan;
+}
+
+const SizePlan* AddPlan(const FieldLayout& layout) {
+    std::lock_guard<std::mutex> lock(gPlansMutex);
+    size_t h = PlanHash(&layout);
+    for (size_t n = 0; n < kPlanSlots; ++n, h = (h + 1) & (kPlanSlots - 1)) {
+        const FieldLayout* k = gPlans[h].layout.load(std::memory_order_relaxed);
+        if (k == &layout) return gPlans[h].plan;
+        if (k != nullptr) continue;
+        gPlans[h].plan = MakePlan(layout);
+        gPlans[h].layout.store(&layout, std::memory_order_release);
+        return gPlans[h].plan;
+    }
+    return nullptr;
+}
+
+// Null only when the table is full.
+inline const SizePlan* PlanOf(const FieldLayout& layout) {
+    size_t h = PlanHash(&layout);
+    for (size_t n = 0; n < kPlanSlots; ++n, h = (h + 1) & (kPlanSlots - 1)) {
+        const FieldLayout* k = gPlans[h].layout.load(std::memory_order_acquire);
+        if (k == &layout) return gPlans[h].plan;
+        if (k == nullptr) break;
+    }
+    return AddPlan(layout);
+}
+
+[[gnu::always_inline]] inline unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
+    unsigned size = 0;
+    if (sizer == &IdentitySizer) {
+        for (const Varying* f = plan->fields, *end = f + plan->count; f != end; ++f) {
+            const char* field = at + f->offset;
+            switch (f->holds) {
+            case Holds::Text: size += TextHeap(*reinterpret_cast<const std::string*>(field)); break;
+            case Holds::OptText:
+                if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(field)->GetPtr())
+                    size += static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text);
+                break;
+            case Holds::Ref:
+                if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) {
+                    const auto* ref = static_cast<const MoRef*>(value);
+                    size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) + TextHeap(ref->GetId());
+                }
+                break;
+            case Holds::Value:
+                if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) size += value->_GetSize(sizer);
+                break;
+            }
+        }
+        return size;
+    }
+    for (const Varying* f = plan->fields, *end = f + plan->count; f != end; ++f) {
+        const char* field = at + f->offset;
+        switch (f->holds) {
+        case Holds::Text: size += GetExtraSize(*reinterpret_cast<const std::string*>(field), sizer); break;
+        case Holds::OptText:
+            if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(field)->GetPtr())
+                size += sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
+            break;
+        case Holds::Ref:
+        case Holds::Value:
+            if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) size += value->_GetSize(sizer);
+            break;
+        }
+    }
+    return size;
+}
+
+}  // namespace
+
+bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
+    auto* a = static_cast<const char*>(mine);
+    auto* b = static_cast<const char*>(theirs);
+    const PropertyTypeInfo* p = layout.properties;
+    for (const FieldDesc *f = layout.fields, *end = f + layout.count; f != end; ++f, ++p)
+        if (!FieldEqual(*f, *p, a, b, partial)) return false;
     return true;
 }
 
-void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
-          PropertyDiffSet& diffs) {
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        const PropertyTypeInfo& p = layout.properties[i];
-        int index = static_cast<int>(i);
-        // The path is built only where it is needed: at a difference, or to descend into a value.
-        Dispatch(layout.fields[i].storage, [&](auto* tag) {
-            using T = std::remove_pointer_t<decltype(tag)>;
-            if constexpr (std::is_same_v<T, RefSlot>) {
-                const Any* a = At<RefSlot>(mine, layout, index).Get();
-                const Any* b = At<RefSlot>(theirs, layout, index).Get();
-                if (a != b) DiffAnyPropertiesInt(a, b, prefix + "." + p.name, p.flags, diffs);
-            } else {
-                if (!(At<T>(mine, layout, index) == At<T>(theirs, layout, index))) diffs.Add(prefix + "." + p.name);
-            }
-        });
+namespace {
+
+// The first field from `from` on at which the two objects differ, or the layout's count.
+uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a, const char* b) {
+    const PropertyTypeInfo* p = layout.properties + from;
+    const FieldDesc* begin = layout.fields;
+    for (const FieldDesc *f = begin + from, *end = begin + layout.count; f != end; ++f, ++p)
+        if (!FieldEqual(*f, *p, a, b, false)) return static_cast<uint32_t>(f - begin);
+    return layout.count;
+}
+
+[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
+                                     const std::string& prefix, PropertyDiffSet& diffs) {
+    const PropertyTypeInfo& p = layout.properties[i];
+    std::string path;
+    path.reserve(prefix.size() + 1 + std::strlen(p.name));
+    path.append(prefix).append(1, '.').append(p.name);
+    if (layout.fields[i].storage == Storage::Slot) {
+        DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
+                             At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
+    } else {
+        diffs.Add(std::move(path));
     }
 }
 
+}  // namespace
+
+void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
+          PropertyDiffSet& diffs) {
+    auto* a = static_cast<const char*>(mine);
+    auto* b = static_cast<const char*>(theirs);
+    // Equal fields, the common case, cost a comparison and no path: the path is built only where a
+    // difference is found, and only then does the walk descend into a value to name deeper paths.
+    for (uint32_t i = NextDifference(layout, 0, a, b); i < layout.count; i = NextDifference(layout, i + 1, a, b))
+        AddDifference(layout, i, mine, theirs, prefix, diffs);
+}
+
 unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
-    unsigned size = 0;
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        int index = static_cast<int>(i);
-        switch (layout.fields[i].storage) {
-        case Storage::String: size += GetExtraSize(At<std::string>(object, layout, index), sizer); break;
-        case Storage::OptString: {
-            const auto& o = At<Optional<std::string>>(object, layout, index);
-            if (o.IsSet()) size += sizer(sizeof(std::string)) + GetExtraSize(o.GetValue(), sizer);
-            break;
-        }
-        case Storage::Slot:
-            if (Any* value = At<RefSlot>(object, layout, index).Get()) size += value->_GetSize(sizer);
-            break;
-        default: break;
-        }
-    }
+    // Only strings and counted values hold memory beyond the object; everything else is in the class's
+    // own size, which the caller counts once.
+    auto* at = static_cast<const char*>(object);
+    const SizePlan* plan = PlanOf(layout);
+    if (plan != nullptr) [[likely]]
+        return ExtraSize(plan, at, sizer);
+    plan = MakePlan(layout);  // the table is full: a plan for this call only
+    unsigned size = ExtraSize(plan, at, sizer);
+    ::operator delete(const_cast<SizePlan*>(plan));
     return size;
 }
 

@@ -67,6 +67,21 @@ ArrayType::ArrayType(const Type* element, TypeInfo* info)
 ArrayType::~ArrayType() { delete ownInfo_; }
 
 Type* GetPrimitiveType(const TypeInfo* info) {
+    // The object model's own primitive records, one per kind, are looked up without a lock: the reader
+    // asks for them at every field.
+    static Type* const* const own = [] {
+        static Type* types[kKindPropertyPath + 1] = {};
+        for (const TypeInfo* record : {&gStringTypeInfo, &gIntTypeInfo, &gLongTypeInfo, &gShortTypeInfo, &gBoolTypeInfo,
+                                       &gByteTypeInfo, &gFloatTypeInfo, &gDoubleTypeInfo, &gDateTimeTypeInfo,
+                                       &gAnyTypeInfo, &gTypeNameTypeInfo, &gPropertyPathTypeInfo}) {
+            types[record->kind] = new Type(record);
+            types[record->kind]->IncRef();  // held for the life of the process
+        }
+        return types;
+    }();
+    if (info != nullptr && info->kind <= kKindPropertyPath && own[info->kind] != nullptr &&
+        own[info->kind]->GetTypeInfo() == info)
+        return own[info->kind];
     static std::mutex mutex;
     static auto* types = new std::map<const TypeInfo*, Fundix::Ref<Type>>();
     std::lock_guard<std::mutex> lock(mutex);

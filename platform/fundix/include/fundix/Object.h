@@ -29,8 +29,17 @@ class ObjectImpl : public Object {
 public:
     ~ObjectImpl() override;
 
-    void IncRef() const override;
-    void DecRef() const override;
+    // Final and inline, so that a count held through any class derived from this one costs an atomic
+    // operation rather than a call.
+    void IncRef() const final {
+        // Taking a new reference needs no ordering: the caller already holds one, so the object cannot
+        // vanish.
+        refCount_.fetch_add(1, std::memory_order_relaxed);
+    }
+    void DecRef() const final {
+        // acq_rel makes every write done through other references visible to the thread that deletes.
+        if (refCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
 
     // Only a snapshot; another thread may change it right after the call.
     int32_t GetRefCount() const;

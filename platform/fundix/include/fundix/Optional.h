@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "fundix/Exception.h"
@@ -10,14 +11,25 @@ namespace Fundix {
 
 // A value that may be absent. Reading an unset optional throws InvalidArgumentException instead of
 // returning a default, so a missing value is never mistaken for a real one.
+// True when a U converts to a T without losing anything: what list-initialisation allows, so no
+// narrowing, and never a pointer (or a string literal) becoming a bool.
+template <class U, class T>
+concept ConvertsWithoutLoss =
+    std::is_same_v<std::remove_cvref_t<U>, T> ||
+    (!(std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<U>>) && requires(U&& u) { T{std::forward<U>(u)}; });
+
 template <class T>
 class Optional {
 public:
     Optional() = default;
-    Optional(T value) : value_(std::move(value)), set_(true) {}
+    template <class U = T>
+        requires ConvertsWithoutLoss<U, T>
+    Optional(U&& value) : value_(std::forward<U>(value)), set_(true) {}
 
-    Optional& operator=(T value) {
-        Set(std::move(value));
+    template <class U = T>
+        requires ConvertsWithoutLoss<U, T>
+    Optional& operator=(U&& value) {
+        Set(T(std::forward<U>(value)));
         return *this;
     }
 

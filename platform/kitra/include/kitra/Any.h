@@ -18,7 +18,18 @@ using Sizer = unsigned (*)(unsigned);
 // The set of property paths ("prefix.field") at which two values differ, in the order found.
 class PropertyDiffSet {
 public:
+    using value_type = std::string;
+    using const_iterator = std::vector<std::string>::const_iterator;
+    using iterator = const_iterator;
+    using size_type = size_t;
+
+    const_iterator begin() const { return paths_.begin(); }
+    const_iterator end() const { return paths_.end(); }
+    size_t size() const { return paths_.size(); }
+    bool empty() const { return paths_.empty(); }
+
     void Add(const std::string& path);
+    void Add(std::string&& path);
     bool Contains(const std::string& path) const;
     size_t Size() const { return paths_.size(); }
     bool Empty() const { return paths_.empty(); }

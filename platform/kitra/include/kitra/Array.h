@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 #include <fundix/Ref.h>
@@ -16,6 +17,14 @@ namespace Kitra {
 
 class ArrayBase : public Any {
 public:
+    // Every indexed access is checked: an index past the end raises Fundix::InvalidArgumentException
+    // naming the index and the length.
+    static void CheckIndex(size_t index, size_t length) {
+        if (index >= length) [[unlikely]]
+            ThrowIndexOutOfRange(index, length);
+    }
+    [[noreturn]] static void ThrowIndexOutOfRange(size_t index, size_t length);
+
     virtual size_t GetLength() const = 0;
     bool IsEmpty() const { return GetLength() == 0; }
     virtual void Clear() = 0;
@@ -35,9 +44,17 @@ class Array : public ArrayBase {
 public:
     Array() = default;
     size_t GetLength() const override { return values_.size(); }
-    const T& Get(size_t index) const { return values_.at(index); }
-    const T& operator[](size_t index) const { return values_[index]; }
-    void Set(size_t index, const T& value) { values_.at(index) = value; }
+    // (A value for bool, whose vector keeps no bool objects to refer to.)
+    using ConstReference = typename std::vector<T>::const_reference;
+    ConstReference Get(size_t index) const {
+        CheckIndex(index, values_.size());
+        return values_[index];
+    }
+    ConstReference operator[](size_t index) const { return values_[index]; }
+    void Set(size_t index, const T& value) {
+        CheckIndex(index, values_.size());
+        values_[index] = value;
+    }
     void Append(const T& value) { values_.push_back(value); }
     void Clear() override { values_.clear(); }
     const std::vector<T>& GetValues() const { return values_; }
@@ -50,7 +67,7 @@ public:
             return GetPrimitiveType(PrimitiveRecord<T>::Get());
         }
     }
-    Fundix::Ref<Any> GetBoxed(size_t index) const override { return new Primitive<T>(values_.at(index)); }
+    Fundix::Ref<Any> GetBoxed(size_t index) const override { return new Primitive<T>(Get(index)); }
     void AppendBoxed(const Any* value) override {
         if (auto* box = dynamic_cast<const Primitive<T>*>(value)) {
             values_.push_back(box->GetValue());
@@ -64,8 +81,8 @@ public:
     }
     Array* _Clone() const override { return new Array(*this); }
     bool _IsEqual(const Any* other, bool) const override {
-        auto* o = dynamic_cast<const Array*>(other);
-        return o != nullptr && o->values_ == values_;
+        if (other == nullptr || typeid(*other) != typeid(*this)) return false;
+        return static_cast<const Array*>(other)->values_ == values_;
     }
     unsigned _GetSize(Sizer sizer) const override {
         unsigned size = sizer(sizeof(*this)) + sizer(static_cast<unsigned>(values_.capacity() * sizeof(T)));
@@ -97,11 +114,15 @@ public:
     void Clear() override { items_.clear(); }
     Type* GetElementType() const override;
     const TypeInfo* GetElementTypeInfo() const { return elementInfo_; }
-    Any* GetAny(size_t index) const { return items_.at(index).Get(); }
-    Fundix::Ref<Any> GetBoxed(size_t index) const override { return items_.at(index); }
+    Any* GetAny(size_t index) const {
+        CheckIndex(index, items_.size());
+        return items_[index].Get();
+    }
+    Fundix::Ref<Any> GetBoxed(size_t index) const override { return GetAny(index); }
+    // Both append after checking that `value` is of the element type (or derives from it), which
+    // DataArray<T>::Get relies on; Fundix::TypeMismatchException otherwise.
     void AppendBoxed(const Any* value) override;
-    // Appends without a type check; for callers that already know the element's class.
-    void AppendAny(Any* value) { items_.emplace_back(value); }
+    void AppendAny(Any* value) { AppendBoxed(value); }
     // A new array of the same class; elements that are data objects are cloned, others shared.
     DataArrayBase* _Clone() const override;
     bool _IsEqual(const Any* other, bool partial) const override;
@@ -109,6 +130,8 @@ public:
 
 protected:
     DataArrayBase(const DataArrayBase&) = delete;
+    // For DataArray<T>, whose element's class the compiler has checked.
+    void AppendUnchecked(Any* value) { items_.emplace_back(value); }
 
 private:
     const TypeInfo* elementInfo_;
@@ -121,7 +144,7 @@ public:
     DataArray();
     T* Get(size_t index) const { return static_cast<T*>(GetAny(index)); }
     T* operator[](size_t index) const { return Get(index); }
-    void Append(T* value) { AppendAny(value); }
+    void Append(T* value) { AppendUnchecked(value); }
     DataArray* _Clone() const override { return static_cast<DataArray*>(DataArrayBase::_Clone()); }
 };
 

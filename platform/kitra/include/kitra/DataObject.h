@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <typeinfo>
 
 #include <fundix/Exception.h>
 #include <kitra/Any.h>
@@ -18,6 +19,9 @@ public:
     // Compares level by level; an object of another class (or none) differs at `prefix` itself.
     void _DiffProperties(const Any* other, const std::string& prefix, PropertyDiffSet& diffs) const override;
     unsigned _GetSize(Sizer sizer) const override;
+    // For the generic walk: compares every level's fields with those of `other`, which the caller knows
+    // to be of exactly this object's class.
+    bool _EqualSameClass(const DataObject* other, bool partial) const { return _EqualFields(other, partial); }
 
 protected:
     DataObject() = default;
@@ -97,14 +101,25 @@ Type* GetType<MethodFault>();
 template <>
 Type* GetType<RuntimeFault>();
 
-// Checked downcast of a data object: null stays null, another class raises Fundix::TypeMismatchException.
-void ThrowTypeMismatch(const char* expected, const Any* received);
+// Checked downcast of a value: null stays null, another class raises Fundix::TypeMismatchException, which
+// names the expected and the received type by their wire names.
+[[noreturn]] void ThrowTypeMismatch(const char* expected, const Any* received);
+[[noreturn]] void ThrowTypeMismatch(const std::type_info& expected, const Any* received);
+
+// The wire name of the type whose values are of class `cls` ("morphel.ComputerSpec", "int",
+// "ArrayOfString", "ManagedObjectReference"); the C++ name for a class that no registered type uses.
+std::string WireNameOf(const std::type_info& cls);
 
 template <class T, class S>
 T* CheckedCast(S* object) {
     if (object == nullptr) return nullptr;
+    // An object of exactly class T, the common case, needs no search of its class's bases. (Comparing
+    // the class records' addresses can only miss, never confuse two classes; a miss takes the search.)
+    if constexpr (requires { static_cast<T*>(object); }) {
+        if (&typeid(*object) == &typeid(T)) return static_cast<T*>(object);
+    }
     T* result = dynamic_cast<T*>(object);
-    if (result == nullptr) ThrowTypeMismatch(typeid(T).name(), object);
+    if (result == nullptr) ThrowTypeMismatch(typeid(T), object);
     return result;
 }
 

@@ -8,6 +8,7 @@
 
 #include <fundix/Ref.h>
 #include <kitra/Any.h>
+#include <kitra/DataObject.h>
 #include <kitra/ManagedObject.h>
 #include <kitra/MoRef.h>
 #include <kitra/Registry.h>
@@ -48,8 +49,9 @@ struct Message {
 
 class Codec {
 public:
-    // A codec for the version named `version` ("morphel.version.version2"); Fundix::InvalidArgumentException
-    // when the version map does not know it.
+    // A codec for the version named `version`: its full name ("morphel.version.version2") or, for the
+    // interface's own versions, its last part ("version2"); Fundix::InvalidArgumentException when the
+    // version map does not know it.
     explicit Codec(std::string_view version, Limits limits = {});
 
     const Version& GetVersion() const { return *version_; }
@@ -78,6 +80,13 @@ public:
     // exception class; another kind of message, or a response to another method, is InvalidRequest.
     Fundix::Ref<Any> DecodeResponse(const ManagedMethod* method, std::string_view message) const;
 
+    // One call each way for a single value: its text (the message EncodeValue writes), and the value a
+    // text carries as a T (InvalidRequest for text the reader refuses, Fundix::TypeMismatchException
+    // for a value of another class).
+    std::string ToText(const Any* value) const;
+    template <class T>
+    Fundix::Ref<T> FromText(std::string_view text) const;
+
 private:
     struct Index;
 
@@ -87,6 +96,19 @@ private:
     std::string versionUri_;
     std::string namespace_;
 };
+
+template <class T>
+Fundix::Ref<T> Codec::FromText(std::string_view text) const {
+    Message m = Decode(text);
+    return Fundix::Ref<T>(CheckedCast<T>(m.value.Get()));
+}
+
+// The same with a codec made for the call: ToText(spec, "version2"), FromText<ComputerSpec>(text, "version2").
+inline std::string ToText(const Any* value, std::string_view version) { return Codec(version).ToText(value); }
+template <class T>
+Fundix::Ref<T> FromText(std::string_view text, std::string_view version) {
+    return Codec(version).FromText<T>(text);
+}
 
 // The type object of a record: primitives, and every registered type by its record.
 Type* TypeOf(const TypeInfo* info);

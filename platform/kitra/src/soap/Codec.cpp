@@ -30,7 +30,36 @@ bool IncludesText(const Version& version, const char* introduced) {
 
 }  // namespace
 
-Codec::Codec(std::string_view version, Limits limits) : version_(GetVersionMap()->GetVersion(version)), limits_(limits) {
+namespace {
+
+// The version a codec is asked for: a full name, or the last part of a name ("version2"), looked up
+// first among the interface's own versions and then among all, where it must name exactly one.
+const Version* ResolveVersion(std::string_view name) {
+    VersionMap* map = GetVersionMap();
+    if (const Version* v = map->GetVersion(name)) return v;
+    if (name.empty() || name.find('.') != std::string_view::npos) return nullptr;
+    if (const Version* v = map->GetVersion("morphel.version." + std::string(name))) return v;
+    const Version* found = nullptr;
+    for (const Version* v : map->GetVersions()) {
+        std::string_view full = v->name;
+        if (full.size() > name.size() && full.substr(full.size() - name.size()) == name &&
+            full[full.size() - name.size() - 1] == '.') {
+            if (found != nullptr) return nullptr;  // more than one: the short name is ambiguous
+            found = v;
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+std::string Codec::ToText(const Any* value) const {
+    std::string text;
+    EncodeValue(value, text);
+    return text;
+}
+
+Codec::Codec(std::string_view version, Limits limits) : version_(ResolveVersion(version)), limits_(limits) {
     if (version_ == nullptr) throw Fundix::InvalidArgumentException("unknown version " + std::string(version));
     versionUri_ = "urn:" + version_->wireNamespace + "/" + version_->versionString;
     namespace_ = "urn:" + version_->serviceNamespace;

@@ -17,6 +17,7 @@
 #include <kitra/Primitive.h>
 #include <kitra/fault/types.h>
 
+#include "../FieldProbe.h"
 #include "Internal.h"
 
 namespace Kitra::Soap {
@@ -64,7 +65,11 @@ struct Frame {
     // Data
     const DataObjectType* dataType = nullptr;
     Fundix::Ref<DataObject> object;
-    std::vector<uint64_t> seen;
+    // The properties met so far, a bit each: in place for up to 128 properties (every record of the
+    // interface), so that a record costs no allocation of its own beyond the object.
+    uint64_t seenInline[2] = {0, 0};
+    std::vector<uint64_t> seenMore;
+    uint64_t& Seen(size_t word) { return word < 2 ? seenInline[word] : seenMore[word - 2]; }
     int lastField = -1;
     std::vector<std::pair<int, ArrayBase*>> arrays;  // arrays under construction, by property
     // Leaf: a reference's managed type
@@ -477,7 +482,7 @@ private:
         if (!codec_.Includes(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
         bool array = (p.flags & kFlagArray) != 0;
         uint64_t bit = uint64_t(1) << (index % 64);
-        uint64_t& word = parent.seen[static_cast<size_t>(index / 64)];
+        uint64_t& word = parent.Seen(static_cast<size_t>(index / 64));
         if (!array && (word & bit)) Fail("property given twice", p.name);
         word |= bit;
         const Type* declared = Detail::TypeOf(p.type);
@@ -530,7 +535,7 @@ private:
         for (auto& [i, a] : frame.arrays)
             if (i == index) return a;
         Fundix::Ref<Any> array = NewArray(element);
-        d.owner->setProperty(frame.object.Get(), d.localIndex, &array);
+        StoreSlot(frame.object.Get(), d, array);
         auto* a = static_cast<ArrayBase*>(array.Get());
         frame.arrays.emplace_back(index, a);
         return a;
@@ -601,7 +606,7 @@ private:
             // Absent: a required property or parameter given as nil is then missing.
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
-                parent.seen[static_cast<size_t>(slot.prop / 64)] &= ~(uint64_t(1) << (slot.prop % 64));
+                parent.Seen(static_cast<size_t>(slot.prop / 64)) &= ~(uint64_t(1) << (slot.prop % 64));
             Frame f(Kind::Nil, slot, name, index);
             Push(std::move(f));
             return;
@@ -662,7 +667,8 @@ private:
         f.dataType = type;
         f.object = type->CreateInstance();
         if (f.object == nullptr) throw std::bad_alloc();
-        f.seen.assign(type->GetProperties().size() / 64 + 1, 0);
+        const size_t words = type->GetProperties().size() / 64 + 1;
+        if (words > 2) f.seenMore.assign(words - 2, 0);
         Push(std::move(f));
     }
 
@@ -671,7 +677,7 @@ private:
         const auto& props = frame.dataType->GetProperties();
         for (size_t i = 0; i < props.size(); ++i) {
             const PropertyTypeInfo& p = *props[i].info;
-            if ((frame.seen[i / 64] >> (i % 64)) & 1) continue;
+            if ((frame.Seen(i / 64) >> (i % 64)) & 1) continue;
             if (!codec_.Includes(p.version) || (p.flags & kFlagOptional)) continue;
             if (p.flags & kFlagArray) {
                 FieldArray(frame, static_cast<int>(i), props[i], Detail::TypeOf(p.type));
@@ -723,7 +729,7 @@ private:
                 ArrayBase* a = FieldArray(parent, slot.prop, d, Detail::TypeOf(d.info->type));
                 Append(a, value.Get());
             } else {
-                d.owner->setProperty(parent.object.Get(), d.localIndex, &value);
+                StoreSlot(parent.object.Get(), d, value);
             }
             return;
         }
@@ -749,13 +755,8 @@ private:
         }
     }
 
-    void Append(ArrayBase* array, Any* value) {
-        if (auto* items = dynamic_cast<DataArrayBase*>(array)) {
-            items->AppendAny(value);  // its class was checked against the element type on the way in
-        } else {
-            array->AppendBoxed(value);
-        }
-    }
+    // Every array checks what it takes against its element type.
+    void Append(ArrayBase* array, Any* value) { array->AppendBoxed(value); }
 
     // ---- Lexical forms
 
@@ -860,8 +861,49 @@ private:
         return Box(type, kind, leaf);
     }
 
+    // The storage class a value of C++ type T has in a field, plain or optional.
+    template <class T>
+    static constexpr Storage StorageFor(bool optional) {
+        if constexpr (std::is_same_v<T, std::string>) return optional ? Storage::OptString : Storage::String;
+        else if constexpr (std::is_same_v<T, int32_t>) return optional ? Storage::OptI32 : Storage::I32;
+        else if constexpr (std::is_same_v<T, int64_t>) return optional ? Storage::OptI64 : Storage::I64;
+        else if constexpr (std::is_same_v<T, int16_t>) return optional ? Storage::OptI16 : Storage::I16;
+        else if constexpr (std::is_same_v<T, int8_t>) return optional ? Storage::OptI8 : Storage::I8;
+        else if constexpr (std::is_same_v<T, bool>) return optional ? Storage::OptBool : Storage::Bool;
+        else if constexpr (std::is_same_v<T, float>) return optional ? Storage::OptF32 : Storage::F32;
+        else if constexpr (std::is_same_v<T, double>) return optional ? Storage::OptF64 : Storage::F64;
+        else if constexpr (std::is_same_v<T, DateTime>) return optional ? Storage::OptDate : Storage::Date;
+        else return Storage::Slot;
+    }
+
+    // The field of `d` in `object`, straight from its class's layout, when that layout is known and the
+    // field is stored as `expected`; else null, and the caller goes through the record's functions.
+    static char* FieldAt(DataObject* object, const PropertyDesc& d, Storage expected) {
+        const FieldLayout* layout = Fields::LayoutOf(d.owner, object);
+        if (layout == nullptr || d.localIndex < 0 || static_cast<uint32_t>(d.localIndex) >= layout->count) return nullptr;
+        const FieldDesc& f = layout->fields[d.localIndex];
+        if (f.storage != expected) return nullptr;
+        return reinterpret_cast<char*>(object) + f.offset;
+    }
+
+    // A record, reference or array into its field.
+    static void StoreSlot(DataObject* object, const PropertyDesc& d, const Fundix::Ref<Any>& value) {
+        if (char* at = FieldAt(object, d, Storage::Slot)) {
+            if (d.info->flags & kFlagArray) reinterpret_cast<ArraySlot*>(at)->Store(value.Get());
+            else reinterpret_cast<ObjSlot*>(at)->Store(value.Get());
+            return;
+        }
+        d.owner->setProperty(object, d.localIndex, &value);
+    }
+
     template <class T>
     void Store(DataObject* object, const PropertyDesc& d, T value) {
+        const bool optional = (d.info->flags & kFlagOptional) != 0;
+        if (char* at = FieldAt(object, d, StorageFor<T>(optional))) {
+            if (optional) reinterpret_cast<Optional<T>*>(at)->Set(std::move(value));
+            else *reinterpret_cast<T*>(at) = std::move(value);
+            return;
+        }
         if (d.info->flags & kFlagOptional) {
             Optional<T> o(std::move(value));
             d.owner->setProperty(object, d.localIndex, &o);

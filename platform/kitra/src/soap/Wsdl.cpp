@@ -120,6 +120,26 @@ std::vector<const DataObjectType*> DeclaredFaults(const Codec& codec, const Mana
     return faults;
 }
 
+// What any operation can raise beside what it declares: a request the server cannot read
+// (kodl.fault.InvalidRequest) and a failure of the server (kodl.RuntimeFault); and, unless it is open to
+// callers without a session (privilege "System.Anonymous"), a call without a session
+// (dovra.fault.NotAuthenticated) or without the privilege (dovra.fault.NoPermission). Those of them the
+// version knows are added to `faults`, each once, after the declared ones.
+void AddCommonFaults(const Codec& codec, const char* privilege, std::vector<const DataObjectType*>& faults) {
+    const bool anonymous = privilege != nullptr && std::string_view(privilege) == "System.Anonymous";
+    const char* const common[] = {"dovra.fault.NotAuthenticated", "dovra.fault.NoPermission", "kodl.RuntimeFault",
+                                  "kodl.fault.InvalidRequest"};
+    for (const char* name : common) {
+        if (anonymous && std::string_view(name).substr(0, 12) == "dovra.fault.") continue;
+        Type* type = GetTypeMap()->GetType(name);
+        const DataObjectType* fault = type != nullptr ? type->AsDataObjectType() : nullptr;
+        if (fault == nullptr || !fault->IsFault() || !codec.Knows(fault)) continue;
+        bool listed = false;
+        for (const DataObjectType* f : faults) listed = listed || std::string_view(f->GetWsdlName()) == fault->GetWsdlName();
+        if (!listed) faults.push_back(fault);
+    }
+}
+
 // A property, parameter or result: one element per value, typed by the name xsi:type gives the values
 // of its declared type. Whatever the writer may leave out (unset, null, empty) may be absent; a required
 // one is always written (the writer refuses a null one), as the reader's missing-required rule expects.
@@ -305,9 +325,15 @@ void WriteWsdl(const Codec& codec, std::string& out) {
     std::string service = ServiceName(codec);
     const std::string& ns = codec.GetNamespace();
     // A property is read through FetchProperty, an operation of its own beside the methods.
+    // Every operation lists the faults any call can raise as well as its own, so that typed clients
+    // receive those as faults of their own classes; properties may need a session, so FetchProperty can
+    // raise all of them.
     std::vector<Operation> operations{{"FetchProperty", {}}};
-    for (const ManagedMethod* method : c.methods)
+    AddCommonFaults(codec, nullptr, operations.back().faults);
+    for (const ManagedMethod* method : c.methods) {
         operations.push_back({method->GetWsdlName(), DeclaredFaults(codec, method)});
+        AddCommonFaults(codec, method->GetPrivilege(), operations.back().faults);
+    }
 
     Out o(out);
     o << kXmlDeclaration;

@@ -1,0 +1,103 @@
+// The containers and casts as a C++ programmer expects them: a difference set iterates like a standard
+// container, indexes past the end raise the library's exception, arrays of records take only records of
+// their element type, and a mismatch names both types by their wire names.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <fundix/Exception.h>
+#include <kitra/Kitra.h>
+#include <morphel/info/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+using Fundix::Ref;
+using Bundle = Morphel::DiagnosticManager::TaskLogBundleInfo;
+
+TEST(ApiTest, DifferenceSetIsAContainer) {
+    Ref<Bundle> a(new Bundle());
+    Ref<Bundle> b(new Bundle());
+    b->SetKey("k");
+    b->SetCrc(3);
+    Kitra::PropertyDiffSet diffs;
+    a->_DiffProperties(b.Get(), "", diffs);
+    std::vector<std::string> paths;
+    for (const std::string& p : diffs) paths.push_back(p);
+    EXPECT_EQ(paths, (std::vector<std::string>{".key", ".crc"}));
+    EXPECT_EQ(diffs.size(), 2u);
+    EXPECT_FALSE(diffs.empty());
+    EXPECT_NE(std::find(diffs.begin(), diffs.end(), ".crc"), diffs.end());
+    EXPECT_EQ(std::vector<std::string>(diffs.begin(), diffs.end()), diffs.Paths());
+}
+
+TEST(ApiTest, IndexesPastTheEndRaiseTheLibrarysException) {
+    Ref<Kitra::Array<int32_t>> numbers(new Kitra::Array<int32_t>());
+    numbers->Append(1);
+    EXPECT_EQ(numbers->Get(0), 1);
+    EXPECT_THROW(numbers->Get(1), Fundix::InvalidArgumentException);
+    EXPECT_THROW(numbers->Set(1, 2), Fundix::InvalidArgumentException);
+    EXPECT_THROW(numbers->GetBoxed(5), Fundix::InvalidArgumentException);
+    Ref<Kitra::Array<bool>> flags(new Kitra::Array<bool>());
+    flags->Append(true);
+    EXPECT_TRUE(flags->Get(0));
+    EXPECT_THROW(flags->Get(1), Fundix::InvalidArgumentException);
+    Ref<Kitra::DataArray<Bundle>> bundles(new Kitra::DataArray<Bundle>());
+    EXPECT_THROW(bundles->Get(0), Fundix::InvalidArgumentException);
+    EXPECT_THROW(bundles->GetAny(0), Fundix::InvalidArgumentException);
+    try {
+        numbers->Get(4);
+        FAIL();
+    } catch (const Fundix::InvalidArgumentException& e) {
+        EXPECT_EQ(e.GetMessage(), "index 4 out of range: the array holds 1");
+    }
+}
+
+TEST(ApiTest, ArraysOfRecordsTakeOnlyTheirElementType) {
+    Ref<Kitra::DataArray<Morphel::ComputerSpec::ComputerLocation>> locations(
+        new Kitra::DataArray<Morphel::ComputerSpec::ComputerLocation>());
+    Ref<Morphel::ComputerSpec::LiveComputerLocation> live(new Morphel::ComputerSpec::LiveComputerLocation());
+    locations->AppendAny(live.Get());  // a class derived from the element type
+    EXPECT_EQ(locations->Get(0), live.Get());
+    Ref<Bundle> bundle(new Bundle());
+    EXPECT_THROW(locations->AppendAny(bundle.Get()), Fundix::TypeMismatchException);
+    EXPECT_THROW(locations->AppendAny(nullptr), Fundix::TypeMismatchException);
+    Ref<Kitra::MoRef> ref(new Kitra::MoRef("morphel.task.Task", "t"));
+    EXPECT_THROW(locations->AppendAny(ref.Get()), Fundix::TypeMismatchException);
+    EXPECT_EQ(locations->GetLength(), 1u);
+
+    Ref<Kitra::DataArray<Kitra::MoRef>> refs(new Kitra::DataArray<Kitra::MoRef>());
+    refs->AppendAny(ref.Get());
+    EXPECT_THROW(refs->AppendAny(bundle.Get()), Fundix::TypeMismatchException);
+}
+
+TEST(ApiTest, MismatchesNameBothTypesByWireName) {
+    Ref<Bundle> bundle(new Bundle());
+    Kitra::Any* any = bundle.Get();
+    try {
+        Kitra::CheckedCast<Morphel::ComputerSpec>(any);
+        FAIL();
+    } catch (const Fundix::TypeMismatchException& e) {
+        EXPECT_EQ(e.GetExpected(), "morphel.ComputerSpec");
+        EXPECT_EQ(e.GetReceived(), "morphel.DiagnosticManager.TaskLogBundleInfo");
+    }
+    auto expected = [](auto call) {
+        try {
+            call();
+        } catch (const Fundix::TypeMismatchException& e) {
+            return e.GetExpected();
+        }
+        return std::string("(none)");
+    };
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<int32_t>>(any); }), "int");
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::MoRef>(any); }), "ManagedObjectReference");
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::DataArray<Bundle>>(any); }),
+              Kitra::GetType<Bundle>()->GetArrayType()->GetName());
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<Morphel::Task::TaskInfo::State>>(any); }),
+              "morphel.task.TaskInfo.State");
+}
+
+}  // namespace
