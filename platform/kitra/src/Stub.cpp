@@ -237,8 +237,10 @@ void ThrowNotRegistered(const Type* type, const std::string& id) {
     Fault::ManagedObjectNotFound::Exception(ref.Get()).Throw();
 }
 
-void ThrowNotImplementing(const char* type) {
-    throw Fundix::TypeMismatchException(type, "another managed object");
+void ThrowNotImplementing(const Type* expected, const ManagedObject* object) {
+    // An implementation class carries no type of its own: the received side can only be described.
+    throw Fundix::TypeMismatchException(expected != nullptr ? expected->GetName() : "ManagedObject",
+                                        object != nullptr ? "another managed object" : "null");
 }
 
 }  // namespace Kitra::Binding

@@ -45,7 +45,7 @@ inline Kitra::Any* Arg(Fundix::RefVector<Kitra::Any>& arguments, size_t index, c
 template <class T>
 [[gnu::visibility("hidden")]] T* Target(Kitra::ManagedObject* object) {
     T* target = dynamic_cast<T*>(object);
-    if (target == nullptr) throw Fundix::TypeMismatchException(typeid(T).name(), "another managed object");
+    if (target == nullptr) ThrowNotImplementing(GetType<T>(), object);
     return target;
 }
 

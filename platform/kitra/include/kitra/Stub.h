@@ -193,7 +193,9 @@ private:
 namespace Binding {
 std::mutex& LocalTargetMutex();
 [[noreturn]] void ThrowNotRegistered(const Type* type, const std::string& id);
-[[noreturn]] void ThrowNotImplementing(const char* type);
+// The object registered for a call does not implement the managed type `expected`: a type mismatch
+// naming both by wire name.
+[[noreturn]] void ThrowNotImplementing(const Type* expected, const ManagedObject* object);
 }  // namespace Binding
 
 template <class T>
@@ -202,7 +204,7 @@ T* LocalTarget<T>::Resolve(const StubImpl& stub, LocalStubAdapter& local) {
     Fundix::Ref<ManagedObject> object = local.Resolve(stub._GetId(), generation);
     if (!object) Binding::ThrowNotRegistered(GetType<T>(), stub._GetId());
     T* target = dynamic_cast<T*>(object.Get());
-    if (target == nullptr) Binding::ThrowNotImplementing(typeid(T).name());
+    if (target == nullptr) Binding::ThrowNotImplementing(GetType<T>(), object.Get());
     std::lock_guard<std::mutex> lock(Binding::LocalTargetMutex());
     Bound* b = current_.load(std::memory_order_relaxed);
     if (b != nullptr && b->object.Get() == object.Get()) {
