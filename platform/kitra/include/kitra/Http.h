@@ -194,8 +194,8 @@ struct ServerOptions {
     size_t maxConnections = 2048;
 
     // Sessions end after this long unused, or this long after login, whichever comes first.
-    std::chrono::seconds sessionIdle{30 * 60};
-    std::chrono::seconds sessionLifetime{12 * 60 * 60};
+    std::chrono::milliseconds sessionIdle{std::chrono::minutes(30)};
+    std::chrono::milliseconds sessionLifetime{std::chrono::hours(12)};
     size_t sessionsPerUser = 16;
 };
 
