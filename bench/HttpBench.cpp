@@ -6,6 +6,7 @@
 //   http_bench [--seconds N] [--soak N]     N seconds per row (default 2); --soak adds 64 clients for N seconds
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -58,9 +59,10 @@ std::unique_ptr<Kitra::Http::Server> MakeServer(const Kitra::Http::Tls::Identity
         MorphelTypesTool::Sample(Kitra::GetType<Morphel::ServiceInstanceContent>()->AsDataObjectType(), codec).Get());
     handlers->byName["retrieveContent"] = [content](auto&) { return content; };
     handlers->byName["validateParams"] = [](auto&) { return Ref<Kitra::Any>(); };
-    handlers->byName["login"] = [](auto&) -> Ref<Kitra::Any> {
-        Kitra::Http::Session* session = Kitra::Http::Call::Current()->OpenSession("bench");
-        return new Morphel::UserSession(session->GetKey(), "bench", "", {}, {}, "en", "en", {});
+    handlers->byName["login"] = [](Fundix::RefVector<Kitra::Any>& args) -> Ref<Kitra::Any> {
+        std::string user = static_cast<Kitra::Primitive<std::string>*>(args[0].Get())->GetValue();
+        Kitra::Http::Session* session = Kitra::Http::Call::Current()->OpenSession(user);
+        return new Morphel::UserSession(session->GetKey(), user, "", {}, {}, "en", "en", {});
     };
     s->Register("ServiceInstance", new Morphel::ServiceInstanceStub("impl", handlers.Get(), nullptr));
     s->Register("SessionManager", new Morphel::SessionManagerStub("impl", handlers.Get(), nullptr));
@@ -69,8 +71,16 @@ std::unique_ptr<Kitra::Http::Server> MakeServer(const Kitra::Http::Tls::Identity
     return s;
 }
 
+// CPU time of the whole process (both ends), in microseconds.
+double CpuMicros() {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1e6 + u.ru_utime.tv_usec + u.ru_stime.tv_usec;
+}
+
 struct Row {
     double callsPerSecond = 0, p50 = 0, p99 = 0, max = 0;
+    double cpuPerCall = 0;  // µs of CPU, client and server together
     size_t calls = 0, failed = 0;
 };
 
@@ -110,7 +120,7 @@ Row Run(const Kitra::Http::Server& server, bool large, int threads, double secon
                 }
             };
             Ref<Morphel::UserSession> session;
-            sessions->Login("bench", "bench", {}, session);
+            sessions->Login("bench" + std::to_string(t), "bench", {}, session);
             call();  // the connection is open before timing starts
             ++ready;
             while (!go) std::this_thread::yield();
@@ -130,10 +140,12 @@ Row Run(const Kitra::Http::Server& server, bool large, int threads, double secon
     }
     while (ready < threads) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     auto start = Clock::now();
+    double cpu = CpuMicros();
     until = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     go = true;
     for (auto& w : workers) w.join();
     double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    cpu = CpuMicros() - cpu;
     std::vector<double> all;
     for (auto& m : micros) all.insert(all.end(), m.begin(), m.end());
     std::sort(all.begin(), all.end());
@@ -141,6 +153,7 @@ Row Run(const Kitra::Http::Server& server, bool large, int threads, double secon
     row.calls = all.size();
     row.failed = failed;
     row.callsPerSecond = all.size() / elapsed;
+    row.cpuPerCall = all.empty() ? 0 : cpu / all.size();
     if (!all.empty()) {
         row.p50 = all[all.size() / 2];
         row.p99 = all[std::min(all.size() - 1, all.size() * 99 / 100)];
@@ -254,8 +267,8 @@ std::string Micros(double us) {
 }
 
 void Print(const char* call, const char* scheme, int threads, const char* load, const Row& r) {
-    std::printf("| %s | %s | %d | %s | %.0f | %s | %s | %s | %zu |\n", call, scheme, threads, load, r.callsPerSecond,
-                Micros(r.p50).c_str(), Micros(r.p99).c_str(), Micros(r.max).c_str(), r.failed);
+    std::printf("| %s | %s | %d | %s | %.0f | %s | %s | %s | %zu | %.0f µs |\n", call, scheme, threads, load, r.callsPerSecond,
+                Micros(r.p50).c_str(), Micros(r.p99).c_str(), Micros(r.max).c_str(), r.failed, r.cpuPerCall);
     std::fflush(stdout);
 }
 
@@ -279,8 +292,8 @@ int main(int argc, char** argv) {
     std::printf("512 MiB chunked body: answer \"%s\" after %zu MiB sent; peak resident memory +%ld MiB (limit %zu MiB)\n\n",
                 answer.c_str(), sent >> 20, (peak - before) / 1024, Kitra::Soap::Limits().maxMessageBytes >> 20);
 
-    std::printf("| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed |\n");
-    std::printf("|---|---|---|---|---|---|---|---|---|\n");
+    std::printf("| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed | CPU per call |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
     for (const auto* server : {http.get(), https.get()}) {
         const char* scheme = server->IsTls() ? "HTTPS" : "HTTP";
         for (int threads : {1, 4, 64}) Print("retrieveContent", scheme, threads, "-", Run(*server, false, threads, seconds));

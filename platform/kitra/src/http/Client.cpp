@@ -179,11 +179,12 @@ public:
         });
     }
 
-    // Sends the call on a kept connection.
+    // Sends the call on a kept connection. Nothing else uses the connection, so the write starts right here
+    // (on the caller's thread the request goes out without waking the loop); its completion runs on the strand.
     void Reuse(std::shared_ptr<Connection> connection) {
         connection_ = std::move(connection);
         reused_ = true;
-        net::dispatch(connection_->Tcp().get_executor(), [self = shared_from_this()] { self->Write(); });
+        Write();
     }
 
 private:

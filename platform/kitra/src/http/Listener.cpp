@@ -160,6 +160,9 @@ private:
         if (target != options_.path) return Refuse(404, "Nothing is served at this path.");
         if (request.method() != bhttp::verb::post) return Refuse(405, "Calls are POST requests.");
         phase_ = Phase::Serving;
+        // A body of unknown length gets room for the limit at once: pages are only used as bytes arrive, and
+        // the string never doubles past the limit on its way there.
+        if (!parser_->content_length()) parser_->get().body().reserve(options_.limits.maxMessageBytes);
         Tcp().expires_after(options_.bodyTimeout);
         if (beast::iequals(request[bhttp::field::expect], "100-continue")) {
             auto interim = std::make_shared<bhttp::response<bhttp::empty_body>>(bhttp::status::continue_, 11);
