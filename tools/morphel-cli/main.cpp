@@ -319,10 +319,12 @@ int main(int argc, char** argv) {
         if (rejected == nullptr) {
             PrintFault(e.GetFault());
         } else {
-            PrintFault(MorphelServer::ToVerificationFault(*rejected).Get());
-            std::fprintf(stderr, "morphel-cli: the server presented certificate %s%s; if it is the right one, run again with "
-                         "--thumbprint %s\n", rejected->GetThumbprint().c_str(), rejected->IsSelfSigned() ? " (self-signed)" : "",
-                         rejected->GetThumbprint().c_str());
+            Ref<Morphel::Fault::SSLVerificationFault> fault = MorphelServer::ToVerificationFault(*rejected);
+            std::fprintf(stderr, "morphel-cli: fault %s\n  msg: %s\n  thumbprint: %s\n  selfSigned: %s\n  certificateChain: %zu certificate(s)\n",
+                         fault->_GetType()->GetName(), fault->GetMsg().c_str(), fault->GetThumbprint().c_str(),
+                         fault->IsSelfSigned() ? "true" : "false", fault->GetCertificateChain()->GetLength());
+            std::fprintf(stderr, "morphel-cli: if this is the server's certificate, pin it with --thumbprint %s\n",
+                         fault->GetThumbprint().c_str());
         }
     } catch (const Kitra::MethodFault::Exception& e) {
         PrintFault(e.GetFault());
