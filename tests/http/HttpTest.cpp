@@ -127,6 +127,8 @@ std::string Text(const Kitra::Any* box) { return static_cast<const Kitra::Primit
 class HttpTest : public ::testing::Test {
 protected:
     void SetUp() override { StartServer(0); }
+    // The server goes first: a call still being served logs into this fixture.
+    void TearDown() override { server_.reset(); }
 
     void StartServer(int port, const std::function<void(Kitra::Http::ServerOptions&)>& tune = {}) {
         Kitra::Http::ServerOptions options;
