@@ -434,6 +434,19 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
     EXPECT_FALSE(refused(carol[3]));
 }
 
+TEST_F(HttpTest, SessionsEndAtTheirLifetimeThoughInUse) {
+    StartServer(0, [](Kitra::Http::ServerOptions& o) { o.sessionLifetime = std::chrono::milliseconds(700); });
+    Client c = Connect();
+    Login(c, "ann");
+    Ref<Morphel::UserSession> s;
+    for (int i = 0; i < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        c.sessions->GetCurrentSession(s);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { c.sessions->GetCurrentSession(s); });
+}
+
 TEST_F(HttpTest, SessionCheckComesBeforeTheObjectLookupAndQuotedCookiesCount) {
     // Without a session a call on an object that does not exist and one on an object that does get the
     // same fault.
