@@ -313,8 +313,17 @@ TEST_F(HttpTest, BadRequestsGetFaultsAndServingGoesOn) {
                           "<soapenv:Body><MorphelNoSuchThing xmlns=\"urn:morphel\"/></soapenv:Body></soapenv:Envelope>")),
               "unknown operation MorphelNoSuchThing");
     EXPECT_EQ(reason(Post("<x/>", "\"urn:morphel/9.0\"")), "unknown version \"urn:morphel/9.0\"");
-    // Past the message limit: refused by its length before any of it is read.
+    // Past the message limit: refused by its length before any of it is read; a stub's caller learns why.
     EXPECT_EQ(Status(Post(std::string(70 * 1024, ' '))), 413);
+    try {
+        Client big = Connect();
+        Login(big, std::string(200 * 1024, 'a'));
+        ADD_FAILURE();
+    } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+        auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+        EXPECT_NE(f->GetReason().find("HTTP status 413"), std::string::npos) << f->GetReason();
+        EXPECT_NE(f->GetReason().find("larger than 65536 bytes"), std::string::npos) << f->GetReason();
+    }
     Client c = Connect();
     Ref<Morphel::ServiceInstanceContent> content;
     c.root->RetrieveContent(content);

@@ -217,6 +217,11 @@ private:
         connection_->Tcp().expires_after(pool_->options.readTimeout);
         connection_->With([this](auto& stream) {
             bhttp::async_write(stream, request_, [self = shared_from_this()](beast::error_code ec, size_t) {
+                if (ec && ec != beast::error::timeout && !(self->reused_ && !self->retried_)) {
+                    // The server may have refused the request before taking all of it (413): its answer says why.
+                    self->unsent_ = ec;
+                    return self->Read();
+                }
                 if (ec) return self->Broken(ec, "cannot send to ");
                 self->Read();
             });
@@ -226,6 +231,7 @@ private:
     void Read() {
         connection_->With([this](auto& stream) {
             bhttp::async_read(stream, connection_->buffer, *parser_, [self = shared_from_this()](beast::error_code ec, size_t) {
+                if (ec && self->unsent_) return self->Fail("cannot send to " + self->pool_->where + ": " + self->unsent_.message());
                 if (ec) return self->Broken(ec, "no answer from ");
                 self->Answered();
             });
@@ -287,6 +293,7 @@ private:
     std::unique_ptr<tcp::resolver> resolver_;
     bool reused_ = false;
     bool retried_ = false;
+    beast::error_code unsent_;  // the write failed; an answer may still have come
 };
 
 }  // namespace
