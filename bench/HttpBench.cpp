@@ -276,10 +276,17 @@ void Print(const char* call, const char* scheme, int threads, const char* load, 
 
 int main(int argc, char** argv) {
     double seconds = 2, soak = 0;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    for (int i = 1; i + 1 < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--seconds") seconds = std::stod(argv[i + 1]);
         else if (arg == "--soak") soak = std::stod(argv[i + 1]);
+    }
+    if (argc > 1 && std::string(argv[1]) == "--small") {  // only the small call over HTTP, for quick comparisons
+        auto server = MakeServer({});
+        std::printf("| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed | CPU per call |\n");
+        for (int threads : {1, 4}) Print("retrieveContent", "HTTP", threads, "-", Run(*server, false, threads, seconds));
+        server->Stop();
+        return 0;
     }
     Kitra::Http::Tls::Identity identity = Kitra::Http::Tls::CreateSelfSigned("bench", {"127.0.0.1"});
     auto http = MakeServer({});
