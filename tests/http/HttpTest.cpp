@@ -9,7 +9,6 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -88,11 +87,9 @@ public:
         for (;;) {
             size_t head = all.find("\r\n\r\n");
             if (head != std::string::npos) {
-                std::smatch m;
                 std::string h = all.substr(0, head);
-                if (std::regex_search(h, m, std::regex("Content-Length: *([0-9]+)", std::regex::icase)) &&
-                    all.size() >= head + 4 + std::stoul(m[1]))
-                    return all;
+                size_t at = h.find("Content-Length:");
+                if (at != std::string::npos && all.size() >= head + 4 + std::stoul(h.substr(at + 15))) return all;
             }
             ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
             if (n <= 0) return all;
@@ -117,6 +114,11 @@ private:
     int fd_ = -1;
     bool connected_ = false;
 };
+
+// `text` is `length` characters, each one of `digits`.
+bool Hex(const std::string& text, const char* digits, size_t length) {
+    return text.size() == length && text.find_first_not_of(digits) == std::string::npos;
+}
 
 int Status(const std::string& response) {
     return response.size() > 12 && response.compare(0, 9, "HTTP/1.1 ") == 0 ? std::stoi(response.substr(9, 3)) : 0;
@@ -403,7 +405,7 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
     std::set<std::string> keys;
     for (int i = 0; i < 300; ++i) {
         std::string key = Login(c, "user" + std::to_string(i))->GetKey();
-        EXPECT_TRUE(std::regex_match(key, std::regex("[0-9a-f]{32}"))) << key;
+        EXPECT_TRUE(Hex(key, "0123456789abcdef", 32)) << key;
         keys.insert(key);
     }
     EXPECT_EQ(keys.size(), 300u);
@@ -487,7 +489,9 @@ TEST_F(HttpTest, SessionCheckComesBeforeTheObjectLookupAndQuotedCookiesCount) {
         Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef("morphel.SessionManager", "SessionManager"), method, args, login);
     }
     std::string answer = Post(login);
-    EXPECT_TRUE(std::regex_search(answer, std::regex("Set-Cookie: kodl_session=[0-9a-f]{32}; Path=/; HttpOnly; SameSite=Strict\r\n")))
+    size_t cookie = answer.find("Set-Cookie: kodl_session=");
+    EXPECT_TRUE(cookie != std::string::npos && Hex(answer.substr(cookie + 25, 32), "0123456789abcdef", 32) &&
+                answer.compare(cookie + 57, 37, "; Path=/; HttpOnly; SameSite=Strict\r\n") == 0)
         << answer.substr(0, answer.find("\r\n\r\n"));
 }
 
@@ -625,7 +629,12 @@ protected:
 TEST_F(HttpsTest, PinnedThumbprintOrTrustedCertificate) {
     ASSERT_EQ(server_->GetUrl().substr(0, 8), "https://");
     std::string sha1 = server_->GetThumbprint();
-    EXPECT_TRUE(std::regex_match(sha1, std::regex("([0-9A-F]{2}:){19}[0-9A-F]{2}"))) << sha1;
+    bool colons = sha1.size() == 59;
+    for (size_t i = 2; colons && i < sha1.size(); i += 3) colons = sha1[i] == ':';
+    std::string digits;
+    for (char ch : sha1)
+        if (ch != ':') digits += ch;
+    EXPECT_TRUE(colons && Hex(digits, "0123456789ABCDEF", 40)) << sha1;
     EXPECT_EQ(sha1, Kitra::Http::Tls::Thumbprint(identity_.certificatePem));
     for (const std::string& pin : {sha1, server_->GetThumbprint(Kitra::Http::Tls::Digest::Sha256)}) {
         Client c = Connect(kV4, [&](Kitra::Http::ClientOptions& o) { o.thumbprint = pin; });
