@@ -1,11 +1,18 @@
-// Calls over HTTP on loopback: sessions, privileges, faults, bad requests, restarts and load.
+// Calls over HTTP and HTTPS on loopback: sessions, privileges, faults, bad requests, restarts and load; the
+// server's limits and deadlines against peers that misbehave; certificates; many calls in flight.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <functional>
 #include <future>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <dovra/fault/types.h>
 #include <kitra/Http.h>
@@ -38,17 +45,100 @@ public:
     }
 };
 
+// A plain TCP connection for requests and behaviour no stub would show.
+class Raw {
+public:
+    explicit Raw(int port) {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        timeval five{5, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &five, sizeof five);
+    }
+    ~Raw() { ::close(fd_); }
+    Raw(const Raw&) = delete;
+    bool Connected() const { return connected_; }
+    bool Send(const std::string& bytes) {
+        size_t done = 0;
+        while (done < bytes.size()) {
+            ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            done += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    // Everything until the server closes (or five seconds pass).
+    std::string ReadAll() {
+        std::string all;
+        char buffer[4096];
+        for (;;) {
+            ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (n <= 0) return all;
+            all.append(buffer, static_cast<size_t>(n));
+        }
+    }
+    // One answer with a Content-Length.
+    std::string ReadResponse() {
+        std::string all;
+        char buffer[4096];
+        for (;;) {
+            size_t head = all.find("\r\n\r\n");
+            if (head != std::string::npos) {
+                std::string h = all.substr(0, head);
+                size_t at = h.find("Content-Length:");
+                if (at != std::string::npos && all.size() >= head + 4 + std::stoul(h.substr(at + 15))) return all;
+            }
+            ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (n <= 0) return all;
+            all.append(buffer, static_cast<size_t>(n));
+        }
+    }
+    // True when the server closed the connection within `within`.
+    bool ClosedWithin(std::chrono::milliseconds within) {
+        auto until = std::chrono::steady_clock::now() + within;
+        char buffer[4096];
+        while (std::chrono::steady_clock::now() < until) {
+            pollfd p{fd_, POLLIN, 0};
+            int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()).count());
+            if (::poll(&p, 1, std::max(left, 1)) <= 0) continue;
+            ssize_t n = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n <= 0) return true;
+        }
+        return false;
+    }
+
+private:
+    int fd_ = -1;
+    bool connected_ = false;
+};
+
+// `text` is `length` characters, each one of `digits`.
+bool Hex(const std::string& text, const char* digits, size_t length) {
+    return text.size() == length && text.find_first_not_of(digits) == std::string::npos;
+}
+
+int Status(const std::string& response) {
+    return response.size() > 12 && response.compare(0, 9, "HTTP/1.1 ") == 0 ? std::stoi(response.substr(9, 3)) : 0;
+}
+
 std::string Text(const Kitra::Any* box) { return static_cast<const Kitra::Primitive<std::string>*>(box)->GetValue(); }
 
 class HttpTest : public ::testing::Test {
 protected:
     void SetUp() override { StartServer(0); }
+    // The server goes first: a call still being served logs into this fixture.
+    void TearDown() override { server_.reset(); }
 
-    void StartServer(int port) {
+    void StartServer(int port, const std::function<void(Kitra::Http::ServerOptions&)>& tune = {}) {
         Kitra::Http::ServerOptions options;
         options.port = port;
         options.versions = {kV4, kV1};
         options.limits.maxMessageBytes = 64 * 1024;
+        if (tune) tune(options);
+        server_.reset();
         server_ = std::make_unique<Kitra::Http::Server>(options);
         backend_ = new Backend();
         backend_->handlers["retrieveContent"] = [](auto&) {
@@ -101,11 +191,12 @@ protected:
         Ref<Morphel::SessionManagerStub> sessions;
     };
 
-    Client Connect(const char* version = kV4) {
+    Client Connect(const char* version = kV4, const std::function<void(Kitra::Http::ClientOptions&)>& tune = {}) {
         Client c;
         Kitra::Http::ClientOptions options;
-        options.connectTimeout = std::chrono::milliseconds(500);
+        options.connectTimeout = std::chrono::milliseconds(2000);
         options.readTimeout = std::chrono::milliseconds(5000);
+        if (tune) tune(options);
         c.adapter = new Kitra::Http::StubAdapter(server_->GetUrl(), version, options);
         c.root = new Morphel::ServiceInstanceStub("ServiceInstance", c.adapter.Get(), nullptr);
         c.sessions = new Morphel::SessionManagerStub("SessionManager", c.adapter.Get(), nullptr);
@@ -118,13 +209,16 @@ protected:
         return s;
     }
 
-    // A raw POST, for requests no stub would send.
-    httplib::Result Post(const std::string& body, const std::string& action = "") {
-        httplib::Client raw("127.0.0.1", server_->GetPort());
-        httplib::Headers headers;
-        if (!action.empty()) headers.emplace("SOAPAction", action);
-        return raw.Post("/morphel", headers, body, "text/xml");
+    // A raw POST, for requests no stub would send: the whole answer.
+    std::string Post(const std::string& body, const std::string& action = "", const std::string& more = "") {
+        Raw raw(server_->GetPort());
+        std::string head = "POST /morphel HTTP/1.1\r\nHost: x\r\nContent-Type: text/xml\r\nContent-Length: " +
+                           std::to_string(body.size()) + "\r\n";
+        if (!action.empty()) head += "SOAPAction: " + action + "\r\n";
+        raw.Send(head + more + "\r\n" + body);
+        return raw.ReadResponse();
     }
+    static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
 
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
@@ -196,15 +290,23 @@ TEST_F(HttpTest, FailuresWithoutInternalsAndUnknownObjects) {
         ADD_FAILURE();
     } catch (const Kitra::RuntimeFault::Exception& e) {
         EXPECT_STREQ(e.GetMessage().c_str(), "kodl.RuntimeFault");
+        EXPECT_EQ(e.GetFault()->_GetType()->GetName(), std::string("kodl.RuntimeFault"));
+    }
+    {
+        // The log names the cause; the answer does not.
+        std::lock_guard<std::mutex> lock(logMutex_);
+        ASSERT_FALSE(log_.empty());
+        EXPECT_NE(log_.back().find("500 "), std::string::npos) << log_.back();
+        EXPECT_NE(log_.back().find("cause=std::runtime_error: secret internal detail"), std::string::npos) << log_.back();
     }
     Ref<Morphel::SessionManagerStub> ghost(new Morphel::SessionManagerStub("nobody", c.adapter.Get(), nullptr));
     ExpectFault<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { ghost->Logout(); });
 }
 
 TEST_F(HttpTest, BadRequestsGetFaultsAndServingGoesOn) {
-    auto reason = [](const httplib::Result& r) {
-        EXPECT_EQ(r->status, 500);
-        Kitra::Soap::Message m = Kitra::Soap::Codec(kV4).Decode(r->body);
+    auto reason = [](const std::string& r) {
+        EXPECT_EQ(Status(r), 500);
+        Kitra::Soap::Message m = Kitra::Soap::Codec(kV4).Decode(Body(r));
         auto* f = dynamic_cast<Kitra::Fault::InvalidRequest*>(m.value.Get());
         return f != nullptr ? f->GetReason() : std::string("(another fault)");
     };
@@ -213,7 +315,17 @@ TEST_F(HttpTest, BadRequestsGetFaultsAndServingGoesOn) {
                           "<soapenv:Body><MorphelNoSuchThing xmlns=\"urn:morphel\"/></soapenv:Body></soapenv:Envelope>")),
               "unknown operation MorphelNoSuchThing");
     EXPECT_EQ(reason(Post("<x/>", "\"urn:morphel/9.0\"")), "unknown version \"urn:morphel/9.0\"");
-    EXPECT_EQ(reason(Post(std::string(70 * 1024, ' '))).substr(0, 11), "message of ");
+    // Past the message limit: refused by its length before any of it is read; a stub's caller learns why.
+    EXPECT_EQ(Status(Post(std::string(70 * 1024, ' '))), 413);
+    try {
+        Client big = Connect();
+        Login(big, std::string(200 * 1024, 'a'));
+        ADD_FAILURE();
+    } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+        auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+        EXPECT_NE(f->GetReason().find("HTTP status 413"), std::string::npos) << f->GetReason();
+        EXPECT_NE(f->GetReason().find("larger than 65536 bytes"), std::string::npos) << f->GetReason();
+    }
     Client c = Connect();
     Ref<Morphel::ServiceInstanceContent> content;
     c.root->RetrieveContent(content);
@@ -279,6 +391,380 @@ TEST_F(HttpTest, ConcurrentClientsLoseNoResponse) {
     for (auto& t : threads) t.join();
     EXPECT_EQ(failed.load(), 0);
     EXPECT_GT(answered.load(), kClients * 10);
+}
+
+// ---- Sessions
+
+TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
+    StartServer(0, [](Kitra::Http::ServerOptions& o) {
+        o.sessionIdle = std::chrono::milliseconds(600);
+        o.sessionsPerUser = 3;
+    });
+    // Distinct 128-bit keys across many logins (of many accounts, so that no cap interferes).
+    Client c = Connect();
+    std::set<std::string> keys;
+    for (int i = 0; i < 300; ++i) {
+        std::string key = Login(c, "user" + std::to_string(i))->GetKey();
+        EXPECT_TRUE(Hex(key, "0123456789abcdef", 32)) << key;
+        keys.insert(key);
+    }
+    EXPECT_EQ(keys.size(), 300u);
+
+    // A key that was logged out, or left unused past the idle time, is refused.
+    auto refused = [&](Client& client) {
+        try {
+            Ref<Morphel::UserSession> s;
+            client.sessions->GetCurrentSession(s);
+            return false;
+        } catch (const Dovra::Fault::NotAuthenticated::Exception&) {
+            return true;
+        }
+    };
+    Client out = Connect();
+    std::string old = Login(out, "ann")->GetKey();
+    out.sessions->Logout();
+    out.adapter->SetSession(old);
+    EXPECT_TRUE(refused(out));
+    Client idle = Connect();
+    Login(idle, "bob");
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(refused(idle));  // each use keeps it alive for the idle time again
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(900));
+    EXPECT_TRUE(refused(idle));
+
+    // Past the per-account cap the least recently used session of that account ends.
+    std::vector<Client> carol;
+    for (int i = 0; i < 4; ++i) {
+        carol.push_back(Connect());
+        Login(carol.back(), "carol");
+    }
+    EXPECT_TRUE(refused(carol[0]));
+    EXPECT_FALSE(refused(carol[1]));
+    EXPECT_FALSE(refused(carol[3]));
+}
+
+TEST_F(HttpTest, SessionsEndAtTheirLifetimeThoughInUse) {
+    StartServer(0, [](Kitra::Http::ServerOptions& o) { o.sessionLifetime = std::chrono::milliseconds(700); });
+    Client c = Connect();
+    Login(c, "ann");
+    Ref<Morphel::UserSession> s;
+    for (int i = 0; i < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        c.sessions->GetCurrentSession(s);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { c.sessions->GetCurrentSession(s); });
+}
+
+TEST_F(HttpTest, SessionCheckComesBeforeTheObjectLookupAndQuotedCookiesCount) {
+    // Without a session a call on an object that does not exist and one on an object that does get the
+    // same fault.
+    Client c = Connect();
+    Ref<Morphel::SessionManagerStub> ghost(new Morphel::SessionManagerStub("nobody", c.adapter.Get(), nullptr));
+    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { ghost->Logout(); });
+    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { c.sessions->Logout(); });
+
+    // A cookie value in double quotes names the same session; the cookie keeps scripts and other sites out.
+    Client ann = Connect();
+    std::string key = Login(ann, "ann")->GetKey();
+    std::string request;
+    {
+        Fundix::RefVector<Kitra::Any> args;
+        Kitra::ManagedMethod* method = Kitra::GetType<Morphel::SessionManager>()->AsManagedObjectType()->FindMethod("currentSession");
+        ASSERT_NE(method, nullptr);
+        Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef("morphel.SessionManager", "SessionManager"), method, args, request);
+    }
+    std::string quoted = Post(request, "", "Cookie: other=1; kodl_session=\"" + key + "\"\r\n");
+    EXPECT_EQ(Status(quoted), 200) << quoted;
+    EXPECT_NE(quoted.find("ann"), std::string::npos);
+    std::string login;
+    {
+        Fundix::RefVector<Kitra::Any> args;
+        args.push_back(new Kitra::Primitive<std::string>("dan"));
+        args.push_back(new Kitra::Primitive<std::string>("pw"));
+        args.push_back(nullptr);
+        Kitra::ManagedMethod* method = Kitra::GetType<Morphel::SessionManager>()->AsManagedObjectType()->FindMethod("login");
+        Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef("morphel.SessionManager", "SessionManager"), method, args, login);
+    }
+    std::string answer = Post(login);
+    size_t cookie = answer.find("Set-Cookie: kodl_session=");
+    EXPECT_TRUE(cookie != std::string::npos && Hex(answer.substr(cookie + 25, 32), "0123456789abcdef", 32) &&
+                answer.compare(cookie + 57, 37, "; Path=/; HttpOnly; SameSite=Strict\r\n") == 0)
+        << answer.substr(0, answer.find("\r\n\r\n"));
+}
+
+// ---- Limits and deadlines against peers that misbehave
+
+TEST_F(HttpTest, SlowSendersAndIdleConnectionsDoNotStallCalls) {
+    StartServer(0, [](Kitra::Http::ServerOptions& o) {
+        o.headTimeout = std::chrono::milliseconds(800);
+        o.idleTimeout = std::chrono::milliseconds(20000);
+    });
+    std::vector<std::unique_ptr<Raw>> idle;
+    for (int i = 0; i < 500; ++i) idle.push_back(std::make_unique<Raw>(server_->GetPort()));
+    for (auto& r : idle) ASSERT_TRUE(r->Connected());
+    std::vector<std::unique_ptr<Raw>> slow;
+    for (int i = 0; i < 20; ++i) slow.push_back(std::make_unique<Raw>(server_->GetPort()));
+    std::atomic<bool> stop{false};
+    std::thread dribble([&] {
+        std::string head = "POST /morphel HTTP/1.1\r\nHost: x\r\nX-Slow: ";
+        for (size_t i = 0; i < 40 && !stop; ++i) {
+            for (auto& r : slow) r->Send(std::string(1, head[std::min(i, head.size() - 1)]));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    Client c = Connect();
+    double worst = 0;
+    for (int i = 0; i < 200; ++i) {
+        auto start = std::chrono::steady_clock::now();
+        Ref<Morphel::ServiceInstanceContent> content;
+        c.root->RetrieveContent(content);
+        ASSERT_NE(content, nullptr);
+        worst = std::max(worst, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    EXPECT_LT(worst, 1.0);
+    // The slow senders are cut off at the head deadline; the idle ones are still there.
+    for (auto& r : slow) EXPECT_TRUE(r->ClosedWithin(std::chrono::milliseconds(3000)));
+    stop = true;
+    dribble.join();
+    EXPECT_GE(server_->GetOpenConnections(), 500u);
+    EXPECT_FALSE(idle.front()->ClosedWithin(std::chrono::milliseconds(10)));
+}
+
+TEST_F(HttpTest, OversizedHeadsAndBodiesAreRefusedAsTheyArrive) {
+    // Too many header lines, or too many header bytes: 431.
+    std::string many;
+    for (int i = 0; i < 150; ++i) many += "X-" + std::to_string(i) + ": y\r\n";
+    EXPECT_EQ(Status(Post("<x/>", "", many)), 431);
+    EXPECT_EQ(Status(Post("<x/>", "", "X-Big: " + std::string(20000, 'a') + "\r\n")), 431);
+    {
+        // An endless head is cut off at the byte limit, long before it ends.
+        Raw raw(server_->GetPort());
+        raw.Send("POST /morphel HTTP/1.1\r\nHost: x\r\n");
+        bool refusedEarly = false;
+        for (int i = 0; i < 100000 && !refusedEarly; ++i)
+            refusedEarly = !raw.Send("X-" + std::to_string(i) + ": " + std::string(50, 'v') + "\r\n");
+        std::string answer = raw.ReadAll();
+        EXPECT_TRUE(refusedEarly || Status(answer) == 431) << answer;
+    }
+    // A chunked body past the limit (64 KiB here): 413 once the limit is passed, while the client is still
+    // sending; the server never takes the rest.
+    Raw raw(server_->GetPort());
+    raw.Send("POST /morphel HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
+    std::string chunk = "4000\r\n" + std::string(0x4000, 'a') + "\r\n";
+    size_t sent = 0;
+    for (; sent < 64 * 1024 * 1024; sent += 0x4000)
+        if (!raw.Send(chunk)) break;
+    std::string answer = raw.ReadAll();
+    EXPECT_LT(sent, size_t(16) << 20);
+    EXPECT_TRUE(answer.empty() || Status(answer) == 413) << answer.substr(0, 100);
+
+    // A body slower than its deadline is cut off.
+    StartServer(0, [](Kitra::Http::ServerOptions& o) { o.bodyTimeout = std::chrono::milliseconds(300); });
+    Raw lazy(server_->GetPort());
+    lazy.Send("POST /morphel HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\nabc");
+    EXPECT_TRUE(lazy.ClosedWithin(std::chrono::milliseconds(2000)));
+}
+
+TEST_F(HttpTest, ConnectionCapAndGracefulStop) {
+    StartServer(0, [](Kitra::Http::ServerOptions& o) { o.maxConnections = 4; });
+    std::vector<std::unique_ptr<Raw>> held;
+    for (int i = 0; i < 4; ++i) held.push_back(std::make_unique<Raw>(server_->GetPort()));
+    for (int i = 0; i < 100 && server_->GetOpenConnections() < 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    Raw extra(server_->GetPort());
+    EXPECT_EQ(Status(extra.ReadAll()), 503);
+    // The connections it holds are still served.
+    std::string request;
+    {
+        Fundix::RefVector<Kitra::Any> args;
+        Kitra::ManagedMethod* method = Kitra::GetType<Morphel::ServiceInstance>()->AsManagedObjectType()->FindMethod("retrieveContent");
+        Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef("morphel.ServiceInstance", "ServiceInstance"), method, args, request);
+    }
+    held[0]->Send("POST /morphel HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(request.size()) + "\r\n\r\n" + request);
+    EXPECT_EQ(Status(held[0]->ReadResponse()), 200);
+    held.clear();
+
+    // Stop lets a call in progress finish and refuses new ones.
+    StartServer(0);
+    backend_->handlers["currentTime"] = [](auto&) -> Ref<Kitra::Any> {
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
+    };
+    Client c = Connect();
+    auto call = std::async(std::launch::async, [&] { return c.root->GetCurrentTime(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    Raw waiting(server_->GetPort());
+    int port = server_->GetPort();
+    server_->Stop();
+    EXPECT_NO_THROW(call.get());
+    EXPECT_TRUE(waiting.ClosedWithin(std::chrono::milliseconds(100)));
+    EXPECT_FALSE(Raw(port).Connected());
+}
+
+TEST_F(HttpTest, PlainHttpOnlyOnLoopbackUnlessAllowed) {
+    Kitra::Http::ServerOptions options;
+    options.versions = {kV4};
+    options.host = "0.0.0.0";
+    Kitra::Http::Server open(options);
+    EXPECT_THROW(open.Start(), Fundix::InvalidArgumentException);
+    options.allowPlainHttp = true;
+    Kitra::Http::Server allowed(options);
+    EXPECT_GT(allowed.Start(), 0);
+    allowed.Stop();
+}
+
+// ---- HTTPS
+
+class HttpsTest : public HttpTest {
+protected:
+    void SetUp() override {
+        identity_ = Kitra::Http::Tls::CreateSelfSigned("morphel test", {"127.0.0.1", "localhost"});
+        StartServer(0, [this](Kitra::Http::ServerOptions& o) { o.tls = identity_; });
+    }
+    Kitra::Http::Tls::Identity identity_;
+};
+
+TEST_F(HttpsTest, PinnedThumbprintOrTrustedCertificate) {
+    ASSERT_EQ(server_->GetUrl().substr(0, 8), "https://");
+    std::string sha1 = server_->GetThumbprint();
+    bool colons = sha1.size() == 59;
+    for (size_t i = 2; colons && i < sha1.size(); i += 3) colons = sha1[i] == ':';
+    std::string digits;
+    for (char ch : sha1)
+        if (ch != ':') digits += ch;
+    EXPECT_TRUE(colons && Hex(digits, "0123456789ABCDEF", 40)) << sha1;
+    EXPECT_EQ(sha1, Kitra::Http::Tls::Thumbprint(identity_.certificatePem));
+    for (const std::string& pin : {sha1, server_->GetThumbprint(Kitra::Http::Tls::Digest::Sha256)}) {
+        Client c = Connect(kV4, [&](Kitra::Http::ClientOptions& o) { o.thumbprint = pin; });
+        Login(c, "ann");
+        Ref<Morphel::UserSession> s;
+        c.sessions->GetCurrentSession(s);
+        EXPECT_EQ(s->GetUserName(), "ann");
+    }
+    // Trusted as a certificate authority, and named for the host.
+    Client trusted = Connect(kV4, [&](Kitra::Http::ClientOptions& o) { o.trustedPem = identity_.certificatePem; });
+    Ref<Morphel::ServiceInstanceContent> content;
+    trusted.root->RetrieveContent(content);
+    EXPECT_NE(content, nullptr);
+}
+
+TEST_F(HttpsTest, RejectedCertificatesStopTheCallBeforeItIsSent) {
+    size_t before;
+    {
+        std::lock_guard<std::mutex> lock(logMutex_);
+        before = log_.size();
+    }
+    auto rejected = [&](const std::function<void(Kitra::Http::ClientOptions&)>& tune) {
+        Client c = Connect(kV4, tune);
+        try {
+            Login(c, "ann");
+            ADD_FAILURE() << "accepted";
+        } catch (const Kitra::Fault::CertificateRejected::Exception& e) {
+            return Ref<Kitra::Fault::CertificateRejected>(static_cast<Kitra::Fault::CertificateRejected*>(e.GetFault()));
+        }
+        return Ref<Kitra::Fault::CertificateRejected>();
+    };
+    // A wrong thumbprint: the fault carries the presented one, self-signed, with the chain.
+    std::string zeros = "00";
+    for (int i = 1; i < 20; ++i) zeros += ":00";
+    auto wrong = rejected([&](Kitra::Http::ClientOptions& o) { o.thumbprint = zeros; });
+    ASSERT_NE(wrong, nullptr);
+    EXPECT_EQ(wrong->GetThumbprint(), server_->GetThumbprint());
+    EXPECT_TRUE(wrong->IsSelfSigned());
+    ASSERT_EQ(wrong->GetChain()->GetValues().size(), 1u);
+    EXPECT_EQ(Kitra::Http::Tls::Thumbprint(wrong->GetChain()->GetValues()[0]), server_->GetThumbprint());
+    // No thumbprint and not trusted by the system: refused as self-signed.
+    auto untrusted = rejected({});
+    ASSERT_NE(untrusted, nullptr);
+    EXPECT_TRUE(untrusted->IsSelfSigned());
+    EXPECT_NE(untrusted->GetReason().find("not trusted"), std::string::npos) << untrusted->GetReason();
+    // Trusted, but issued for another host.
+    auto other = Kitra::Http::Tls::CreateSelfSigned("elsewhere", {"elsewhere.invalid"});
+    StartServer(0, [&](Kitra::Http::ServerOptions& o) { o.tls = other; });
+    auto misnamed = rejected([&](Kitra::Http::ClientOptions& o) { o.trustedPem = other.certificatePem; });
+    ASSERT_NE(misnamed, nullptr);
+    EXPECT_NE(misnamed->GetReason().find("mismatch"), std::string::npos) << misnamed->GetReason();
+    // None of these calls reached the server.
+    std::lock_guard<std::mutex> lock(logMutex_);
+    EXPECT_EQ(log_.size(), before);
+    EXPECT_THROW(Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.thumbprint = "12:34"; }), Fundix::InvalidArgumentException);
+}
+
+TEST_F(HttpsTest, PlainToTlsAndTlsToPlainFailClearly) {
+    std::string https = server_->GetUrl();
+    std::string http = "http://" + https.substr(8);
+    Ref<Kitra::Http::StubAdapter> plain(new Kitra::Http::StubAdapter(http, kV4));
+    Ref<Morphel::ServiceInstanceStub> root(new Morphel::ServiceInstanceStub("ServiceInstance", plain.Get(), nullptr));
+    try {
+        Ref<Morphel::ServiceInstanceContent> content;
+        root->RetrieveContent(content);
+        ADD_FAILURE();
+    } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+        auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+        EXPECT_NE(f->GetReason().find("HTTP status 400"), std::string::npos) << f->GetReason();
+        EXPECT_NE(f->GetReason().find("speaks HTTPS"), std::string::npos) << f->GetReason();
+    }
+    StartServer(0);
+    std::string url = "https://" + server_->GetUrl().substr(7);
+    Ref<Kitra::Http::StubAdapter> tls(new Kitra::Http::StubAdapter(url, kV4));
+    root = new Morphel::ServiceInstanceStub("ServiceInstance", tls.Get(), nullptr);
+    try {
+        Ref<Morphel::ServiceInstanceContent> content;
+        root->RetrieveContent(content);
+        ADD_FAILURE();
+    } catch (const Kitra::Fault::CertificateRejected::Exception&) {
+        ADD_FAILURE() << "a plain server has no certificate";
+    } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+        auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+        EXPECT_NE(f->GetReason().find("TLS handshake"), std::string::npos) << f->GetReason();
+    }
+}
+
+// ---- Many calls in flight
+
+TEST_F(HttpsTest, AThousandAsynchronousCallsFromOneThread) {
+    Client c = Connect(kV4, [&](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
+    constexpr int kCalls = 1000;
+    std::atomic<int> ok{0}, failed{0}, onCaller{0};
+    std::promise<void> all;
+    std::atomic<int> left{kCalls};
+    auto caller = std::this_thread::get_id();
+    std::vector<Ref<Fundix::System::ScheduledItem>> items(kCalls);
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kCalls; ++i) {
+        c.root->RetrieveContent(
+            Kitra::Completion([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Kitra::Any* result) {
+                if (std::this_thread::get_id() == caller) ++onCaller;
+                if (e == nullptr && result != nullptr) ++ok;
+                else ++failed;
+                if (--left == 0) all.set_value();
+            }),
+            items[i]);
+    }
+    // Every call was started before any had to finish.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    ASSERT_EQ(all.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(ok.load(), kCalls);
+    EXPECT_EQ(failed.load(), 0);
+    EXPECT_EQ(onCaller.load(), 0);
+    for (auto& item : items) EXPECT_TRUE(item->WaitFor(std::chrono::seconds(5)));  // each item ends as its completion returns
+}
+
+TEST_F(HttpTest, UnreachableServerAndDeadlines) {
+    backend_->handlers["currentTime"] = [](auto&) -> Ref<Kitra::Any> {
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
+    };
+    Client c = Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.readTimeout = std::chrono::milliseconds(200); });
+    try {
+        c.root->GetCurrentTime();
+        ADD_FAILURE();
+    } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+        auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+        EXPECT_NE(f->GetReason().find("within 200 ms"), std::string::npos) << f->GetReason();
+    }
 }
 
 }  // namespace

@@ -32,12 +32,14 @@ const ref = (type, id) => ({attributes: {type}, $value: id});
   assert.strictEqual(login.returnval.userName, 'demo');
   const cookie = ((client.lastResponseHeaders || {})['set-cookie'] || [])[0];
   assert.ok(cookie, 'login hands out a session cookie');
+  assert.ok(/; HttpOnly/.test(cookie) && /; SameSite=Strict/.test(cookie), 'the cookie is kept from scripts and other sites: ' + cookie);
+  assert.strictEqual(/; Secure/.test(cookie), url.startsWith('https:'), 'the cookie is Secure exactly over HTTPS: ' + cookie);
   client.addHttpHeader('Cookie', cookie.split(';')[0]);
 
   const query = ref('MorphelQueryManager', root.queryManager.$value || root.queryManager);
   const [sources] = await client.MorphelGetSupportedConversionSourcesAsync({_this: query});
   assert.ok(sources.returnval, 'supported sources answered');
-  console.log('npm soap client: retrieveContent, login, getSupportedConversionSources and a declared fault: ok');
+  console.log('npm soap client over ' + url.split(':')[0].toUpperCase() + ': retrieveContent, login, getSupportedConversionSources and a declared fault: ok');
 })().catch((e) => {
   console.error('npm soap client failed:', e && (e.stack || e));
   process.exit(1);

@@ -16,6 +16,7 @@
 #include <kitra/Kitra.h>
 #include <kitra/fault/types.h>
 #include <morphel-server/Machine.h>
+#include <morphel-server/Certificates.h>
 #include <morphel-server/Service.h>
 #include <morphel/event/types.h>
 #include <morphel/fault/types.h>
@@ -565,6 +566,48 @@ TEST(ServerMachine, VolumesLieOnListedDisks) {
         EXPECT_LE(v.spaceUsedInBytes, v.capacityInBytes) << v.id;
         for (const auto& d : v.diskIds) EXPECT_NE(m.FindDisk(d), nullptr) << v.id << " on " << d;
     }
+}
+
+// Over HTTPS the content names the certificate for clients to pin; a client that expects another one gets
+// the interface's own fault with what was presented.
+TEST(ServerTls, ContentCarriesTheThumbprintAndARejectionMapsToTheInterfacesFault) {
+    Service service;
+    Kitra::Http::ServerOptions options;
+    options.versions = Service::Versions();
+    options.tls = Kitra::Http::Tls::CreateSelfSigned("morphel test", {"127.0.0.1"});
+    Kitra::Http::Server server(options);
+    service.Attach(server);
+    server.Start();
+    Kitra::Http::ClientOptions pinned;
+    pinned.thumbprint = server.GetThumbprint(Kitra::Http::Tls::Digest::Sha256);
+    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4", pinned));
+    Ref<Morphel::ServiceInstanceStub> root(new Morphel::ServiceInstanceStub("ServiceInstance", adapter.Get(), nullptr));
+    Ref<Morphel::ServiceInstanceContent> content;
+    root->RetrieveContent(content);
+    auto* serverContent = dynamic_cast<Morphel::ServerInstanceContent*>(content.Get());
+    ASSERT_NE(serverContent, nullptr);
+    ASSERT_NE(serverContent->GetPelorServerInfo(), nullptr);
+    EXPECT_EQ(serverContent->GetPelorServerInfo()->GetServerThumbprint().GetValue(), server.GetThumbprint());
+    EXPECT_EQ(serverContent->GetPelorServerInfo()->GetUrl(), server.GetUrl());
+
+    Kitra::Http::ClientOptions other;
+    other.thumbprint = Kitra::Http::Tls::Thumbprint(Kitra::Http::Tls::CreateSelfSigned("other", {}).certificatePem);
+    Ref<Kitra::Http::StubAdapter> wrong(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4", other));
+    root = new Morphel::ServiceInstanceStub("ServiceInstance", wrong.Get(), nullptr);
+    try {
+        root->RetrieveContent(content);
+        ADD_FAILURE() << "accepted";
+    } catch (const Kitra::Fault::CertificateRejected::Exception& e) {
+        Ref<Morphel::Fault::SSLVerificationFault> fault =
+            MorphelServer::ToVerificationFault(*static_cast<Kitra::Fault::CertificateRejected*>(e.GetFault()));
+        EXPECT_EQ(fault->GetThumbprint(), server.GetThumbprint());
+        EXPECT_TRUE(fault->IsSelfSigned());
+        ASSERT_EQ(fault->GetCertificateChain()->GetLength(), 1u);
+        std::vector<uint8_t> der = Kitra::Http::Tls::ToDer(options.tls.certificatePem);
+        EXPECT_EQ(fault->GetCertificateChain()->Get(0)->GetData()->GetLength(), der.size());
+        EXPECT_NE(fault->GetMsg().find("is not the expected"), std::string::npos) << fault->GetMsg();
+    }
+    server.Stop();
 }
 
 }  // namespace

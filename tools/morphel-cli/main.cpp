@@ -1,4 +1,4 @@
-// morphel-cli: the typical request of a conversion client, end to end over HTTP: connect, log in, describe
+// morphel-cli: the typical request of a conversion client, end to end over HTTP or HTTPS: connect, log in, describe
 // this machine as a live source, validate the conversion parameters, create the job, follow its task,
 // list its events, log out. Without --url it hosts the reference service on a free loopback port.
 #include <unistd.h>
@@ -14,6 +14,8 @@
 #include <dovra/types.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
+#include <morphel-server/Certificates.h>
 #include <morphel-server/Service.h>
 #include <morphel/event/types.h>
 #include <morphel/fault/types.h>
@@ -30,9 +32,12 @@ using Fundix::Ref;
 const char kVersion[] = "morphel.version.version4";
 
 void Usage(std::FILE* out) {
-    std::fputs("usage: morphel-cli [--url URL] [--user NAME:PASSWORD]\n"
-               "  --url    the server (http://HOST:PORT/morphel); without it the reference service runs in process\n"
-               "  --user   the account to log in with (default demo:demo)\n",
+    std::fputs("usage: morphel-cli [--url URL] [--thumbprint XX:XX:..] [--user NAME:PASSWORD]\n"
+               "  --url         the server (http://HOST:PORT/morphel or https://...); without it the reference\n"
+               "                service runs in process\n"
+               "  --thumbprint  HTTPS: the server certificate's SHA-1 or SHA-256 thumbprint (as morphel-server prints\n"
+               "                it); without it the certificate must be trusted by the system and name the host\n"
+               "  --user        the account to log in with (default demo:demo)\n",
                out);
 }
 
@@ -137,8 +142,10 @@ Ref<Morphel::Params::ConversionParams> MakeParams(const std::string& vmName, Mor
     return params;
 }
 
-int Run(const std::string& url, const MorphelServer::Account& account) {
-    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(url, kVersion));
+int Run(const std::string& url, const std::string& thumbprint, const MorphelServer::Account& account) {
+    Kitra::Http::ClientOptions options;
+    options.thumbprint = thumbprint;
+    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(url, kVersion, options));
     Ref<Morphel::ServiceInstanceStub> root(new Morphel::ServiceInstanceStub(MorphelServer::kServiceInstanceId, adapter.Get(), nullptr));
     Ref<Morphel::ServiceInstanceContent> content;
     root->RetrieveContent(content);
@@ -267,13 +274,14 @@ int Run(const std::string& url, const MorphelServer::Account& account) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string url;
+    std::string url, thumbprint;
     MorphelServer::Account account{"demo", "demo"};
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
-        if ((arg == "--url" || arg == "--user") && i + 1 < argc) {
+        if ((arg == "--url" || arg == "--user" || arg == "--thumbprint") && i + 1 < argc) {
             std::string value = argv[++i];
             if (arg == "--url") url = value;
+            else if (arg == "--thumbprint") thumbprint = value;
             else if (!MorphelServer::ParseAccount(value, account)) {
                 std::fprintf(stderr, "morphel-cli: --user expects NAME:PASSWORD\n");
                 return 2;
@@ -302,9 +310,22 @@ int main(int argc, char** argv) {
             server->Start();
             url = server->GetUrl();
         }
-        int status = Run(url, account);
+        int status = Run(url, thumbprint, account);
         if (server) server->Stop();
         return status;
+    } catch (const Kitra::Fault::CertificateRejected::Exception& e) {
+        // The interface's own fault, with what a person needs to decide whether to pin the certificate.
+        const auto* rejected = static_cast<const Kitra::Fault::CertificateRejected*>(e.GetFault());
+        if (rejected == nullptr) {
+            PrintFault(e.GetFault());
+        } else {
+            Ref<Morphel::Fault::SSLVerificationFault> fault = MorphelServer::ToVerificationFault(*rejected);
+            std::fprintf(stderr, "morphel-cli: fault %s\n  msg: %s\n  thumbprint: %s\n  selfSigned: %s\n  certificateChain: %zu certificate(s)\n",
+                         fault->_GetType()->GetName(), fault->GetMsg().c_str(), fault->GetThumbprint().c_str(),
+                         fault->IsSelfSigned() ? "true" : "false", fault->GetCertificateChain()->GetLength());
+            std::fprintf(stderr, "morphel-cli: if this is the server's certificate, pin it with --thumbprint %s\n",
+                         fault->GetThumbprint().c_str());
+        }
     } catch (const Kitra::MethodFault::Exception& e) {
         PrintFault(e.GetFault());
     } catch (const Fundix::Exception& e) {

@@ -32,16 +32,30 @@ private:
             new Dovra::AboutInfo("Morphel Server", "Morphel Reference Server 0.1.0", "morphelTypes", "0.1.0",
                                  "1", "linux-x64", "ConversionServer", apiVersion, context_.instanceUuid,
                                  Fundix::Optional<std::string>(), Fundix::Optional<std::string>()));
-        return new Morphel::ServiceInstanceContent(
+        Kitra::Http::Server* server = context_.server;
+        bool tls = server != nullptr && server->IsTls();
+        Ref<Morphel::ServiceInstanceContent> content(tls ? new Morphel::ServerInstanceContent()
+                                                         : new Morphel::ServiceInstanceContent());
+        content->SetPropertyCollector(
             Ref<Kitra::MoRef>(
                 new Kitra::MoRef(Kitra::GetType<Kitra::ManagedObject>()->GetName(), "PropertyCollector"))
-                .Get(),
-            RefTo<Morphel::SessionManager>(kSessionManagerId).Get(),
-            RefTo<Morphel::Event::EventManager>(kEventManagerId).Get(),
-            RefTo<Morphel::Task::TaskManager>(kTaskManagerId).Get(),
-            RefTo<Morphel::QueryManager>(kQueryManagerId).Get(),
-            RefTo<Morphel::DiagnosticManager>(kDiagnosticManagerId).Get(), about.Get(),
-            RefTo<Morphel::Server::Conversion::ConversionManager>(kConversionManagerId).Get(), nullptr);
+                .Get());
+        content->SetSessionManager(RefTo<Morphel::SessionManager>(kSessionManagerId).Get());
+        content->SetEventManager(RefTo<Morphel::Event::EventManager>(kEventManagerId).Get());
+        content->SetTaskManager(RefTo<Morphel::Task::TaskManager>(kTaskManagerId).Get());
+        content->SetQueryManager(RefTo<Morphel::QueryManager>(kQueryManagerId).Get());
+        content->SetDiagnosticManager(RefTo<Morphel::DiagnosticManager>(kDiagnosticManagerId).Get());
+        content->SetAbout(about.Get());
+        content->SetConversionManager(
+            RefTo<Morphel::Server::Conversion::ConversionManager>(kConversionManagerId).Get());
+        // Over HTTPS the content names the server's certificate, for clients to pin.
+        if (tls)
+            static_cast<Morphel::ServerInstanceContent*>(content.Get())
+                ->SetPelorServerInfo(Ref<Morphel::ServerInstanceContent::PelorServerInfo>(
+                                         new Morphel::ServerInstanceContent::PelorServerInfo(
+                                             server->GetUrl(), server->GetThumbprint()))
+                                         .Get());
+        return content;
     }
 
     Context& context_;

@@ -1,11 +1,13 @@
-// morphel-server: serves the in-memory reference service over HTTP until SIGINT or SIGTERM.
+// morphel-server: serves the in-memory reference service over HTTP or HTTPS until SIGINT or SIGTERM.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <fundix/Exception.h>
 #include <kitra/Http.h>
@@ -15,9 +17,16 @@ namespace {
 
 void Usage(std::FILE* out) {
     std::fputs("usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
-               "  --listen   address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
-               "  --users    accounts, one name:password per line\n"
-               "  --user     one more account\n"
+               "                      [--tls [--cert FILE --key FILE] [--state DIR]] [--plain-http]\n"
+               "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
+               "  --users       accounts, one name:password per line\n"
+               "  --user        one more account\n"
+               "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
+               "                kept in the state folder, so that its thumbprint stays the same\n"
+               "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
+               "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
+               "                ~/.local/state/morphel-server)\n"
+               "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
                "Without accounts the one account is demo:demo.\n",
                out);
 }
@@ -27,6 +36,8 @@ void Usage(std::FILE* out) {
 int main(int argc, char** argv) {
     std::string host = "127.0.0.1";
     int port = 8085;
+    bool tls = false, plainHttp = false;
+    std::string certFile, keyFile, stateFolder = Kitra::Http::Tls::DefaultStateFolder("morphel-server");
     MorphelServer::ServiceOptions options;
     try {
         for (int i = 1; i < argc; ++i) {
@@ -52,6 +63,18 @@ int main(int argc, char** argv) {
                 MorphelServer::Account account;
                 if (!MorphelServer::ParseAccount(value(), account)) throw std::runtime_error("--user expects NAME:PASSWORD");
                 options.accounts.push_back(account);
+            } else if (arg == "--tls") {
+                tls = true;
+            } else if (arg == "--cert") {
+                certFile = value();
+                tls = true;
+            } else if (arg == "--key") {
+                keyFile = value();
+                tls = true;
+            } else if (arg == "--state") {
+                stateFolder = value();
+            } else if (arg == "--plain-http") {
+                plainHttp = true;
             } else if (arg == "-h" || arg == "--help") {
                 Usage(stdout);
                 return 0;
@@ -59,10 +82,29 @@ int main(int argc, char** argv) {
                 throw std::runtime_error("unknown argument " + arg);
             }
         }
+        if (certFile.empty() != keyFile.empty()) throw std::runtime_error("--cert and --key go together");
     } catch (const std::exception& e) {
         std::fprintf(stderr, "morphel-server: %s\n", e.what());
         Usage(stderr);
         return 2;
+    }
+
+    Kitra::Http::Tls::Identity identity;
+    if (tls) {
+        try {
+            if (!certFile.empty()) {
+                identity = Kitra::Http::Tls::Load(certFile, keyFile);
+            } else {
+                char name[256] = "localhost";
+                gethostname(name, sizeof name - 1);
+                std::vector<std::string> names{name, "localhost", "127.0.0.1", "::1"};
+                if (host != "0.0.0.0" && host != "::" && host != name && host != "localhost" && host != "127.0.0.1") names.push_back(host);
+                identity = Kitra::Http::Tls::LoadOrCreate(stateFolder, name, names);
+            }
+        } catch (const Fundix::Exception& e) {
+            std::fprintf(stderr, "morphel-server: %s\n", e.GetMessage().c_str());
+            return 1;
+        }
     }
 
     // The signals are taken by sigwait below, on this thread only; the serving threads inherit the mask.
@@ -77,6 +119,8 @@ int main(int argc, char** argv) {
     serverOptions.host = host;
     serverOptions.port = port;
     serverOptions.versions = MorphelServer::Service::Versions();
+    serverOptions.tls = identity;
+    serverOptions.allowPlainHttp = plainHttp;
     Kitra::Http::Server server(serverOptions);
     service.Attach(server);
     std::mutex logMutex;
@@ -91,6 +135,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fprintf(stderr, "morphel-server: serving %s\n", server.GetUrl().c_str());
+    if (server.IsTls()) {
+        std::fprintf(stderr, "morphel-server: certificate SHA-1 thumbprint %s\n", server.GetThumbprint().c_str());
+        std::fprintf(stderr, "morphel-server: certificate SHA-256 thumbprint %s\n",
+                     server.GetThumbprint(Kitra::Http::Tls::Digest::Sha256).c_str());
+    }
 
     int received = 0;
     sigwait(&signals, &received);

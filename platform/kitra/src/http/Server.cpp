@@ -1,16 +1,21 @@
-// The HTTP server: decodes each request with the codec of the version the client speaks, checks session and
-// privilege, dispatches through the managed type's invoke function, and answers with the result or fault.
-#include <atomic>
-#include <chrono>
-#include <random>
-#include <thread>
+// The server's handling of one request, apart from the network: decodes it with the codec of the version the
+// client speaks, checks session and privilege before looking up the target, dispatches through the managed
+// type's invoke function, and answers with the result or fault. Sessions live here too.
+#include <cxxabi.h>
 
-#include <httplib.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <typeinfo>
+
+#include <openssl/rand.h>
 
 #include <fundix/Exception.h>
 #include <kitra/Http.h>
 #include <kitra/Registry.h>
 #include <kitra/fault/types.h>
+
+#include "Internal.h"
 
 namespace Kitra::Http {
 
@@ -20,14 +25,37 @@ thread_local Call* tCurrent = nullptr;
 
 const char kAnonymous[] = "System.Anonymous";
 
+// 128 bits from the operating system's random source, as hex.
 std::string NewKey() {
-    static std::mutex mutex;
-    static std::mt19937_64 random{std::random_device{}()};
-    std::lock_guard<std::mutex> lock(mutex);
-    char text[33];
-    std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(random()),
-                  static_cast<unsigned long long>(random()));
+    unsigned char bytes[16];
+    if (RAND_bytes(bytes, sizeof bytes) != 1) throw Fundix::Exception("no random bytes for a session key");
+    static const char kHex[] = "0123456789abcdef";
+    std::string key(32, '0');
+    for (size_t i = 0; i < sizeof bytes; ++i) {
+        key[2 * i] = kHex[bytes[i] >> 4];
+        key[2 * i + 1] = kHex[bytes[i] & 15];
+    }
+    return key;
+}
+
+std::string Demangle(const char* name) {
+    int status = 0;
+    char* readable = abi::__cxa_demangle(name, nullptr, nullptr, &status);
+    std::string text = status == 0 && readable != nullptr ? readable : name;
+    std::free(readable);
     return text;
+}
+
+// The exception being handled, for the log: its type and message.
+std::string CurrentCause() {
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        return Demangle(typeid(e).name()) + ": " + e.what();
+    } catch (...) {
+        const std::type_info* type = abi::__cxa_current_exception_type();
+        return type != nullptr ? Demangle(type->name()) : std::string("unknown exception");
+    }
 }
 
 // The value of cookie `name` in a Cookie header.
@@ -39,7 +67,13 @@ std::string CookieValue(const std::string& header, const std::string& name) {
         std::string part = header.substr(at, end - at);
         size_t first = part.find_first_not_of(' ');
         if (first != std::string::npos) part.erase(0, first);
-        if (part.compare(0, name.size() + 1, name + "=") == 0) return part.substr(name.size() + 1);
+        if (part.compare(0, name.size() + 1, name + "=") == 0) {
+            std::string value = part.substr(name.size() + 1);
+            while (!value.empty() && value.back() == ' ') value.pop_back();
+            // A value may come in double quotes (RFC 6265, 4.1.1).
+            if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+            return value;
+        }
         at = end + 1;
     }
     return "";
@@ -60,37 +94,57 @@ std::string Session::Get(const std::string& name) const {
     return it == values_.end() ? "" : it->second;
 }
 
-struct Server::Impl {
-    ServerOptions options;
-    std::vector<std::unique_ptr<Soap::Codec>> codecs;
-    httplib::Server http;
-    std::thread thread;
-    std::atomic<bool> running{false};
+const Soap::Codec* Server::Impl::CodecFor(const std::string& soapAction) const {
+    std::string action = soapAction;
+    if (action.size() >= 2 && action.front() == '"' && action.back() == '"') action = action.substr(1, action.size() - 2);
+    if (action.empty()) return codecs.front().get();
+    for (const auto& c : codecs)
+        if (c->GetVersionUri() == action) return c.get();
+    return nullptr;
+}
 
-    mutable std::mutex mutex;
-    std::map<std::string, Fundix::Ref<ManagedObject>> objects;
-    std::map<std::string, Fundix::Ref<Session>> sessions;
-    PrivilegeCheck privilegeCheck;
-    NotAuthenticated notAuthenticated;
-    NoPermission noPermission;
-    Logger logger;
-
-    const Soap::Codec* CodecFor(const std::string& soapAction) const {
-        std::string action = soapAction;
-        if (action.size() >= 2 && action.front() == '"' && action.back() == '"') action = action.substr(1, action.size() - 2);
-        if (action.empty()) return codecs.front().get();
-        for (const auto& c : codecs)
-            if (c->GetVersionUri() == action) return c.get();
+Fundix::Ref<Session> Server::Impl::FindSession(const std::string& key) {
+    auto now = std::chrono::steady_clock::now();
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = sessions.find(key);
+    if (it == sessions.end()) return nullptr;
+    Session& s = *it->second;
+    if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
+        sessions.erase(it);
         return nullptr;
     }
-};
+    s.used_ = now;
+    return it->second;
+}
+
+void Server::Impl::DropExpired() {
+    auto now = std::chrono::steady_clock::now();
+    for (auto it = sessions.begin(); it != sessions.end();) {
+        const Session& s = *it->second;
+        if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) it = sessions.erase(it);
+        else ++it;
+    }
+}
 
 Session* Call::OpenSession(const std::string& userName) {
     if (session_ != nullptr) CloseSession();
     session_ = new Session(NewKey(), userName);
+    session_->opened_ = session_->used_ = std::chrono::steady_clock::now();
     {
-        std::lock_guard<std::mutex> lock(server_->impl_->mutex);
-        server_->impl_->sessions[session_->GetKey()] = session_;
+        Server::Impl& impl = *server_->impl_;
+        std::lock_guard<std::mutex> lock(impl.mutex);
+        impl.DropExpired();
+        // An account past its cap gives up its least recently used session.
+        std::vector<std::map<std::string, Fundix::Ref<Session>>::iterator> own;
+        for (auto it = impl.sessions.begin(); it != impl.sessions.end(); ++it)
+            if (it->second->GetUserName() == userName) own.push_back(it);
+        while (!own.empty() && own.size() >= impl.options.sessionsPerUser) {
+            auto oldest = std::min_element(own.begin(), own.end(),
+                                           [](const auto& a, const auto& b) { return a->second->used_ < b->second->used_; });
+            impl.sessions.erase(*oldest);
+            own.erase(oldest);
+        }
+        impl.sessions[session_->GetKey()] = session_;
     }
     sessionChanged_ = true;
     return session_.Get();
@@ -110,6 +164,7 @@ bool Call::CloseSession(const std::string& key) {
 
 std::vector<Fundix::Ref<Session>> Call::GetSessions() const {
     std::lock_guard<std::mutex> lock(server_->impl_->mutex);
+    server_->impl_->DropExpired();
     std::vector<Fundix::Ref<Session>> all;
     for (const auto& [key, session] : server_->impl_->sessions) all.push_back(session);
     return all;
@@ -120,6 +175,10 @@ Call* Call::Current() { return tCurrent; }
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>()) {
     if (options.versions.empty()) throw Fundix::InvalidArgumentException("a server needs at least one version");
     for (const auto& v : options.versions) impl_->codecs.push_back(std::make_unique<Soap::Codec>(v, options.limits));
+    if (!options.tls.Empty()) {
+        impl_->thumbprintSha1 = Tls::Thumbprint(options.tls.certificatePem, Tls::Digest::Sha1);
+        impl_->thumbprintSha256 = Tls::Thumbprint(options.tls.certificatePem, Tls::Digest::Sha256);
+    }
     impl_->options = std::move(options);
 }
 
@@ -145,7 +204,9 @@ void Server::SetFaults(NotAuthenticated notAuthenticated, NoPermission noPermiss
 void Server::SetLogger(Logger logger) { impl_->logger = std::move(logger); }
 
 std::string Server::GetUrl() const {
-    return "http://" + impl_->options.host + ":" + std::to_string(port_) + impl_->options.path;
+    std::string host = impl_->options.host;
+    if (host.find(':') != std::string::npos) host = "[" + host + "]";
+    return (IsTls() ? "https://" : "http://") + host + ":" + std::to_string(port_) + impl_->options.path;
 }
 
 Server::Reply Server::Handle(const std::string& body, const std::string& soapAction, const std::string& cookie,
@@ -167,25 +228,13 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
     call.codec_ = codec;
     call.peer_ = peer;
     std::string key = CookieValue(cookie, kSessionCookie);
-    if (!key.empty()) {
-        std::lock_guard<std::mutex> lock(impl_->mutex);
-        auto it = impl_->sessions.find(key);
-        if (it != impl_->sessions.end()) call.session_ = it->second;
-    }
+    if (!key.empty()) call.session_ = impl_->FindSession(key);
     try {
         Soap::Message request = codec->Decode(body);
         if (request.kind != Soap::MessageKind::Request)
             Fault::InvalidRequest::Exception("not a request", Fundix::Optional<std::string>()).Throw();
         ManagedMethod* method = request.method;
         call.method_ = method;
-        Fundix::Ref<ManagedObject> target;
-        {
-            std::lock_guard<std::mutex> lock(impl_->mutex);
-            auto it = impl_->objects.find(request.target->GetId());
-            if (it != impl_->objects.end()) target = it->second;
-        }
-        if (target == nullptr) Fault::ManagedObjectNotFound::Exception(request.target.Get()).Throw();
-
         const char* privilege = method->GetPrivilege();
         bool anonymous = privilege != nullptr && std::string_view(privilege) == kAnonymous;
         if (!anonymous) {
@@ -200,6 +249,14 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
                 fault->Throw();
             }
         }
+        // Only now, so that a caller without a session learns nothing of which objects exist.
+        Fundix::Ref<ManagedObject> target;
+        {
+            std::lock_guard<std::mutex> lock(impl_->mutex);
+            auto it = impl_->objects.find(request.target->GetId());
+            if (it != impl_->objects.end()) target = it->second;
+        }
+        if (target == nullptr) Fault::ManagedObjectNotFound::Exception(request.target.Get()).Throw();
         const ManagedTypeInfo* info = method->GetOwner()->GetManagedTypeInfo();
         if (info->invoke == nullptr) throw Fundix::InvalidArgumentException("no dispatch");
         Fundix::Ref<Any> result;
@@ -217,7 +274,8 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
         if (fault == nullptr) fault = new RuntimeFault();
         fail(*codec, fault.Get());
     } catch (...) {
-        // Anything else is a failure of the implementation: the caller learns no internals.
+        // Anything else is a failure of the implementation: the caller learns no internals, the log the cause.
+        reply.cause = CurrentCause();
         Fundix::Ref<RuntimeFault> fault(new RuntimeFault());
         fail(*codec, fault.Get());
     }
@@ -229,44 +287,33 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
         std::string line = peer + " " + (call.method_ ? call.method_->GetWireName() : std::string("-")) + " " +
                            std::to_string(reply.status) + " " + std::to_string(body.size()) + "B";
         if (call.session_ != nullptr) line += " user=" + call.session_->GetUserName();
+        if (!reply.cause.empty()) line += " cause=" + reply.cause;
         impl_->logger(line);
     }
     return reply;
 }
 
 int Server::Start() {
-    Impl& impl = *impl_;
-    size_t threads = impl.options.threads;
-    impl.http.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    // Bodies a little past the codec's limit still reach it, so that they get a fault rather than a bare status.
-    impl.http.set_payload_max_length(impl.options.limits.maxMessageBytes + (size_t(1) << 20));
-    impl.http.set_keep_alive_max_count(1000);
-    impl.http.set_tcp_nodelay(true);
-    impl.http.Post(impl.options.path, [this](const httplib::Request& request, httplib::Response& response) {
-        Reply reply = Handle(request.body, request.get_header_value("SOAPAction"), request.get_header_value("Cookie"),
-                             request.remote_addr);
-        response.status = reply.status;
-        if (!reply.setSession.empty())
-            response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" + reply.setSession + "; Path=/; HttpOnly");
-        else if (reply.clearSession)
-            response.set_header("Set-Cookie", std::string(kSessionCookie) + "=; Path=/; Max-Age=0");
-        response.set_content(std::move(reply.body), "text/xml; charset=utf-8");
-    });
-    int port = impl.options.port == 0 ? impl.http.bind_to_any_port(impl.options.host)
-                                      : (impl.http.bind_to_port(impl.options.host, impl.options.port) ? impl.options.port : -1);
-    if (port <= 0)
-        throw Fundix::InvalidArgumentException("cannot listen on " + impl.options.host + ":" + std::to_string(impl.options.port));
-    port_ = port;
-    impl.running = true;
-    impl.thread = std::thread([&impl] { impl.http.listen_after_bind(); });
-    while (!impl.http.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (impl_->listener) throw Fundix::InvalidArgumentException("the server is already serving");
+    auto listener = std::make_unique<Listener>(*this, impl_->options);
+    port_ = listener->Start();
+    impl_->listener = std::move(listener);
     return port_;
 }
 
 void Server::Stop() {
-    if (!impl_->running.exchange(false)) return;
-    impl_->http.stop();
-    if (impl_->thread.joinable()) impl_->thread.join();
+    if (!impl_->listener) return;
+    impl_->listener->Stop();
+    impl_->listener.reset();
 }
+
+bool Server::IsTls() const { return !impl_->options.tls.Empty(); }
+
+std::string Server::GetThumbprint(Tls::Digest digest) const {
+    if (!IsTls()) return "";
+    return digest == Tls::Digest::Sha1 ? impl_->thumbprintSha1 : impl_->thumbprintSha256;
+}
+
+size_t Server::GetOpenConnections() const { return impl_->listener ? impl_->listener->Open() : 0; }
 
 }  // namespace Kitra::Http
