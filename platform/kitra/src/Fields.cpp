@@ -135,43 +135,59 @@ struct LayoutProbe {
     const void* object = nullptr;
 };
 
-struct ProbeEntry {
-    std::atomic<const DataTypeInfo*> record{nullptr};
-    const FieldLayout* layout = nullptr;
-};
-constexpr size_t kProbeSlots = 4096;
-ProbeEntry gProbes[kProbeSlots];
-std::mutex gProbesMutex;
+// What is worked out once per record or layout (static tables, so their addresses are the keys): kept in
+// open-addressed slots that are read without a lock and filled under one. A key's value never changes once
+// kept. When every slot is taken, a value is made for the one call and `kept` says so.
+template <class Key, class Value>
+class OnceTable {
+public:
+    template <class Make>
+    Value Get(const Key* key, Make make, bool* kept = nullptr) {
+        size_t h = Hash(key);
+        for (size_t n = 0; n < kSlots; ++n, h = (h + 1) & (kSlots - 1)) {
+            const Key* k = slots_[h].key.load(std::memory_order_acquire);
+            if (k == key) return slots_[h].value;
+            if (k == nullptr) break;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        h = Hash(key);
+        for (size_t n = 0; n < kSlots; ++n, h = (h + 1) & (kSlots - 1)) {
+            const Key* k = slots_[h].key.load(std::memory_order_relaxed);
+            if (k == key) return slots_[h].value;
+            if (k != nullptr) continue;
+            slots_[h].value = make();
+            slots_[h].key.store(key, std::memory_order_release);
+            return slots_[h].value;
+        }
+        if (kept != nullptr) *kept = false;
+        return make();
+    }
 
-size_t ProbeHash(const DataTypeInfo* record) {
-    return static_cast<size_t>((reinterpret_cast<uintptr_t>(record) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
-           (kProbeSlots - 1);
-}
+private:
+    static constexpr size_t kSlots = 4096;
+    static size_t Hash(const Key* key) {
+        return static_cast<size_t>((reinterpret_cast<uintptr_t>(key) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
+               (kSlots - 1);
+    }
+    struct Slot {
+        std::atomic<const Key*> key{nullptr};
+        Value value{};
+    };
+    Slot slots_[kSlots];
+    std::mutex mutex_;
+};
+
+OnceTable<DataTypeInfo, const FieldLayout*> gProbes;
 
 }  // namespace
 
 const FieldLayout* LayoutOf(const DataTypeInfo* record, DataObject* object) {
-    size_t h = ProbeHash(record);
-    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
-        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_acquire);
-        if (k == record) return gProbes[h].layout;
-        if (k == nullptr) break;
-    }
-    LayoutProbe probe;
-    if (record->getProperty != nullptr) record->getProperty(object, kProbeIndex, &probe);
-    // Usable only where the declaring class's fields are laid out from the object's own address.
-    const FieldLayout* layout = probe.object == object ? probe.layout : nullptr;
-    std::lock_guard<std::mutex> lock(gProbesMutex);
-    h = ProbeHash(record);
-    for (size_t n = 0; n < kProbeSlots; ++n, h = (h + 1) & (kProbeSlots - 1)) {
-        const DataTypeInfo* k = gProbes[h].record.load(std::memory_order_relaxed);
-        if (k == record) return gProbes[h].layout;
-        if (k != nullptr) continue;
-        gProbes[h].layout = layout;
-        gProbes[h].record.store(record, std::memory_order_release);
-        break;
-    }
-    return layout;
+    return gProbes.Get(record, [&]() -> const FieldLayout* {
+        LayoutProbe probe;
+        if (record->getProperty != nullptr) record->getProperty(object, kProbeIndex, &probe);
+        // Usable only where the declaring class's fields are laid out from the object's own address.
+        return probe.object == object ? probe.layout : nullptr;
+    });
 }
 
 void Get(const FieldLayout& layout, const void* object, int index, void* out) {
@@ -365,18 +381,7 @@ struct SizePlan {
     Varying fields[1];  // `count` of them
 };
 
-constexpr size_t kPlanSlots = 4096;
-struct PlanEntry {
-    std::atomic<const FieldLayout*> layout{nullptr};
-    const SizePlan* plan = nullptr;
-};
-PlanEntry gPlans[kPlanSlots];
-std::mutex gPlansMutex;
-
-size_t PlanHash(const FieldLayout* layout) {
-    return static_cast<size_t>((reinterpret_cast<uintptr_t>(layout) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
-           (kPlanSlots - 1);
-}
+OnceTable<FieldLayout, const SizePlan*> gPlans;
 
 const SizePlan* MakePlan(const FieldLayout& layout) {
     std::vector<Varying> fields;
@@ -393,31 +398,6 @@ const SizePlan* MakePlan(const FieldLayout& layout) {
     plan->count = static_cast<uint32_t>(fields.size());
     std::copy(fields.begin(), fields.end(), plan->fields);
     return plan;
-}
-
-const SizePlan* AddPlan(const FieldLayout& layout) {
-    std::lock_guard<std::mutex> lock(gPlansMutex);
-    size_t h = PlanHash(&layout);
-    for (size_t n = 0; n < kPlanSlots; ++n, h = (h + 1) & (kPlanSlots - 1)) {
-        const FieldLayout* k = gPlans[h].layout.load(std::memory_order_relaxed);
-        if (k == &layout) return gPlans[h].plan;
-        if (k != nullptr) continue;
-        gPlans[h].plan = MakePlan(layout);
-        gPlans[h].layout.store(&layout, std::memory_order_release);
-        return gPlans[h].plan;
-    }
-    return nullptr;
-}
-
-// Null only when the table is full.
-inline const SizePlan* PlanOf(const FieldLayout& layout) {
-    size_t h = PlanHash(&layout);
-    for (size_t n = 0; n < kPlanSlots; ++n, h = (h + 1) & (kPlanSlots - 1)) {
-        const FieldLayout* k = gPlans[h].layout.load(std::memory_order_acquire);
-        if (k == &layout) return gPlans[h].plan;
-        if (k == nullptr) break;
-    }
-    return AddPlan(layout);
 }
 
 [[gnu::always_inline]] inline unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
@@ -513,12 +493,11 @@ unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
     // Only strings and counted values hold memory beyond the object; everything else is in the class's
     // own size, which the caller counts once.
     auto* at = static_cast<const char*>(object);
-    const SizePlan* plan = PlanOf(layout);
-    if (plan != nullptr) [[likely]]
-        return ExtraSize(plan, at, sizer);
-    plan = MakePlan(layout);  // the table is full: a plan for this call only
+    bool kept = true;
+    const SizePlan* plan = gPlans.Get(&layout, [&] { return MakePlan(layout); }, &kept);
     unsigned size = ExtraSize(plan, at, sizer);
-    ::operator delete(const_cast<SizePlan*>(plan));
+    if (!kept) [[unlikely]]
+        ::operator delete(const_cast<SizePlan*>(plan));  // the table is full: a plan for this call only
     return size;
 }
 

@@ -7,28 +7,19 @@
 #include <optional>
 #include <thread>
 
-#include <boost/asio/strand.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
-
 #include <fundix/Exception.h>
 #include <kitra/Array.h>
 #include <kitra/Http.h>
 #include <kitra/fault/types.h>
 
 #include "Internal.h"
+#include "Net.h"
 
 namespace Kitra::Http {
 
 namespace {
 
-namespace beast = boost::beast;
-namespace bhttp = beast::http;
-namespace net = boost::asio;
-namespace ssl = net::ssl;
-using tcp = net::ip::tcp;
-using Clock = std::chrono::steady_clock;
+using namespace Net;
 
 thread_local bool tOnTransport = false;
 

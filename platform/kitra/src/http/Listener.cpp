@@ -6,26 +6,18 @@
 #include <optional>
 #include <thread>
 
-#include <boost/asio/strand.hpp>
-#include <boost/beast/core.hpp>
 #include <boost/beast/core/detect_ssl.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 
 #include <fundix/Exception.h>
 
 #include "Internal.h"
+#include "Net.h"
 
 namespace Kitra::Http {
 
 namespace {
 
-namespace beast = boost::beast;
-namespace bhttp = beast::http;
-namespace net = boost::asio;
-namespace ssl = net::ssl;
-using tcp = net::ip::tcp;
-using Clock = std::chrono::steady_clock;
+using namespace Net;
 
 // A refused request's peer may still be sending: after the answer the connection reads and drops at most
 // this much for at most this long, so that the answer is not lost to a reset.
