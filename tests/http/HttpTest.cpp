@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -400,6 +401,16 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
         o.sessionIdle = std::chrono::milliseconds(600);
         o.sessionsPerUser = 3;
     });
+    std::mutex endedMutex;
+    std::map<std::string, int> ended;  // by account: sessions the server said ended
+    server_->SetSessionEndHandler([&](const Kitra::Http::Session& s) {
+        std::lock_guard<std::mutex> lock(endedMutex);
+        ++ended[s.GetUserName()];
+    });
+    auto endedOf = [&](const std::string& user) {
+        std::lock_guard<std::mutex> lock(endedMutex);
+        return ended[user];
+    };
     // Distinct 128-bit keys across many logins (of many accounts, so that no cap interferes).
     Client c = Connect();
     std::set<std::string> keys;
@@ -425,14 +436,17 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
     out.sessions->Logout();
     out.adapter->SetSession(old);
     EXPECT_TRUE(refused(out));
+    EXPECT_EQ(endedOf("ann"), 1);
     Client idle = Connect();
     Login(idle, "bob");
     for (int i = 0; i < 3; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         EXPECT_FALSE(refused(idle));  // each use keeps it alive for the idle time again
     }
+    EXPECT_EQ(endedOf("bob"), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(900));
     EXPECT_TRUE(refused(idle));
+    EXPECT_EQ(endedOf("bob"), 1);
 
     // Past the per-account cap the least recently used session of that account ends.
     std::vector<Client> carol;
@@ -443,6 +457,8 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
     EXPECT_TRUE(refused(carol[0]));
     EXPECT_FALSE(refused(carol[1]));
     EXPECT_FALSE(refused(carol[3]));
+    EXPECT_EQ(endedOf("carol"), 1);
+    EXPECT_EQ(endedOf("ann"), 1);  // each end told once
 }
 
 TEST_F(HttpTest, SessionsEndAtTheirLifetimeThoughInUse) {

@@ -50,7 +50,10 @@ class ServerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         MorphelServer::ServiceOptions options;
-        options.accounts = {{"demo", "demo"}, {"ann", "a:b"}};
+        // The lowest cost keeps logins quick; the default cost is the demo account's.
+        options.accounts = {MorphelServer::MakeAccount("demo", "demo", std::vector<std::string>{"*"}, 1),
+                            MorphelServer::MakeAccount("ann", "a:b", std::nullopt, 1),
+                            MorphelServer::MakeAccount("eve", "e", std::vector<std::string>{"Task.Update"}, 1)};
         options.conversionTime = std::chrono::milliseconds(400);
         options.state = state_ = MorphelServer::NewMemoryState();
         service_ = std::make_unique<Service>(options);
@@ -533,28 +536,68 @@ TEST(ServerProgram, ServesUntilTerminated) {
     std::fclose(err);
 }
 
-TEST(ServerAccounts, ParsedFromOptionsAndFiles) {
-    MorphelServer::Account a;
-    EXPECT_TRUE(MorphelServer::ParseAccount("bob:p:q", a));
-    EXPECT_EQ(a.name, "bob");
-    EXPECT_EQ(a.password, "p:q");
-    EXPECT_FALSE(MorphelServer::ParseAccount(":pw", a));
-    EXPECT_FALSE(MorphelServer::ParseAccount("nocolon", a));
+TEST(ServerAccounts, ParsedFromFilesWithHashesAndPrivileges) {
+    MorphelServer::Credentials given;
+    EXPECT_TRUE(MorphelServer::ParseCredentials("bob:p:q", given));
+    EXPECT_EQ(given.password, "p:q");
+    EXPECT_FALSE(MorphelServer::ParseCredentials(":pw", given));
+    EXPECT_FALSE(MorphelServer::ParseCredentials("nocolon", given));
+
+    std::string hash = MorphelServer::HashPassword("one", 1);
+    EXPECT_EQ(hash.rfind("$y$", 0), 0u) << hash;
+    EXPECT_NE(hash, MorphelServer::HashPassword("one", 1));  // salted
+    EXPECT_TRUE(MorphelServer::CheckPassword("one", hash));
+    EXPECT_FALSE(MorphelServer::CheckPassword("one ", hash));
+    EXPECT_FALSE(MorphelServer::CheckPassword("one", "not a hash"));
 
     std::string path = testing::TempDir() + "morphel-accounts.txt";
-    std::ofstream(path) << "# accounts\n\nann:one\r\nbob:two\n";
+    std::ofstream(path) << "# accounts\n\nann:" << hash << "\r\nbob:" << hash
+                        << ":Task.Update,Global.CancelTask\nroot:" << hash << ":*\n";
     auto accounts = MorphelServer::ReadAccounts(path);
-    ASSERT_EQ(accounts.size(), 2u);
-    EXPECT_EQ(accounts[0].password, "one");
-    std::ofstream(path) << "ann:one\nbroken\n";
-    try {
-        MorphelServer::ReadAccounts(path);
-        ADD_FAILURE();
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find(":2:"), std::string::npos) << e.what();
-    }
+    ASSERT_EQ(accounts.size(), 3u);
+    EXPECT_EQ(accounts[0].passwordHash, hash);
+    EXPECT_TRUE(accounts[0].Holds("Global.CancelTask"));
+    EXPECT_FALSE(accounts[0].Holds("Task.Update"));
+    EXPECT_TRUE(accounts[1].Holds("Task.Update"));
+    EXPECT_FALSE(accounts[1].Holds("ScheduledTask.Create"));
+    EXPECT_TRUE(accounts[2].Holds("Sessions.TerminateSession"));
+
+    // Each error names the file and line, and a password in plain text says how to hash it.
+    auto error = [&](const std::string& text) {
+        std::ofstream(path) << "ann:" << hash << "\n" << text << "\n";
+        try {
+            MorphelServer::ReadAccounts(path);
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(path + ":2: "), std::string::npos) << e.what();
+            return std::string(e.what());
+        }
+        ADD_FAILURE() << text;
+        return std::string();
+    };
+    EXPECT_NE(error("bob:secret").find("morphel-server --hash-password bob"), std::string::npos);
+    EXPECT_NE(error("bob:$1$abc$def").find("not a password hash"), std::string::npos);
+    EXPECT_NE(error("broken").find("expected name:hash"), std::string::npos);
+    EXPECT_NE(error("bob:" + hash + ":Task.Updat").find("unknown privilege \"Task.Updat\""), std::string::npos);
+    EXPECT_NE(error("bob:" + hash + ":*,Task.Update").find("stands alone"), std::string::npos);
     std::remove(path.c_str());
     EXPECT_THROW(MorphelServer::ReadAccounts(path), std::runtime_error);
+}
+
+TEST(ServerAccounts, AuthenticateByHash) {
+    MorphelServer::AccountBook book({MorphelServer::MakeAccount("ann", "right", std::nullopt, 1),
+                                     MorphelServer::MakeAccount("bob", "other", std::nullopt, 1)});
+    EXPECT_EQ(book.Authenticate("ann", "wrong"), nullptr);
+    EXPECT_EQ(book.Authenticate("nobody", "right"), nullptr);
+    EXPECT_EQ(book.Authenticate("bob", "right"), nullptr);
+    for (int i = 0; i < 2; ++i) {  // the second time from what the first remembered
+        const MorphelServer::Account* ann = book.Authenticate("ann", "right");
+        ASSERT_NE(ann, nullptr);
+        EXPECT_EQ(ann->name, "ann");
+    }
+    EXPECT_EQ(book.Authenticate("ann", "righ"), nullptr);
+    EXPECT_EQ(book.Authenticate("bob", "right"), nullptr);
+    EXPECT_FALSE(book.Holds("nobody", "Global.CancelTask"));
+    EXPECT_TRUE(book.Holds("ann", "Global.CancelTask"));
 }
 
 TEST(ServerMachine, VolumesLieOnListedDisks) {

@@ -142,7 +142,7 @@ Ref<Morphel::Params::ConversionParams> MakeParams(const std::string& vmName, Mor
     return params;
 }
 
-int Run(const std::string& url, const std::string& thumbprint, const MorphelServer::Account& account) {
+int Run(const std::string& url, const std::string& thumbprint, const MorphelServer::Credentials& account) {
     Kitra::Http::ClientOptions options;
     options.thumbprint = thumbprint;
     Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(url, kVersion, options));
@@ -275,14 +275,14 @@ int Run(const std::string& url, const std::string& thumbprint, const MorphelServ
 
 int main(int argc, char** argv) {
     std::string url, thumbprint;
-    MorphelServer::Account account{"demo", "demo"};
+    MorphelServer::Credentials account{"demo", "demo"};
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if ((arg == "--url" || arg == "--user" || arg == "--thumbprint") && i + 1 < argc) {
             std::string value = argv[++i];
             if (arg == "--url") url = value;
             else if (arg == "--thumbprint") thumbprint = value;
-            else if (!MorphelServer::ParseAccount(value, account)) {
+            else if (!MorphelServer::ParseCredentials(value, account)) {
                 std::fprintf(stderr, "morphel-cli: --user expects NAME:PASSWORD\n");
                 return 2;
             }

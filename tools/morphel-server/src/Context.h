@@ -60,6 +60,7 @@ public:
     ServiceOptions options;  // with the default account and state filled in
     const Machine machine;
     const std::string instanceUuid;
+    AccountBook accounts;
     std::shared_ptr<State> state;
     Kitra::Http::Server* server = nullptr;
 

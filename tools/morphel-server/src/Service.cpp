@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <stdexcept>
 
@@ -18,40 +17,9 @@ namespace MorphelServer {
 using Fundix::Ref;
 using Fundix::System::DateTime;
 
-// ---- Accounts
-
-bool ParseAccount(const std::string& text, Account& out) {
-    size_t colon = text.find(':');
-    if (colon == std::string::npos || colon == 0) return false;
-    out.name = text.substr(0, colon);
-    out.password = text.substr(colon + 1);
-    return true;
-}
-
-std::vector<Account> ReadAccounts(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error(path + ": cannot be read");
-    std::vector<Account> accounts;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.empty() || line[0] == '#') continue;
-        Account account;
-        if (!ParseAccount(line, account))
-            throw std::runtime_error(path + ":" + std::to_string(number) + ": expected name:password");
-        accounts.push_back(account);
-    }
-    return accounts;
-}
-
 std::vector<std::string> Service::Versions() {
     return {"morphel.version.version4", "morphel.version.version3", "morphel.version.version2",
             "morphel.version.version1"};
-}
-
-bool Service::HasPrivilege(const std::string& userName, const std::string& privilege) {
-    if (userName == "demo") return true;
-    return privilege != "Sessions.TerminateSession" && privilege != "Task.Update";
 }
 
 // ---- What the managers share
@@ -96,7 +64,10 @@ std::string NewUuid() {
 }
 
 ServiceOptions WithDefaults(ServiceOptions options) {
-    if (options.accounts.empty()) options.accounts.push_back({"demo", "demo"});
+    // The demo account's password is "demo", hashed once with crypt's default cost.
+    if (options.accounts.empty())
+        options.accounts.push_back(
+            {"demo", "$y$j9T$2GO.T7RuBCwHbenOpPGhB.$1KHJPzR7bw1Kkg/AQYFLtiSstDXUFEteS7Pu8Js44p2", std::vector<std::string>{"*"}});
     if (options.state == nullptr) options.state = NewMemoryState();
     return options;
 }
@@ -107,6 +78,7 @@ Context::Context(ServiceOptions o)
     : options(WithDefaults(std::move(o))),
       machine(ReadMachine()),
       instanceUuid(NewUuid()),
+      accounts(options.accounts),
       state(options.state) {}
 
 Context::~Context() {
@@ -199,8 +171,8 @@ void Service::Attach(Kitra::Http::Server& server) {
     AttachTasks(context);
     AttachEvents(context);
     AttachDiagnostics(context);
-    server.SetPrivilegeCheck([](const Kitra::Http::Session& session, const std::string& privilege) {
-        return HasPrivilege(session.GetUserName(), privilege);
+    server.SetPrivilegeCheck([&context](const Kitra::Http::Session& session, const std::string& privilege) {
+        return context.accounts.Holds(session.GetUserName(), privilege);
     });
     server.SetFaults(
         [](const Kitra::ManagedMethod&) {

@@ -17,16 +17,26 @@ using Fundix::System::DateTime;
 
 const char* const kLocales[] = {"en", "de", "fr", "ja", "zh_CN"};
 
+// What a caller without a session says of itself is kept at most this long (bytes, cut at a character).
+constexpr size_t kMaxUntrustedText = 256;
+
+std::string Untrusted(const std::string& text) {
+    if (text.size() <= kMaxUntrustedText) return text;
+    size_t end = kMaxUntrustedText;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    return text.substr(0, end) + "...";
+}
+
 bool KnownLocale(const std::string& locale) {
     return std::find(std::begin(kLocales), std::end(kLocales), locale) != std::end(kLocales);
 }
 
-Ref<Morphel::UserSession> Describe(const Kitra::Http::Session& s) {
+Ref<Morphel::UserSession> Describe(const Context& context, const Kitra::Http::Session& s) {
     DateTime login = DateTime::FromUtcMicros(std::atoll(s.Get("loginTime").c_str()));
     std::string locale = s.Get("locale");
     return new Morphel::UserSession(
         s.GetKey(), s.GetUserName(), s.GetUserName(), login, DateTime::Now(), locale, locale,
-        Fundix::Optional<bool>(Service::HasPrivilege(s.GetUserName(), "Sessions.TerminateSession")));
+        Fundix::Optional<bool>(context.accounts.Holds(s.GetUserName(), "Sessions.TerminateSession")));
 }
 
 Ref<Kitra::Array<std::string>> Locales() {
@@ -44,16 +54,12 @@ public:
                const Fundix::Optional<std::string>& locale, Ref<Morphel::UserSession>& result) override {
         std::string language = locale.IsSet() ? locale.GetValue() : "en";
         Kitra::Http::Call* call = Kitra::Http::Call::Current();
-        const auto& accounts = context_.options.accounts;
-        bool known = std::any_of(accounts.begin(), accounts.end(), [&](const Account& a) {
-            return a.name == userName && a.password == password;
-        });
-        if (!known || call == nullptr) {
+        if (call == nullptr || context_.accounts.Authenticate(userName, password) == nullptr) {
             Ref<Morphel::Event::UserFailedAuthenticationEvent> e(
                 new Morphel::Event::UserFailedAuthenticationEvent());
             if (call != nullptr) e->SetIpAddress(call->GetPeer());
-            context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::warning,
-                         "Cannot log in " + userName);
+            std::string name = Untrusted(userName);
+            context_.Log(e.Get(), 0, name, Morphel::Event::Event::Type::warning, "Cannot log in " + name);
             Raise(new Dovra::Fault::InvalidLogin());
         }
         if (!KnownLocale(language)) Raise(new Dovra::Fault::InvalidLocale());
@@ -65,7 +71,7 @@ public:
         e->SetLocale(language);
         context_.Log(e.Get(), 0, userName, Morphel::Event::Event::Type::info,
                      "User " + userName + " logged in");
-        result = Describe(*session);
+        result = Describe(context_, *session);
     }
 
     void Logout() override {
@@ -91,11 +97,11 @@ public:
     void GetSessionList(Ref<Kitra::DataArray<Morphel::UserSession>>& result) override {
         Ref<Kitra::DataArray<Morphel::UserSession>> list(new Kitra::DataArray<Morphel::UserSession>());
         for (const auto& s : Kitra::Http::Call::Current()->GetSessions())
-            list->Append(Describe(*s).Get());
+            list->Append(Describe(context_, *s).Get());
         result = list;
     }
     void GetCurrentSession(Ref<Morphel::UserSession>& result) override {
-        result = Describe(CurrentSession());
+        result = Describe(context_, CurrentSession());
     }
     void GetMessageLocaleList(Ref<Kitra::Array<std::string>>& result) override { result = Locales(); }
     void GetSupportedLocaleList(Ref<Kitra::Array<std::string>>& result) override { result = Locales(); }

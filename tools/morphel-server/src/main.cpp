@@ -18,17 +18,42 @@ namespace {
 void Usage(std::FILE* out) {
     std::fputs("usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
                "                      [--tls [--cert FILE --key FILE] [--state DIR]] [--plain-http]\n"
+               "       morphel-server --hash-password NAME   (reads the password from standard input)\n"
                "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
-               "  --users       accounts, one name:password per line\n"
-               "  --user        one more account\n"
+               "  --users       the accounts file: one name:hash[:privileges] per line\n"
+               "  --user        one more account, its password given in plain text\n"
                "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
                "                kept in the state folder, so that its thumbprint stays the same\n"
                "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
                "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
                "                ~/.local/state/morphel-server)\n"
                "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
+               "  --hash-password  prints the accounts file's line for NAME with the password read\n"
+               "                from standard input, hashed (yescrypt, salted)\n"
                "Without accounts the one account is demo:demo.\n",
                out);
+}
+
+// Prints "name:hash" for the password on standard input's first line.
+int HashPassword(const std::string& name) {
+    if (name.empty() || name.find(':') != std::string::npos) {
+        std::fprintf(stderr, "morphel-server: --hash-password expects an account name without ':'\n");
+        return 2;
+    }
+    if (isatty(STDIN_FILENO)) std::fprintf(stderr, "password for %s: ", name.c_str());
+    std::string password;
+    if (!std::getline(std::cin, password)) {
+        std::fprintf(stderr, "morphel-server: no password on standard input\n");
+        return 2;
+    }
+    if (!password.empty() && password.back() == '\r') password.pop_back();
+    try {
+        std::printf("%s:%s\n", name.c_str(), MorphelServer::HashPassword(password).c_str());
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "morphel-server: %s\n", e.what());
+        return 1;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -60,9 +85,11 @@ int main(int argc, char** argv) {
                 auto accounts = MorphelServer::ReadAccounts(value());
                 options.accounts.insert(options.accounts.end(), accounts.begin(), accounts.end());
             } else if (arg == "--user") {
-                MorphelServer::Account account;
-                if (!MorphelServer::ParseAccount(value(), account)) throw std::runtime_error("--user expects NAME:PASSWORD");
-                options.accounts.push_back(account);
+                MorphelServer::Credentials given;
+                if (!MorphelServer::ParseCredentials(value(), given)) throw std::runtime_error("--user expects NAME:PASSWORD");
+                options.accounts.push_back(MorphelServer::MakeAccount(given.name, given.password));
+            } else if (arg == "--hash-password") {
+                return HashPassword(value());
             } else if (arg == "--tls") {
                 tls = true;
             } else if (arg == "--cert") {

@@ -209,6 +209,11 @@ public:
     // One line per request served; a call that failed inside its implementation with something other than
     // a fault names the cause (exception type and message) in its line, never in the answer.
     using Logger = std::function<void(const std::string& line)>;
+    // Told of each session that ended: by logout, by another's terminate, by expiry, or given up for a
+    // newer login of its account past the cap. Called outside the server's locks, on the thread that
+    // noticed the end; an expired session is noticed by the next request that looks for sessions, at most
+    // a second after it expired while the server has requests at all.
+    using SessionEnded = std::function<void(const Session& session)>;
 
     explicit Server(ServerOptions options);
     ~Server();
@@ -220,6 +225,7 @@ public:
     void SetPrivilegeCheck(PrivilegeCheck check);
     void SetFaults(NotAuthenticated notAuthenticated, NoPermission noPermission);
     void SetLogger(Logger logger);
+    void SetSessionEndHandler(SessionEnded handler);
 
     // Binds and serves on threads of its own; returns the port. Throws Fundix::InvalidArgumentException when
     // it cannot bind, or for plain HTTP on an address other than loopback without allowPlainHttp.

@@ -51,14 +51,20 @@ struct Server::Impl {
     NotAuthenticated notAuthenticated;
     NoPermission noPermission;
     Logger logger;
+    SessionEnded sessionEnded;
+    std::chrono::steady_clock::time_point lastSweep;  // of expired sessions; guarded by mutex
 
     std::unique_ptr<Listener> listener;
     std::string thumbprintSha1, thumbprintSha256;
 
     const Soap::Codec* CodecFor(const std::string& soapAction) const;
     // The live session under `key`, touched; null when there is none or it expired (it is then dropped).
+    // Sweeps out the other expired sessions at most once a second.
     Fundix::Ref<Session> FindSession(const std::string& key);
-    void DropExpired();  // under mutex
+    // Under mutex: removes the expired sessions and adds them to `ended`.
+    void DropExpired(std::vector<Fundix::Ref<Session>>& ended);
+    // Outside mutex: tells the handler of each session in `ended`.
+    void Ended(const std::vector<Fundix::Ref<Session>>& ended) const;
 };
 
 // The network side of a server: accepts connections, reads requests within the limits and deadlines of

@@ -105,35 +105,56 @@ const Soap::Codec* Server::Impl::CodecFor(const std::string& soapAction) const {
 
 Fundix::Ref<Session> Server::Impl::FindSession(const std::string& key) {
     auto now = std::chrono::steady_clock::now();
-    std::lock_guard<std::mutex> lock(mutex);
-    auto it = sessions.find(key);
-    if (it == sessions.end()) return nullptr;
-    Session& s = *it->second;
-    if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
-        sessions.erase(it);
-        return nullptr;
+    std::vector<Fundix::Ref<Session>> ended;
+    Fundix::Ref<Session> found;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (now - lastSweep >= std::chrono::seconds(1)) DropExpired(ended);
+        auto it = sessions.find(key);
+        if (it != sessions.end()) {
+            Session& s = *it->second;
+            if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
+                ended.push_back(it->second);
+                sessions.erase(it);
+            } else {
+                s.used_ = now;
+                found = it->second;
+            }
+        }
     }
-    s.used_ = now;
-    return it->second;
+    Ended(ended);
+    return found;
 }
 
-void Server::Impl::DropExpired() {
+void Server::Impl::DropExpired(std::vector<Fundix::Ref<Session>>& ended) {
     auto now = std::chrono::steady_clock::now();
+    lastSweep = now;
     for (auto it = sessions.begin(); it != sessions.end();) {
         const Session& s = *it->second;
-        if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) it = sessions.erase(it);
-        else ++it;
+        if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
+            ended.push_back(it->second);
+            it = sessions.erase(it);
+        } else {
+            ++it;
+        }
     }
+}
+
+void Server::Impl::Ended(const std::vector<Fundix::Ref<Session>>& ended) const {
+    if (!sessionEnded) return;
+    for (const auto& s : ended)
+        sessionEnded(*s);
 }
 
 Session* Call::OpenSession(const std::string& userName) {
     if (session_ != nullptr) CloseSession();
     session_ = new Session(NewKey(), userName);
     session_->opened_ = session_->used_ = std::chrono::steady_clock::now();
+    Server::Impl& impl = *server_->impl_;
+    std::vector<Fundix::Ref<Session>> ended;
     {
-        Server::Impl& impl = *server_->impl_;
         std::lock_guard<std::mutex> lock(impl.mutex);
-        impl.DropExpired();
+        impl.DropExpired(ended);
         // An account past its cap gives up its least recently used session.
         std::vector<std::map<std::string, Fundix::Ref<Session>>::iterator> own;
         for (auto it = impl.sessions.begin(); it != impl.sessions.end(); ++it)
@@ -141,11 +162,13 @@ Session* Call::OpenSession(const std::string& userName) {
         while (!own.empty() && own.size() >= impl.options.sessionsPerUser) {
             auto oldest = std::min_element(own.begin(), own.end(),
                                            [](const auto& a, const auto& b) { return a->second->used_ < b->second->used_; });
+            ended.push_back((*oldest)->second);
             impl.sessions.erase(*oldest);
             own.erase(oldest);
         }
         impl.sessions[session_->GetKey()] = session_;
     }
+    impl.Ended(ended);
     sessionChanged_ = true;
     return session_.Get();
 }
@@ -158,15 +181,28 @@ void Call::CloseSession() {
 }
 
 bool Call::CloseSession(const std::string& key) {
-    std::lock_guard<std::mutex> lock(server_->impl_->mutex);
-    return server_->impl_->sessions.erase(key) > 0;
+    Server::Impl& impl = *server_->impl_;
+    std::vector<Fundix::Ref<Session>> ended;
+    {
+        std::lock_guard<std::mutex> lock(impl.mutex);
+        auto it = impl.sessions.find(key);
+        if (it == impl.sessions.end()) return false;
+        ended.push_back(it->second);
+        impl.sessions.erase(it);
+    }
+    impl.Ended(ended);
+    return true;
 }
 
 std::vector<Fundix::Ref<Session>> Call::GetSessions() const {
-    std::lock_guard<std::mutex> lock(server_->impl_->mutex);
-    server_->impl_->DropExpired();
-    std::vector<Fundix::Ref<Session>> all;
-    for (const auto& [key, session] : server_->impl_->sessions) all.push_back(session);
+    Server::Impl& impl = *server_->impl_;
+    std::vector<Fundix::Ref<Session>> all, ended;
+    {
+        std::lock_guard<std::mutex> lock(impl.mutex);
+        impl.DropExpired(ended);
+        for (const auto& [key, session] : impl.sessions) all.push_back(session);
+    }
+    impl.Ended(ended);
     return all;
 }
 
@@ -202,6 +238,8 @@ void Server::SetFaults(NotAuthenticated notAuthenticated, NoPermission noPermiss
 }
 
 void Server::SetLogger(Logger logger) { impl_->logger = std::move(logger); }
+
+void Server::SetSessionEndHandler(SessionEnded handler) { impl_->sessionEnded = std::move(handler); }
 
 std::string Server::GetUrl() const {
     std::string host = impl_->options.host;

@@ -10,23 +10,13 @@
 #include <vector>
 
 #include <kitra/Http.h>
+#include <morphel-server/Accounts.h>
 #include <morphel-server/State.h>
 
 namespace MorphelServer {
 
-struct Account {
-    std::string name;
-    std::string password;
-};
-
-// "name:password" (the password may contain colons); false when there is no colon or the name is empty.
-bool ParseAccount(const std::string& text, Account& out);
-// Accounts from a file of "name:password" lines; blank lines and lines starting with '#' are skipped.
-// Throws std::runtime_error naming the file (and line) when it cannot be read or a line is malformed.
-std::vector<Account> ReadAccounts(const std::string& path);
-
 struct ServiceOptions {
-    std::vector<Account> accounts;  // none: the one account demo:demo
+    std::vector<Account> accounts;  // none: the one account demo:demo, holding every privilege
     // How long a simulated conversion runs from start to success.
     std::chrono::milliseconds conversionTime{2500};
     // Where jobs, tasks, events and collectors are kept; none: in memory (NewMemoryState).
@@ -57,9 +47,6 @@ public:
 
     // The API versions served, newest first.
     static std::vector<std::string> Versions();
-    // The privilege check: "demo" holds every privilege; other accounts hold every privilege but
-    // Sessions.TerminateSession and Task.Update.
-    static bool HasPrivilege(const std::string& userName, const std::string& privilege);
 
 private:
     struct Impl;
