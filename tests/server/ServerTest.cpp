@@ -293,6 +293,23 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
     EXPECT_EQ(kinds, (std::vector<std::string>{"morphel.event.ServerStartedEvent", "morphel.event.UserLoginEvent",
                                                "morphel.event.UserLoginEvent", "morphel.event.UserFailedAuthenticationEvent"}));
 
+    // Privileges come from each account: eve holds Task.Update alone, ann the default set without it.
+    Client eve = Connect();
+    Login(eve, "eve", "e");
+    Ref<Morphel::Task::TaskManagerStub> eveTasks(new Morphel::Task::TaskManagerStub("TaskManager", eve.adapter.Get(), nullptr));
+    Ref<Morphel::Task::TaskManagerStub> annTasks(new Morphel::Task::TaskManagerStub("TaskManager", ann.adapter.Get(), nullptr));
+    eveTasks->SetMaxTask(9);
+    ExpectFault<Dovra::Fault::NoPermission>([&] { annTasks->SetMaxTask(9); });
+    ExpectFault<Dovra::Fault::NoPermission>([&] { eve.sessions->Terminate(keys.Get()); });
+
+    // A stranger's long name is kept cut, on a character boundary.
+    std::string longName = std::string(255, 'x') + "\xC3\xA9" + std::string((4 << 20) - 300, 'y');  // near the codec's limit
+    ExpectFault<Dovra::Fault::InvalidLogin>([&] { Login(demo, longName, "pw"); });
+    demo.events->QueryEvent(all.Get(), history);
+    const Morphel::Event::Event* last = history->Get(history->GetLength() - 1);
+    ASSERT_EQ(std::string(last->_GetType()->GetName()), "morphel.event.UserFailedAuthenticationEvent");
+    EXPECT_EQ(last->GetUserName(), std::string(255, 'x') + "...");
+
     demo.sessions->Terminate(keys.Get());
     ExpectFault<Dovra::Fault::NotAuthenticated>([&] { ann.sessions->GetCurrentSession(current); });
     ExpectFault<Dovra::Fault::NotFound>([&] { demo.sessions->Terminate(keys.Get()); });
