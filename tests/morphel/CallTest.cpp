@@ -71,7 +71,9 @@ struct Declared {
 Declared DeclaredOf(Kitra::ManagedMethod* m) {
     if (m->IsProperty()) return {nullptr, m->GetPropertyInfo()->type, m->GetPropertyInfo()->flags & 3u};
     const auto* info = m->GetMethodInfo();
-    return {info->params, info->result.type, info->result.flags};
+    // A method that starts a task answers with the task's reference.
+    Kitra::ParamTypeInfo result = Kitra::WireResult(*info);
+    return {info->params, result.type, result.flags};
 }
 
 // Checks each call against its record and answers with a value of the declared result type.
@@ -349,6 +351,12 @@ TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
     ASSERT_TRUE(task);
     EXPECT_EQ(task->GetId(), "task-9");
     EXPECT_EQ(StartTask(*manager, convert, args), "task task-9");
+    // The typed operation hands back the reference too, though the record's result names what the task
+    // delivers.
+    Ref<Kitra::MoRef> started;
+    manager->Convert(nullptr, nullptr, nullptr, started);
+    ASSERT_TRUE(started);
+    EXPECT_EQ(started->GetId(), "task-9");
 
     // An answer of another class or none at all: the reference stays as it was.
     adapter->answer = new Morphel::Agent::MorphelManager::ConvertResult();

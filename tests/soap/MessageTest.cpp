@@ -37,6 +37,22 @@ bool Same(const Kitra::Any* a, const Kitra::Any* b) {
     return a->_IsEqual(b, false);
 }
 
+TEST(Messages, TaskMethodsAnswerWithTheStartedTask) {
+    // The record's result names what the task delivers; the answer on the wire is the task's reference.
+    Codec codec("morphel.version.version4");
+    Kitra::ManagedMethod* convert =
+        Kitra::GetTypeMap()->GetType("morphel.agent.MorphelManager")->AsManagedObjectType()->FindMethod("convert");
+    ASSERT_NE(convert, nullptr);
+    Fundix::Ref<Kitra::MoRef> task(new Kitra::MoRef("morphel.task.Task", "task-5"));
+    std::string response;
+    codec.EncodeResponse(convert, task.Get(), response);
+    EXPECT_NE(response.find("type=\"MorphelTask\">task-5</returnval>"), std::string::npos) << response;
+    Fundix::Ref<Kitra::Any> back = codec.DecodeResponse(convert, response);
+    auto* ref = dynamic_cast<Kitra::MoRef*>(back.Get());
+    ASSERT_NE(ref, nullptr);
+    EXPECT_EQ(ref->GetId(), "task-5");
+}
+
 TEST(Messages, EveryMethodRequestAndResponseInEveryVersion) {
     size_t requests = 0, fetches = 0;
     for (const char* version : kVersions) {
@@ -60,7 +76,9 @@ TEST(Messages, EveryMethodRequestAndResponseInEveryVersion) {
                     int seed = 0;
                     for (const Kitra::ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p, ++seed)
                         args.push_back(codec.Includes(p->version) ? Argument(*p, codec, seed) : nullptr);
-                    if (info->result.type != nullptr) result = Argument(info->result, codec, 9);
+                    // A method that starts a task answers with the task's reference.
+                    const Kitra::ParamTypeInfo answer = Kitra::WireResult(*info);
+                    if (answer.type != nullptr) result = Argument(answer, codec, 9);
                     ++requests;
                 }
                 try {

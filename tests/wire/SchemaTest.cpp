@@ -257,7 +257,7 @@ TEST_F(Schema, EveryRequestResponseAndFetch) {
                 Expect(validator, what + " (required only)",
                        [&](std::string& m) { codec.EncodeRequest(target, method, required, m); });
                 Ref<Any> result;
-                const Kitra::ParamTypeInfo& r = info->result;
+                const Kitra::ParamTypeInfo r = Kitra::WireResult(*info);
                 if (r.type != nullptr) result = Argument(r.type, r.flags, codec);
                 Expect(validator, what + " (result)",
                        [&](std::string& m) { codec.EncodeResponse(method, result.Get(), m); });

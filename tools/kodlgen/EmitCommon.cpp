@@ -233,9 +233,19 @@ std::string UnboxExpr(const TypeRef& type, uint32_t flags, const std::string& an
 
 std::vector<Operation> OperationsOf(const TypeDecl* t) {
     std::vector<Operation> ops;
-    for (const auto& m : t->methods)
+    for (const auto& m : t->methods) {
         ops.push_back({Capitalize(m.name), m.params, m.hasResult, m.result, m.resultFlags, m.async,
                        t->wireName + "." + m.name});
+        if (m.flags & 1) {
+            // A method that starts a task answers with the task's reference; its record's result names
+            // what the task delivers. Any managed declaration types the result as a reference.
+            Operation& op = ops.back();
+            op.hasResult = true;
+            op.result = TypeRef{};
+            op.result.decl = t;
+            op.resultFlags = 0;
+        }
+    }
     for (const auto& p : t->properties) {
         bool boolean = p.type.primitive == "boolean" && !(p.flags & 1);
         ops.push_back({(boolean ? "Is" : "Get") + Capitalize(p.name), {}, true, p.type, p.flags & 3u, p.async,

@@ -27,6 +27,11 @@ const TypeInfo gRuntimeFaultTypeInfo = {kKindFault, "kodl.RuntimeFault", "Runtim
 const TypeInfo gManagedObjectTypeInfo = {kKindManaged, "kodl.ManagedObject", "ManagedObject",
                                          "kodl.version.version0"};
 
+ParamTypeInfo WireResult(const MethodTypeInfo& method) {
+    if (!(method.methodFlags & kMethodTask)) return method.result;
+    return {method.result.name, nullptr, &gManagedObjectTypeInfo, 0, method.version};
+}
+
 namespace {
 
 DataObject* NewDynamicData() { return new (std::nothrow) DynamicData(); }

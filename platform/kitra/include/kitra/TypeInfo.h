@@ -163,6 +163,11 @@ extern const TypeInfo gMethodFaultTypeInfo;
 extern const TypeInfo gRuntimeFaultTypeInfo;
 extern const TypeInfo gManagedObjectTypeInfo;
 
+// What a method answers on the wire: its result record, except for a method that starts a task
+// (kMethodTask), which answers with the started task's reference while its record's result names what
+// the task delivers (or nothing).
+ParamTypeInfo WireResult(const MethodTypeInfo& method);
+
 inline bool IsPrimitiveKind(uint32_t kind) { return kind >= kKindString && kind <= kKindPropertyPath; }
 
 }  // namespace Kitra

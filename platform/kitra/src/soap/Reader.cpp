@@ -447,7 +447,7 @@ private:
         const Type* declared = any;
         bool array = false;
         if (m != nullptr && !m->IsProperty()) {
-            const ParamTypeInfo& result = m->GetMethodInfo()->result;
+            const ParamTypeInfo result = WireResult(*m->GetMethodInfo());
             if (result.type == nullptr) Fail("a response to a method without a result holds a result");
             declared = Detail::TypeOf(result.type);
             array = (result.flags & kFlagArray) != 0;

@@ -567,7 +567,8 @@ void Codec::EncodeResponse(const ManagedMethod* method, const Any* result, std::
         std::string name = std::string(info->wsdlName) + "Response";
         w.Open(name.c_str());
         w.Text(">");
-        if (info->result.type != nullptr) w.Param(info->result, "returnval", result);
+        const ParamTypeInfo wire = WireResult(*info);
+        if (wire.type != nullptr) w.Param(wire, "returnval", result);
         w.Close(name.c_str());
     }
     w.Finish();

@@ -83,7 +83,8 @@ bool KnowsRecord(const Codec& codec, const TypeInfo* info) {
 bool Describable(const Codec& codec, const ManagedMethod* method) {
     const MethodTypeInfo* info = method->GetMethodInfo();
     if (info == nullptr || !codec.Includes(info->version) || !codec.Knows(method->GetOwner())) return false;
-    if (info->result.type != nullptr && !KnowsRecord(codec, info->result.type)) return false;
+    const ParamTypeInfo result = WireResult(*info);
+    if (result.type != nullptr && !KnowsRecord(codec, result.type)) return false;
     for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p)
         if (codec.Includes(p->version) && !KnowsRecord(codec, p->type)) return false;
     return true;
@@ -275,8 +276,8 @@ void Schema(Out& out, int depth, const Codec& codec, const Contents& c) {
         CallElement(out, d, info->wsdlName, true, params);
         // The result travels as `returnval`; a method without one answers with an empty element.
         std::vector<ParamTypeInfo> result;
-        if (info->result.type != nullptr) {
-            result.push_back(info->result);
+        if (WireResult(*info).type != nullptr) {
+            result.push_back(WireResult(*info));
             result.back().name = "returnval";
         }
         CallElement(out, d, std::string(info->wsdlName) + "Response", false, result);
