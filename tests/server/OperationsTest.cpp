@@ -145,6 +145,11 @@ TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
     auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     auto job = Make<ConversionJobStub>(created->GetJob());
     EXPECT_EQ(job->GetOverallStatus(), Status::gray);
+    Ref<Morphel::Task::TaskSpec> spec;
+    tasks_->GetTaskSpec(created->GetActiveTask(), spec);
+    Ref<Morphel::Task::ConversionRuntimeEnvironmentInfo> env(
+        new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
+    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 4);
 
     WaitFor(created->GetActiveTask(), Running);
     task->Cancel();
@@ -220,6 +225,7 @@ TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     EXPECT_EQ(JobInfo(other.Get())->GetState(), "active");
     EXPECT_FALSE(TaskOf(second->GetActiveTask())->IsCancelled());
     other->Stop(kCancel);
+    other->Stop(kFail);  // changes nothing, records nothing
     EXPECT_EQ(JobInfo(other.Get())->GetState(), "deactivated");
     EXPECT_EQ(JobInfo(other.Get())->GetActiveTask(), nullptr);
     EXPECT_EQ(TaskOf(second->GetActiveTask())->GetState(), TaskInfo::State::error);
