@@ -355,7 +355,7 @@ TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
 }
 
 TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
-    Start(1500ms);
+    Start(1100ms);
     Ref<ConversionJobInfo> created = CreateJob("described");
     auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     Ref<Kitra::MoRef> unknown(new Kitra::MoRef("morphel.task.Task", "Task-999"));
@@ -380,7 +380,7 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
 
     Ref<Morphel::Task::ConversionRuntimeEnvironmentInfo> env(
         new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
-    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 2);  // 1.5 s, rounded up
+    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 2);  // 1.1 s, rounded up
 
     // The overall status follows the run to its end; a successful task is no longer cancelable.
     auto job = Make<ConversionJobStub>(created->GetJob());
