@@ -11,7 +11,6 @@ namespace {
 
 using Fundix::Ref;
 using Morphel::Task::TaskInfo;
-
 using Morphel::Task::TaskSpec;
 
 TaskRecord FindTask(StateTransaction& tx, const std::string& id) {
