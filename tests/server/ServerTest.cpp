@@ -377,9 +377,9 @@ TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
     auto task = c.Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     Ref<Morphel::Task::TaskManagerStub> tasks(new Morphel::Task::TaskManagerStub("TaskManager", c.adapter.Get(), nullptr));
     Ref<Kitra::MoRef> none;
-    EXPECT_EQ(NotImplemented([&] { job->Resume(); }), "morphel.server.job.Job.resume");
-    EXPECT_EQ(NotImplemented([&] { conversionJob->Rename("third"); }), "morphel.server.ManagedEntity.rename");
-    EXPECT_EQ(NotImplemented([&] { task->Cancel(); }), "morphel.task.Task.cancel");
+    Ref<Morphel::Task::TaskDescription> description;
+    EXPECT_EQ(NotImplemented([&] { tasks->GetDescription(description); }),
+              "morphel.task.TaskManager.description");
     EXPECT_EQ(NotImplemented([&] { tasks->DestroyTask(created->GetActiveTask()); }), "morphel.task.TaskManager.destroyTask");
     EXPECT_EQ(NotImplemented([&] { c.conversions->GetRootFolder(none); }),
               "morphel.server.conversion.ConversionManager.rootFolder");

@@ -106,6 +106,12 @@ void AttachTasks(Context& context);
 void AttachEvents(Context& context);
 void AttachDiagnostics(Context& context);
 
+// Ends the simulated conversion of the task `taskId` as cancelled when it is queued or running (false
+// otherwise): the task in the error state, cancelled, with a morphel.agent.internal.fault.Cancel; its job
+// without an active task, the cancel as its most recent error. The run's thread stops at its next step
+// (Conversion.cpp).
+bool CancelConversion(StateTransaction& tx, const std::string& taskId);
+
 // Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
 // (Events.cpp) that the state holds.
 void RegisterJob(Context& context, const std::string& id);

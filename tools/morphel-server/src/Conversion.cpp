@@ -1,7 +1,12 @@
 // The conversion manager and its jobs. Creating a job creates its one task, whose conversion is simulated
 // on a thread of its own: queued, running with progress 0 to 100 (an event as each disk starts and ends),
-// success.
+// success; or cancelled on the way (error).
+//
+// A job is "active" from its creation, "suspended" by suspend until resume, and "deactivated" by stop for
+// good. A conversion job runs once, at its creation: resuming it starts no new run.
 #include <dovra/fault/types.h>
+#include <morphel/agent/internal/fault/types.h>
+#include <morphel/fault/types.h>
 #include <morphel/params/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/server/job/types.h>
@@ -47,6 +52,45 @@ Ref<Morphel::ComputerSpec> TargetOf(const ConversionJobSpec& spec) {
     return spec.GetSource() != nullptr ? spec.GetSource()->_Clone() : new Morphel::ComputerSpec();
 }
 
+using JobRef = Morphel::Server::Conversion::ConversionJob;
+
+Ref<Kitra::MoRef> JobRefTo(const std::string& id) { return RefTo<JobRef>(id); }
+
+bool True(const Fundix::Optional<bool>& value) { return value.IsSet() && value.GetValue(); }
+
+// Raises dovra.fault.InvalidName for an empty `name` and dovra.fault.DuplicateName when a job other than
+// `self` has it.
+void CheckJobName(StateTransaction& tx, const std::string& name, const std::string& self) {
+    if (name.empty()) {
+        Ref<Dovra::Fault::InvalidName> fault(new Dovra::Fault::InvalidName());
+        fault->SetName(name);
+        if (!self.empty()) fault->SetEntity(JobRefTo(self).Get());
+        Raise(fault.Get());
+    }
+    if (auto other = tx.FindJobByName(name); other && other->id != self) {
+        Ref<Dovra::Fault::DuplicateName> fault(new Dovra::Fault::DuplicateName());
+        fault->SetName(name);
+        fault->SetObject(JobRefTo(other->id).Get());
+        Raise(fault.Get());
+    }
+}
+
+// Whether an activeTaskHandling argument asks to cancel the active task (else to fail);
+// kodl.fault.InvalidArgument "activeTaskHandling" for another text.
+bool CancelsActiveTask(const std::string& handling) {
+    using Job = Morphel::Server::Job::Job;
+    if (handling == Job::ACTIVETASKHANDLING_CANCELACTIVETASK) return true;
+    if (handling != Job::ACTIVETASKHANDLING_FAILIFACTIVETASK) ThrowInvalidArgument("activeTaskHandling");
+    return false;
+}
+
+void LogJob(StateTransaction& tx, const JobRecord& job, const std::string& user, const std::string& what) {
+    std::string message = "Conversion job '" + job.spec->GetName() + "' " + what;
+    Ref<Morphel::Event::GeneralEvent> event(new Morphel::Event::GeneralEvent());
+    event->SetMessage(message);
+    Context::Log(tx, event.Get(), 0, user, Morphel::Event::Event::Type::info, message, job.id);
+}
+
 // A conversion job, served as the job and as the managed entity it is.
 class ConversionJobImpl : public Morphel::Server::Conversion::ConversionJobBase {
 public:
@@ -56,9 +100,89 @@ public:
     void GetInfo(Ref<Morphel::Server::Job::JobInfo>& result) override { result = Info(); }
     void GetSpec(Ref<ConversionJobSpec>& result) override { result = Spec(); }
     void GetSpec(Ref<Morphel::Server::Job::JobSpec>& result) override { result = Spec(); }
+    void GetExtraInfo(Ref<Kitra::Any>& result) override {
+        result = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).extraInfo; });
+    }
     std::string GetName() override {
         return context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).spec->GetName(); });
     }
+
+    // From the last run: gray while none has ended, green when it succeeded, yellow when it was cancelled,
+    // red when it failed.
+    Morphel::Server::ManagedEntity::Status GetOverallStatus() override {
+        using Status = Morphel::Server::ManagedEntity::Status;
+        JobRecord job = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_); });
+        const auto& info = *job.info;
+        if (info.GetActiveTask() != nullptr || !info.GetLastRunCompleteTime().IsSet()) return Status::gray;
+        if (info.GetNumConsecutiveErrors() == 0) return Status::green;
+        return dynamic_cast<Morphel::Agent::Internal::Fault::Cancel*>(info.GetMostRecentError()) != nullptr
+                   ? Status::yellow
+                   : Status::red;
+    }
+
+    std::string Rename(const std::string& newName) override {
+        Change([&](StateTransaction& tx, JobRecord& job) {
+            CheckJobName(tx, newName, id_);
+            job.spec->SetName(newName);
+            return "renamed";
+        });
+        return newName;
+    }
+
+    void Suspend(const std::string& activeTaskHandling) override {
+        bool cancel = CancelsActiveTask(activeTaskHandling);
+        Change([&](StateTransaction& tx, JobRecord& job) {
+            if (job.info->GetState() != ConversionJobInfo::STATE_ACTIVE) ThrowInvalidState();
+            EndActiveTask(tx, job, cancel);
+            job.info->SetState(ConversionJobInfo::STATE_SUSPENDED);
+            return "suspended";
+        });
+    }
+    void Resume() override {
+        Change([&](StateTransaction&, JobRecord& job) {
+            if (job.info->GetState() != ConversionJobInfo::STATE_SUSPENDED) ThrowInvalidState();
+            job.info->SetState(ConversionJobInfo::STATE_ACTIVE);
+            return "resumed";
+        });
+    }
+    // Stopping a deactivated job changes nothing (it stays deactivated: reading that apart is safe).
+    void Stop(const std::string& activeTaskHandling) override {
+        bool cancel = CancelsActiveTask(activeTaskHandling);
+        if (Info()->GetState() == ConversionJobInfo::STATE_DEACTIVATED) return;
+        Change([&](StateTransaction& tx, JobRecord& job) {
+            EndActiveTask(tx, job, cancel);
+            job.info->SetState(ConversionJobInfo::STATE_DEACTIVATED);
+            return "stopped";
+        });
+    }
+
+    // The job's first run starts with it: a new first run is refused once that has happened.
+    void UpdateJobSpec(Morphel::Server::Job::Job::JobUpdateSpec* update,
+                       Ref<Morphel::Server::Job::JobSpec>& result) override {
+        if (update == nullptr) ThrowInvalidArgument("updateParams");
+        Change([&](StateTransaction& tx, JobRecord& job) {
+            if (update->GetName().IsSet()) CheckJobName(tx, update->GetName().GetValue(), id_);
+            bool newFirstRun = update->GetFirstRun().IsSet() || True(update->IsDoFirstRunNow());
+            if (newFirstRun && job.info->GetLastRunStartTime().IsSet())
+                Raise(new Morphel::Fault::FirstRunAlreadyStartedFault(JobRefTo(id_).Get()));
+            if (update->GetName().IsSet()) job.spec->SetName(update->GetName().GetValue());
+            if (update->GetDescription().IsSet()) job.spec->SetDescription(update->GetDescription());
+            if (update->GetFirstRun().IsSet()) job.spec->SetFirstRun(update->GetFirstRun());
+            result = job.spec;  // the state keeps a copy
+            return "updated";
+        });
+    }
+
+    void UpdateExtraInfo(Kitra::Any* replacementInfo, Ref<Kitra::Any>& result) override {
+        Change([&](StateTransaction&, JobRecord& job) {
+            result = job.extraInfo;
+            job.extraInfo = replacementInfo;
+            return "extra information replaced";
+        });
+    }
+
+    void UpdateConversionParams(Morphel::Server::Conversion::ConversionParamsUpdateSpec* update,
+                                Ref<Morphel::Params::ConversionParams>& result) override;
 
 private:
     Ref<ConversionJobInfo> Info() {
@@ -68,9 +192,98 @@ private:
         return context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).spec; });
     }
 
+    // Applies `change` to the job in one transaction and records it modified, with an event naming what
+    // `change` returns. `change` raises its faults before it changes the state.
+    template <class F>
+    void Change(F&& change) {
+        const std::string user = CurrentSession().GetUserName();
+        context_.state->Transact([&](StateTransaction& tx) {
+            JobRecord job = FindJob(tx, id_);
+            std::string what = change(tx, job);
+            job.info->SetLastModifiedTime(DateTime::Now());
+            tx.PutJob(job);
+            LogJob(tx, job, user, what);
+        });
+    }
+
+    // Cancels the job's active task when `cancel`, else raises morphel.fault.JobHasActiveTaskFault for it.
+    void EndActiveTask(StateTransaction& tx, JobRecord& job, bool cancel) {
+        auto* active = job.info->GetActiveTask();
+        if (active == nullptr) return;
+        if (!cancel) Raise(new Morphel::Fault::JobHasActiveTaskFault(JobRefTo(id_).Get(), active));
+        CancelConversion(tx, active->GetId());
+        job = FindJob(tx, id_);  // as the cancel left it
+    }
+
     Context& context_;
     const std::string id_;
 };
+
+// Applies the fields of `update` that are set; a switch (unsetAgentSslThumbprint, clearServicesToSuspend,
+// disableNetworkBandwidthThrottling) clears its value.
+void ConversionJobImpl::UpdateConversionParams(
+    Morphel::Server::Conversion::ConversionParamsUpdateSpec* update,
+    Ref<Morphel::Params::ConversionParams>& result) {
+    using namespace Morphel::Params;
+    if (update == nullptr) ThrowInvalidArgument("newParams");
+    Change([&](StateTransaction&, JobRecord& job) {
+        if (job.info->GetActiveTask() != nullptr) ThrowInvalidState();
+        ConversionJobSpec& spec = *job.spec;
+        if (spec.GetConversionParams() == nullptr)
+            spec.SetConversionParams(Ref<ConversionParams>(new ConversionParams()).Get());
+        ConversionParams& params = *spec.GetConversionParams();
+        if (update->GetReconfigParams() != nullptr) params.SetReconfigParams(update->GetReconfigParams());
+        if (update->IsDoReconfig().IsSet()) params.SetDoReconfig(update->IsDoReconfig());
+        if (update->IsDoCustomize().IsSet()) params.SetDoCustomize(update->IsDoCustomize());
+        if (update->GetCustomizationParams() != nullptr)
+            params.SetCustomizationParams(update->GetCustomizationParams());
+        if (update->IsDoInstallTools().IsSet()) params.SetDoInstallTools(update->IsDoInstallTools());
+        if (update->IsRemoveRestoreCheckpoints().IsSet())
+            params.SetRemoveRestoreCheckpoints(update->IsRemoveRestoreCheckpoints());
+        if (update->IsPowerOnTargetVM().IsSet()) params.SetPowerOnTargetVM(update->IsPowerOnTargetVM());
+        if (auto* throttling = update->GetThrottling()) {
+            if (params.GetThrottlingParams() == nullptr)
+                params.SetThrottlingParams(Ref<ThrottlingParams>(new ThrottlingParams()).Get());
+            ThrottlingParams& kept = *params.GetThrottlingParams();
+            if (throttling->GetCpuThrottling().IsSet()) kept.SetCpuThrottling(throttling->GetCpuThrottling());
+            if (throttling->GetNetworkBandwidthThrottlingInMB().IsSet())
+                kept.SetNetworkBandwidthThrottlingInMB(throttling->GetNetworkBandwidthThrottlingInMB());
+            if (True(throttling->IsDisableNetworkBandwidthThrottling()))
+                kept.UnsetNetworkBandwidthThrottlingInMB();
+        }
+        bool services =
+            True(update->IsClearServicesToSuspend()) ||
+            (update->GetServicesToSuspend() != nullptr && update->GetServicesToSuspend()->GetLength() != 0);
+        if (update->IsDoFinalize().IsSet() || services) {
+            if (params.GetCloningParams() == nullptr)
+                params.SetCloningParams(Ref<CloningParams>(new CloningParams()).Get());
+            CloningParams& cloning = *params.GetCloningParams();
+            if (update->IsDoFinalize().IsSet()) cloning.SetDoFinalize(update->IsDoFinalize());
+            if (True(update->IsClearServicesToSuspend())) cloning.SetServicesToSuspend(nullptr);
+            if (update->GetServicesToSuspend() != nullptr && update->GetServicesToSuspend()->GetLength() != 0)
+                cloning.SetServicesToSuspend(update->GetServicesToSuspend());
+        }
+        if (update->GetSynchronizationStartTime().IsSet())
+            spec.SetSynchronizationStartTime(update->GetSynchronizationStartTime());
+        if (update->IsShutdownSource().IsSet()) {
+            if (spec.GetP2vSourceModificationSpec() == nullptr)
+                spec.SetP2vSourceModificationSpec(
+                    Ref<Morphel::Server::Conversion::P2VSourceModificationSpec>(
+                        new Morphel::Server::Conversion::P2VSourceModificationSpec())
+                        .Get());
+            spec.GetP2vSourceModificationSpec()->SetShutdownSource(update->IsShutdownSource());
+        }
+        auto* live =
+            spec.GetSource() != nullptr
+                ? dynamic_cast<Morphel::ComputerSpec::LiveComputerLocation*>(spec.GetSource()->GetLocation())
+                : nullptr;
+        if (live != nullptr && update->GetAgentSslThumbprint().IsSet())
+            live->SetSslThumbprint(update->GetAgentSslThumbprint());
+        if (live != nullptr && True(update->IsUnsetAgentSslThumbprint())) live->UnsetSslThumbprint();
+        result = Ref<ConversionParams>(params._Clone());
+        return "conversion parameters updated";
+    });
+}
 
 class ConversionManagerImpl : public Morphel::Server::Conversion::ConversionManagerBase {
 public:
@@ -78,10 +291,16 @@ public:
 
     void CreateJob(ConversionJobSpec* spec, Kitra::Any* extraInfo, Ref<ConversionJobInfo>& result) override;
 
-    void DestroyJob(Kitra::MoRef* job, const Fundix::Optional<std::string>&) override {
+    // A job with an active task goes only with "cancelActiveTask", which cancels the task first;
+    // dovra.fault.InvalidState otherwise.
+    void DestroyJob(Kitra::MoRef* job, const Fundix::Optional<std::string>& activeTaskHandling) override {
+        bool cancel = activeTaskHandling.IsSet() && CancelsActiveTask(activeTaskHandling.GetValue());
         std::string id = context_.state->Run([&](StateTransaction& tx) {
             JobRecord found = FindJob(tx, job);
-            if (found.info->GetActiveTask() != nullptr) ThrowInvalidState();
+            if (auto* active = found.info->GetActiveTask()) {
+                if (!cancel) ThrowInvalidState();
+                CancelConversion(tx, active->GetId());
+            }
             tx.EraseJob(found.id);
             return found.id;
         });
@@ -151,7 +370,7 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     info->SetTarget(task.vmName);
     info->SetState(Morphel::Task::TaskInfo::State::queued);
     info->SetCancelled(false);
-    info->SetCancelable(false);
+    info->SetCancelable(true);
     info->SetProgress(0);
     info->SetQueueTime(now);
     info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
@@ -178,12 +397,7 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
 
     if (context_.Stopping()) ThrowInvalidState();
     context_.state->Transact([&](StateTransaction& tx) {
-        if (auto other = tx.FindJobByName(spec->GetName())) {
-            Ref<Dovra::Fault::DuplicateName> fault(new Dovra::Fault::DuplicateName());
-            fault->SetName(spec->GetName());
-            fault->SetObject(RefTo<Morphel::Server::Conversion::ConversionJob>(other->id).Get());
-            Raise(fault.Get());
-        }
+        CheckJobName(tx, spec->GetName(), "");
         info->SetEventChainId(tx.NextChainId());
         tx.PutTask(task);
         tx.PutJob(job);
@@ -202,23 +416,32 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     RegisterTask(context_, taskId);
 }
 
-// The simulated conversion of one task, in 20 steps over the configured time.
+bool Active(const Morphel::Task::TaskInfo& info) {
+    return info.GetState() == Morphel::Task::TaskInfo::State::queued ||
+           info.GetState() == Morphel::Task::TaskInfo::State::running;
+}
+
+// The simulated conversion of one task, in 20 steps over the configured time. It ends early when the task
+// has ended otherwise (cancelled) or is gone.
 void RunConversion(Context& context, const std::string& taskId) {
     using State = Morphel::Task::TaskInfo::State;
     const auto step = context.options.conversionTime / 20;
-    // Applies `change` to the task (and false when it is gone).
+    // Applies `change` to the task while it is queued or running (else false).
     auto update = [&](auto&& change) {
+        bool active = false;
         context.state->Transact([&](StateTransaction& tx) {
-            if (auto task = tx.FindTask(taskId)) {
-                change(tx, *task);
-                tx.PutTask(*task);
-            }
+            auto task = tx.FindTask(taskId);
+            active = task && Active(*task->info);
+            if (!active) return;
+            change(tx, *task);
+            tx.PutTask(*task);
         });
+        return active;
     };
     if (!context.Sleep(step)) return;
     std::vector<std::string> disks;
     std::string vmName;
-    update([&](StateTransaction& tx, TaskRecord& t) {
+    bool active = update([&](StateTransaction& tx, TaskRecord& t) {
         t.info->SetState(State::running);
         t.info->SetStartTime(DateTime::Now());
         t.info->SetProgress(0);
@@ -226,9 +449,9 @@ void RunConversion(Context& context, const std::string& taskId) {
         disks = t.disks;
         vmName = t.vmName;
     });
-    for (int i = 1; i <= 20; ++i) {
+    for (int i = 1; active && i <= 20; ++i) {
         if (!context.Sleep(step)) return;
-        update([&](StateTransaction& tx, TaskRecord& t) {
+        active = update([&](StateTransaction& tx, TaskRecord& t) {
             int progress = i * 5;
             t.info->SetProgress(progress);
             t.info->SetEstimatedTimeRemaining(int32_t((20 - i) * step.count() / 1000));
@@ -253,9 +476,11 @@ void RunConversion(Context& context, const std::string& taskId) {
             }
         });
     }
+    if (!active) return;
     update([&](StateTransaction& tx, TaskRecord& t) {
         DateTime now = DateTime::Now();
         t.info->SetState(State::success);
+        t.info->SetCancelable(false);
         t.info->SetCompleteTime(now);
         t.info->SetEstimatedTimeRemaining(0);
         Context::LogTask(tx, t, "Task completed");
@@ -263,12 +488,38 @@ void RunConversion(Context& context, const std::string& taskId) {
             job->info->SetActiveTask(nullptr);
             job->info->SetLastRunCompleteTime(now);
             job->info->SetLastModifiedTime(now);
+            job->info->SetNumConsecutiveErrors(0);
             tx.PutJob(*job);
         }
     });
 }
 
 }  // namespace
+
+bool CancelConversion(StateTransaction& tx, const std::string& taskId) {
+    auto task = tx.FindTask(taskId);
+    if (!task || !Active(*task->info)) return false;
+    DateTime now = DateTime::Now();
+    Ref<Morphel::Agent::Internal::Fault::Cancel> cancelled(new Morphel::Agent::Internal::Fault::Cancel());
+    task->info->SetState(Morphel::Task::TaskInfo::State::error);
+    task->info->SetCancelled(true);
+    task->info->SetCancelable(false);
+    task->info->SetError(cancelled.Get());
+    task->info->SetCompleteTime(now);
+    task->info->UnsetEstimatedTimeRemaining();
+    tx.PutTask(*task);
+    Context::LogTask(tx, *task, "Task cancelled");
+    auto job = tx.FindJob(task->jobId);
+    if (job && job->info->GetActiveTask() != nullptr && job->info->GetActiveTask()->GetId() == taskId) {
+        job->info->SetActiveTask(nullptr);
+        job->info->SetLastRunCompleteTime(now);
+        job->info->SetLastModifiedTime(now);
+        job->info->SetMostRecentError(cancelled.Get());
+        job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
+        tx.PutJob(*job);
+    }
+    return true;
+}
 
 void RegisterJob(Context& context, const std::string& id) {
     context.Register(id, Ref<ConversionJobImpl>(new ConversionJobImpl(context, id)).Get());

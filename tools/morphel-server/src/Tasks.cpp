@@ -1,5 +1,6 @@
-// The task manager and the tasks of conversion jobs.
+// The task manager and the tasks of conversion jobs. A task has no child tasks.
 #include <morphel/event/types.h>
+#include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
 
 #include "Context.h"
@@ -10,20 +11,56 @@ namespace {
 
 using Fundix::Ref;
 using Morphel::Task::TaskInfo;
+using Morphel::Task::TaskSpec;
 
 TaskRecord FindTask(StateTransaction& tx, const std::string& id) {
     auto task = tx.FindTask(id);
     if (!task) ThrowNotFound();
     return *task;
 }
+TaskRecord FindTask(StateTransaction& tx, const Kitra::MoRef* ref) {
+    if (ref == nullptr) ThrowNotFound();
+    return FindTask(tx, ref->GetId());
+}
+
+// What the task converts, from its job's spec as it stands: the source, the machine made, the parameters
+// and what is done to the source; null once the job is gone.
+Ref<TaskSpec> SpecOf(StateTransaction& tx, const std::string& id) {
+    TaskRecord task = FindTask(tx, id);
+    auto job = tx.FindJob(task.jobId);
+    if (!job) return nullptr;
+    Ref<TaskSpec> spec(new TaskSpec());
+    spec->SetSource(job->spec->GetSource());
+    spec->SetTarget(job->info->GetTargetVm());
+    spec->SetConversionParams(job->spec->GetConversionParams());
+    if (auto* source = job->spec->GetP2vSourceModificationSpec()) {
+        spec->SetShutdownSource(source->IsShutdownSource());
+        spec->SetUninstallAgent(source->IsUninstallAgent());
+    }
+    return spec;
+}
+
+Ref<Kitra::DataArray<TaskInfo>> NoChildren() { return new Kitra::DataArray<TaskInfo>(); }
 
 class TaskManagerImpl : public Morphel::Task::TaskManagerBase {
 public:
     explicit TaskManagerImpl(Context& context) : context_(context) {}
 
     void GetTaskInfo(Kitra::MoRef* task, Ref<TaskInfo>& result) override {
-        if (task == nullptr) ThrowNotFound();
-        result = context_.state->Run([&](StateTransaction& tx) { return FindTask(tx, task->GetId()).info; });
+        result = context_.state->Run([&](StateTransaction& tx) { return FindTask(tx, task).info; });
+    }
+    void GetTaskSpec(Kitra::MoRef* task, Ref<TaskSpec>& result) override {
+        result = context_.state->Run([&](StateTransaction& tx) { return SpecOf(tx, FindTask(tx, task).id); });
+    }
+    void GetChildTask(Kitra::MoRef* task, Ref<Kitra::DataArray<TaskInfo>>& result) override {
+        context_.state->Transact([&](StateTransaction& tx) { FindTask(tx, task); });
+        result = NoChildren();
+    }
+    // The simulated conversion takes the configured time, whatever it converts: in whole seconds, rounded up.
+    Fundix::Optional<int32_t> EstimateTimeToComplete(TaskSpec* taskSpec,
+                                                     Morphel::Task::RuntimeEnvironmentInfo*) override {
+        if (taskSpec == nullptr) ThrowInvalidArgument("taskSpec");
+        return int32_t((context_.options.conversionTime.count() + 999) / 1000);
     }
     void GetRecentTask(Ref<Kitra::DataArray<Kitra::MoRef>>& result) override {
         Ref<Kitra::DataArray<Kitra::MoRef>> list(new Kitra::DataArray<Kitra::MoRef>());
@@ -50,6 +87,21 @@ public:
 
     void GetInfo(Ref<TaskInfo>& result) override {
         result = context_.state->Run([&](StateTransaction& tx) { return FindTask(tx, id_).info; });
+    }
+    void GetSpec(Ref<TaskSpec>& result) override {
+        result = context_.state->Run([&](StateTransaction& tx) { return SpecOf(tx, id_); });
+    }
+    void GetChild(Ref<Kitra::DataArray<TaskInfo>>& result) override {
+        context_.state->Transact([&](StateTransaction& tx) { FindTask(tx, id_); });
+        result = NoChildren();
+    }
+    // A queued or running task stops at its next step; cancelling a task that has ended changes nothing
+    // (the call declares no fault to refuse it with, and its info says it is no longer cancelable).
+    void Cancel() override {
+        context_.state->Transact([&](StateTransaction& tx) {
+            FindTask(tx, id_);
+            CancelConversion(tx, id_);
+        });
     }
     // The events of the task's chain, oldest first.
     void GetEvent(Ref<Kitra::DataArray<Morphel::Event::Event>>& result) override {

@@ -1,0 +1,396 @@
+// The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
+// updating and destroying a job, and what the task manager answers about a task.
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <dovra/fault/types.h>
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
+#include <morphel-server/Service.h>
+#include <morphel/agent/internal/fault/types.h>
+#include <morphel/event/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/params/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Server::Conversion::ConversionJobInfo;
+using Morphel::Server::Conversion::ConversionJobStub;
+using Morphel::Task::TaskInfo;
+using Status = Morphel::Server::ManagedEntity::Status;
+using namespace std::chrono_literals;
+
+constexpr const char* kFail = "failIfActiveTask";
+constexpr const char* kCancel = "cancelActiveTask";
+
+template <class Fault, class F>
+Ref<Fault> ExpectFault(F&& f) {
+    try {
+        f();
+        ADD_FAILURE() << "no fault";
+    } catch (const typename Fault::Exception& e) {
+        return e.GetFault();
+    } catch (const Fundix::Exception& e) {
+        ADD_FAILURE() << "raised " << e.GetMessage();
+    }
+    return nullptr;
+}
+
+// One service on loopback, its conversions taking the time a test asks for, and a client logged in to it.
+class OperationsTest : public ::testing::Test {
+protected:
+    void Start(std::chrono::milliseconds conversionTime) {
+        MorphelServer::ServiceOptions options;
+        options.conversionTime = conversionTime;
+        service_ = std::make_unique<MorphelServer::Service>(options);
+        Kitra::Http::ServerOptions serverOptions;
+        serverOptions.versions = MorphelServer::Service::Versions();
+        server_ = std::make_unique<Kitra::Http::Server>(serverOptions);
+        service_->Attach(*server_);
+        server_->Start();
+        adapter_ = new Kitra::Http::StubAdapter(server_->GetUrl(), "morphel.version.version4");
+        Ref<Morphel::SessionManagerStub> sessions(
+            new Morphel::SessionManagerStub("SessionManager", adapter_.Get(), nullptr));
+        Ref<Morphel::UserSession> session;
+        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
+        conversions_ = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
+                                                                              adapter_.Get(), nullptr);
+        tasks_ = new Morphel::Task::TaskManagerStub("TaskManager", adapter_.Get(), nullptr);
+    }
+    void TearDown() override {
+        if (server_) server_->Stop();
+        server_.reset();
+        service_.reset();
+    }
+
+    template <class Stub>
+    Ref<Stub> Make(const Kitra::MoRef* ref) {
+        return new Stub(ref->GetId(), adapter_.Get(), nullptr);
+    }
+
+    // A job converting this machine into a hosted machine "copy", with `extraInfo`.
+    Ref<ConversionJobInfo> CreateJob(const std::string& name, Kitra::Any* extraInfo = nullptr) {
+        char host[256] = {};
+        gethostname(host, sizeof(host) - 1);
+        Ref<Morphel::ComputerSpec> source(new Morphel::ComputerSpec(
+            Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
+                .Get()));
+        Ref<Morphel::Params::TargetVmSpec> target(new Morphel::Params::TargetVmSpec());
+        target->SetName("copy");
+        target->SetLocation(Ref<Morphel::Params::TargetVmSpec::HostedVmLocation>(
+                                new Morphel::Params::TargetVmSpec::HostedVmLocation("/vms", {}, {}, {}))
+                                .Get());
+        Ref<Morphel::Params::CloningParams> cloning(new Morphel::Params::CloningParams());
+        cloning->SetTarget(target.Get());
+        Ref<Morphel::Params::ConversionParams> params(new Morphel::Params::ConversionParams());
+        params->SetCloningParams(cloning.Get());
+        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+            new Morphel::Server::Conversion::ConversionJobSpec());
+        spec->SetName(name);
+        spec->SetSource(source.Get());
+        spec->SetConversionParams(params.Get());
+        Ref<ConversionJobInfo> info;
+        conversions_->CreateJob(spec.Get(), extraInfo, info);
+        return info;
+    }
+
+    Ref<TaskInfo> TaskOf(Kitra::MoRef* task) {
+        Ref<TaskInfo> info;
+        tasks_->GetTaskInfo(task, info);
+        return info;
+    }
+    // The task's info once `done` holds for it (a failure after ten seconds).
+    Ref<TaskInfo> WaitFor(Kitra::MoRef* task, const std::function<bool(const TaskInfo&)>& done) {
+        auto deadline = std::chrono::steady_clock::now() + 10s;
+        Ref<TaskInfo> info = TaskOf(task);
+        while (!done(*info) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(10ms);
+            info = TaskOf(task);
+        }
+        EXPECT_TRUE(done(*info)) << "task " << task->GetId() << " never got there";
+        return info;
+    }
+    Ref<ConversionJobInfo> JobInfo(ConversionJobStub* job) {
+        Ref<ConversionJobInfo> info;
+        job->GetInfo(info);
+        return info;
+    }
+
+    std::unique_ptr<MorphelServer::Service> service_;
+    std::unique_ptr<Kitra::Http::Server> server_;
+    Ref<Kitra::Http::StubAdapter> adapter_;
+    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions_;
+    Ref<Morphel::Task::TaskManagerStub> tasks_;
+};
+
+bool Running(const TaskInfo& info) { return info.GetState() == TaskInfo::State::running; }
+
+TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
+    Start(4s);  // 20 steps of 200 ms
+    Ref<ConversionJobInfo> created = CreateJob("cancelled");
+    EXPECT_TRUE(TaskOf(created->GetActiveTask())->IsCancelable());
+    auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
+    auto job = Make<ConversionJobStub>(created->GetJob());
+    EXPECT_EQ(job->GetOverallStatus(), Status::gray);
+    Ref<Morphel::Task::TaskSpec> spec;
+    tasks_->GetTaskSpec(created->GetActiveTask(), spec);
+    Ref<Morphel::Task::ConversionRuntimeEnvironmentInfo> env(
+        new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
+    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 4);
+
+    WaitFor(created->GetActiveTask(), Running);
+    task->Cancel();
+    Ref<TaskInfo> info = TaskOf(created->GetActiveTask());
+    EXPECT_EQ(info->GetState(), TaskInfo::State::error);
+    EXPECT_TRUE(info->IsCancelled());
+    EXPECT_FALSE(info->IsCancelable());
+    EXPECT_NE(dynamic_cast<Morphel::Agent::Internal::Fault::Cancel*>(info->GetError()), nullptr);
+
+    EXPECT_EQ(JobInfo(job.Get())->GetActiveTask(), nullptr);
+    EXPECT_EQ(job->GetOverallStatus(), Status::yellow);
+
+    // The run's thread stops: over a few more steps nothing changes and nothing is logged.
+    Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+    task->GetEvent(events);
+    EXPECT_EQ(events->Get(events->GetLength() - 1)->GetFullMessage(), "Task cancelled");
+    std::this_thread::sleep_for(600ms);
+    Ref<Kitra::DataArray<Morphel::Event::Event>> later;
+    task->GetEvent(later);
+    EXPECT_EQ(later->GetLength(), events->GetLength());
+    EXPECT_EQ(TaskOf(created->GetActiveTask())->GetProgress().GetValue(), info->GetProgress().GetValue());
+
+    // Cancelling an ended task changes nothing.
+    task->Cancel();
+    EXPECT_TRUE(TaskOf(created->GetActiveTask())->_IsEqual(info.Get(), false));
+    EXPECT_EQ(JobInfo(job.Get())->GetNumConsecutiveErrors(), 1);
+}
+
+TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
+    Start(60s);  // runs that end only when cancelled
+    Ref<ConversionJobInfo> created = CreateJob("first");
+    auto job = Make<ConversionJobStub>(created->GetJob());
+    auto invalid = ExpectFault<Kitra::Fault::InvalidArgument>([&] { job->Suspend("later"); });
+    ASSERT_NE(invalid, nullptr);
+    EXPECT_EQ(invalid->GetInvalidProperty().GetValue(), "activeTaskHandling");
+    auto busy = ExpectFault<Morphel::Fault::JobHasActiveTaskFault>([&] { job->Suspend(kFail); });
+    ASSERT_NE(busy, nullptr);
+    EXPECT_EQ(busy->GetTask()->GetId(), created->GetActiveTask()->GetId());
+    EXPECT_EQ(busy->GetJob()->GetId(), created->GetJob()->GetId());
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Resume(); });
+    EXPECT_EQ(JobInfo(job.Get())->GetState(), "active");
+
+    job->Suspend(kCancel);
+    EXPECT_EQ(JobInfo(job.Get())->GetState(), "suspended");
+    EXPECT_TRUE(TaskOf(created->GetActiveTask())->IsCancelled());
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Suspend(kFail); });
+    job->Resume();
+    EXPECT_EQ(JobInfo(job.Get())->GetState(), "active");
+
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { job->Stop(""); });
+    job->Stop(kFail);  // no task is active any more
+    EXPECT_EQ(JobInfo(job.Get())->GetState(), "deactivated");
+    job->Stop(kCancel);  // stopped already: nothing to do
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Resume(); });
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Suspend(kCancel); });
+
+    // Stopping a job whose task is active: refused, or the task cancelled.
+    Ref<ConversionJobInfo> second = CreateJob("second");
+    auto other = Make<ConversionJobStub>(second->GetJob());
+    ExpectFault<Morphel::Fault::JobHasActiveTaskFault>([&] { other->Stop(kFail); });
+    EXPECT_EQ(JobInfo(other.Get())->GetState(), "active");
+    EXPECT_FALSE(TaskOf(second->GetActiveTask())->IsCancelled());
+    other->Stop(kCancel);
+    other->Stop(kFail);  // changes nothing, records nothing
+    EXPECT_EQ(JobInfo(other.Get())->GetState(), "deactivated");
+    EXPECT_TRUE(TaskOf(second->GetActiveTask())->IsCancelled());
+
+    // Each change is recorded against its job, the cancel against the task.
+    Ref<Morphel::Event::EventFilterSpec> byJob(new Morphel::Event::EventFilterSpec());
+    byJob->SetJob(second->GetJob());
+    Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+    Ref<Morphel::Event::EventManagerStub>(
+        new Morphel::Event::EventManagerStub("EventManager", adapter_.Get(), nullptr))
+        ->QueryEvent(byJob.Get(), events);
+    std::vector<std::string> messages;
+    for (size_t i = 0; events != nullptr && i < events->GetLength(); ++i)
+        messages.push_back(events->Get(i)->GetFullMessage().GetValue());
+    EXPECT_EQ(messages, (std::vector<std::string>{"Conversion job 'second' created", "Task queued",
+                                                  "Task cancelled", "Conversion job 'second' stopped"}));
+}
+
+TEST_F(OperationsTest, DestroyJobCancelsItsActiveTaskOnlyWhenAsked) {
+    Start(60s);
+    Ref<ConversionJobInfo> created = CreateJob("doomed");
+    ExpectFault<Dovra::Fault::InvalidState>([&] { conversions_->DestroyJob(created->GetJob(), {}); });
+    ExpectFault<Dovra::Fault::InvalidState>(
+        [&] { conversions_->DestroyJob(created->GetJob(), std::string(kFail)); });
+    ExpectFault<Kitra::Fault::InvalidArgument>(
+        [&] { conversions_->DestroyJob(created->GetJob(), std::string("now")); });
+    EXPECT_FALSE(TaskOf(created->GetActiveTask())->IsCancelled());
+
+    conversions_->DestroyJob(created->GetJob(), std::string(kCancel));
+    Ref<ConversionJobInfo> gone;
+    ExpectFault<Dovra::Fault::NotFound>([&] { conversions_->GetJobInfo(created->GetJob(), gone); });
+    EXPECT_TRUE(TaskOf(created->GetActiveTask())->IsCancelled());
+    // The task stays; what it converted went with its job.
+    Ref<Morphel::Task::TaskSpec> spec;
+    tasks_->GetTaskSpec(created->GetActiveTask(), spec);
+    EXPECT_EQ(spec, nullptr);
+    CreateJob("doomed");  // the name is free again
+}
+
+TEST_F(OperationsTest, RenameAndUpdatesCheckNamesAndKeepTheRest) {
+    Start(60s);
+    Ref<Morphel::Params::ThrottlingParams> first(new Morphel::Params::ThrottlingParams("light", 5));
+    Ref<ConversionJobInfo> one = CreateJob("one", first.Get());
+    Ref<ConversionJobInfo> two = CreateJob("two");
+    auto job = Make<ConversionJobStub>(one->GetJob());
+
+    auto invalid = ExpectFault<Dovra::Fault::InvalidName>([&] { job->Rename(""); });
+    ASSERT_NE(invalid, nullptr);
+    EXPECT_EQ(invalid->GetEntity()->GetId(), one->GetJob()->GetId());
+    auto duplicate = ExpectFault<Dovra::Fault::DuplicateName>([&] { job->Rename("two"); });
+    ASSERT_NE(duplicate, nullptr);
+    EXPECT_EQ(duplicate->GetObject()->GetId(), two->GetJob()->GetId());
+    EXPECT_EQ(job->Rename("one"), "one");  // its own name
+    EXPECT_EQ(job->Rename("uno"), "uno");
+    EXPECT_EQ(job->GetName(), "uno");
+    CreateJob("one");  // free again
+
+    using Update = Morphel::Server::Job::Job::JobUpdateSpec;
+    Ref<Update> update(new Update());
+    Ref<Morphel::Server::Job::JobSpec> spec;
+    auto apply = [&] { job->UpdateJobSpec(update.Get(), spec); };
+    update->SetName(std::string("two"));
+    ExpectFault<Dovra::Fault::DuplicateName>(apply);
+    update->SetName(std::string());
+    ExpectFault<Dovra::Fault::InvalidName>(apply);
+    // The run started with the job: a new first run is refused, and nothing else of the update is kept.
+    update->SetName(std::string("eins"));
+    update->SetDoFirstRunNow(true);
+    auto started = ExpectFault<Morphel::Fault::FirstRunAlreadyStartedFault>(apply);
+    ASSERT_NE(started, nullptr);
+    EXPECT_EQ(started->GetJob()->GetId(), one->GetJob()->GetId());
+    update->UnsetDoFirstRunNow();
+    update->SetFirstRun(Fundix::System::DateTime::Now());
+    ExpectFault<Morphel::Fault::FirstRunAlreadyStartedFault>(apply);
+    EXPECT_EQ(job->GetName(), "uno");
+    update->UnsetFirstRun();
+    update->SetDescription(std::string("renamed twice"));
+    apply();
+    EXPECT_EQ(spec->GetName(), "eins");
+    EXPECT_EQ(spec->GetDescription().GetValue(), "renamed twice");
+    EXPECT_EQ(job->GetName(), "eins");
+
+    // The extra information is replaced, the previous one returned.
+    Ref<Kitra::Any> previous;
+    Ref<Morphel::Params::ThrottlingParams> second(new Morphel::Params::ThrottlingParams("medium", 9));
+    job->UpdateExtraInfo(second.Get(), previous);
+    ASSERT_NE(previous, nullptr);
+    EXPECT_TRUE(previous->_IsEqual(first.Get(), false));
+    job->UpdateExtraInfo(nullptr, previous);
+    EXPECT_TRUE(previous->_IsEqual(second.Get(), false));
+    job->GetExtraInfo(previous);
+    EXPECT_EQ(previous, nullptr);
+}
+
+TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
+    Start(60s);
+    Ref<ConversionJobInfo> created = CreateJob("params");
+    auto job = Make<ConversionJobStub>(created->GetJob());
+    Ref<Morphel::Server::Conversion::ConversionParamsUpdateSpec> update(
+        new Morphel::Server::Conversion::ConversionParamsUpdateSpec());
+    update->SetDoReconfig(true);
+    Ref<Morphel::Params::ConversionParams> params;
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->UpdateConversionParams(update.Get(), params); });
+    Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
+
+    Ref<Morphel::Params::ThrottlingParamsUpdateSpec> throttling(
+        new Morphel::Params::ThrottlingParamsUpdateSpec());
+    throttling->SetCpuThrottling(std::string("light"));
+    throttling->SetNetworkBandwidthThrottlingInMB(10);
+    update->SetThrottling(throttling.Get());
+    Ref<Kitra::Array<std::string>> services(new Kitra::Array<std::string>());
+    services->Append("backup");
+    update->SetServicesToSuspend(services.Get());
+    update->SetShutdownSource(true);
+    job->UpdateConversionParams(update.Get(), params);
+    EXPECT_TRUE(params->IsDoReconfig().GetValue());
+    EXPECT_EQ(params->GetThrottlingParams()->GetCpuThrottling().GetValue(), "light");
+    EXPECT_EQ(params->GetThrottlingParams()->GetNetworkBandwidthThrottlingInMB().GetValue(), 10);
+    ASSERT_EQ(params->GetCloningParams()->GetServicesToSuspend()->GetLength(), 1u);
+    EXPECT_EQ(params->GetCloningParams()->GetTarget()->GetName(), "copy");  // untouched
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
+    job->GetSpec(spec);
+    EXPECT_TRUE(spec->GetConversionParams()->_IsEqual(params.Get(), false));
+    EXPECT_TRUE(spec->GetP2vSourceModificationSpec()->IsShutdownSource().GetValue());
+    Ref<Morphel::Task::TaskSpec> taskSpec;
+    tasks_->GetTaskSpec(created->GetActiveTask(), taskSpec);
+    EXPECT_TRUE(taskSpec->IsShutdownSource().GetValue());
+
+    // The switches clear what an unset field would keep.
+    Ref<Morphel::Server::Conversion::ConversionParamsUpdateSpec> clear(
+        new Morphel::Server::Conversion::ConversionParamsUpdateSpec());
+    Ref<Morphel::Params::ThrottlingParamsUpdateSpec> off(new Morphel::Params::ThrottlingParamsUpdateSpec());
+    off->SetDisableNetworkBandwidthThrottling(true);
+    clear->SetThrottling(off.Get());
+    clear->SetClearServicesToSuspend(true);
+    job->UpdateConversionParams(clear.Get(), params);
+    EXPECT_TRUE(params->IsDoReconfig().GetValue());
+    EXPECT_EQ(params->GetThrottlingParams()->GetCpuThrottling().GetValue(), "light");
+    EXPECT_FALSE(params->GetThrottlingParams()->GetNetworkBandwidthThrottlingInMB().IsSet());
+    auto* left = params->GetCloningParams()->GetServicesToSuspend();
+    EXPECT_TRUE(left == nullptr || left->GetLength() == 0);
+}
+
+TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
+    Start(1100ms);
+    Ref<ConversionJobInfo> created = CreateJob("described");
+    auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
+    Ref<Kitra::MoRef> unknown(new Kitra::MoRef("morphel.task.Task", "Task-999"));
+
+    Ref<Morphel::Task::TaskSpec> spec;
+    tasks_->GetTaskSpec(created->GetActiveTask(), spec);
+    ASSERT_NE(spec, nullptr);
+    EXPECT_EQ(spec->GetConversionParams()->GetCloningParams()->GetTarget()->GetName(), "copy");
+    EXPECT_TRUE(spec->GetTarget()->_IsEqual(created->GetTargetVm(), false));
+    Ref<Morphel::Task::TaskSpec> property;
+    task->GetSpec(property);
+    EXPECT_TRUE(property->_IsEqual(spec.Get(), false));
+    ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetTaskSpec(unknown.Get(), spec); });
+
+    // An empty array travels as none.
+    Ref<Kitra::DataArray<TaskInfo>> children;
+    tasks_->GetChildTask(created->GetActiveTask(), children);
+    EXPECT_TRUE(children == nullptr || children->GetLength() == 0);
+    task->GetChild(children);
+    EXPECT_TRUE(children == nullptr || children->GetLength() == 0);
+    ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetChildTask(unknown.Get(), children); });
+
+    Ref<Morphel::Task::ConversionRuntimeEnvironmentInfo> env(
+        new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
+    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 2);  // 1.1 s, rounded up
+
+    // The overall status follows the run to its end; a successful task is no longer cancelable.
+    auto job = Make<ConversionJobStub>(created->GetJob());
+    EXPECT_EQ(job->GetOverallStatus(), Status::gray);
+    Ref<TaskInfo> done = WaitFor(created->GetActiveTask(),
+                                 [](const TaskInfo& i) { return i.GetState() == TaskInfo::State::success; });
+    EXPECT_FALSE(done->IsCancelable());
+    EXPECT_EQ(job->GetOverallStatus(), Status::green);
+    task->Cancel();
+    EXPECT_EQ(TaskOf(created->GetActiveTask())->GetState(), TaskInfo::State::success);
+}
+
+}  // namespace
