@@ -191,9 +191,9 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         std::string message = "Conversion job '" + spec->GetName() + "' created";
         Ref<Morphel::Event::GeneralEvent> created(new Morphel::Event::GeneralEvent());
         created->SetMessage(message);
-        Context::Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
+        context_.Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
                      message, jobId);
-        Context::LogTask(tx, task, "Task queued");
+        context_.LogTask(tx, task, "Task queued");
         result = job.info;  // the state keeps a copy
     });
     // The run outlives no context (its destructor joins it), and may outlive this manager.
@@ -206,10 +206,12 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
 void RunConversion(Context& context, const std::string& taskId) {
     using State = Morphel::Task::TaskInfo::State;
     const auto step = context.options.conversionTime / 20;
-    // Applies `change` to the task (and false when it is gone).
+    // Applies `change` to the task while it is queued or running (a service attached to the same state
+    // since may have failed it).
     auto update = [&](auto&& change) {
         context.state->Transact([&](StateTransaction& tx) {
-            if (auto task = tx.FindTask(taskId)) {
+            auto task = tx.FindTask(taskId);
+            if (task && (task->info->GetState() == State::queued || task->info->GetState() == State::running)) {
                 change(tx, *task);
                 tx.PutTask(*task);
             }
@@ -222,7 +224,7 @@ void RunConversion(Context& context, const std::string& taskId) {
         t.info->SetState(State::running);
         t.info->SetStartTime(DateTime::Now());
         t.info->SetProgress(0);
-        Context::LogTask(tx, t, "Task started");
+        context.LogTask(tx, t, "Task started");
         disks = t.disks;
         vmName = t.vmName;
     });
@@ -240,14 +242,14 @@ void RunConversion(Context& context, const std::string& taskId) {
                     Ref<Morphel::Event::DiskCloningEvent> e(new Morphel::Event::DiskCloningEvent());
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
-                    Context::Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
+                    context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
                                  Morphel::Event::Event::Type::info, "Cloning disk " + disks[d], t.jobId);
                 }
                 if (progress - 5 < end && end <= progress) {
                     Ref<Morphel::Event::DiskClonedEvent> e(new Morphel::Event::DiskClonedEvent());
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
-                    Context::Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
+                    context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
                                  Morphel::Event::Event::Type::info, "Cloned disk " + disks[d], t.jobId);
                 }
             }
@@ -258,7 +260,7 @@ void RunConversion(Context& context, const std::string& taskId) {
         t.info->SetState(State::success);
         t.info->SetCompleteTime(now);
         t.info->SetEstimatedTimeRemaining(0);
-        Context::LogTask(tx, t, "Task completed");
+        context.LogTask(tx, t, "Task completed");
         if (auto job = tx.FindJob(t.jobId)) {
             job->info->SetActiveTask(nullptr);
             job->info->SetLastRunCompleteTime(now);
