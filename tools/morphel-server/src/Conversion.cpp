@@ -117,66 +117,9 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     }
     CheckSource(context_.machine, spec->GetSource());
     const Machine& machine = context_.machine;
-    std::string jobId, taskId;
-    context_.state->Transact([&](StateTransaction& tx) {
-        jobId = "ConversionJob-" + std::to_string(tx.NextId());
-        taskId = "Task-" + std::to_string(tx.NextId());
-    });
-    DateTime now = DateTime::Now();
-
-    TaskRecord task;
-    task.id = taskId;
-    task.jobId = jobId;
-    task.vmName = spec->GetName();
-    auto* cloning =
-        spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
-    if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
-    auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
-                      ? cloning->GetStorageParams()->GetTargetDiskParams()
-                      : nullptr;
-    for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
-        if (disks->Get(i)->GetSourceDiskId().IsSet())
-            task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
-    if (task.disks.empty())
-        for (const auto& d : machine.disks)
-            task.disks.push_back(d.id);
-
-    Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
-    info->SetKey(taskId);
-    info->SetTask(RefTo<Morphel::Task::Task>(taskId).Get());
-    info->SetName("convert");
-    info->SetDescriptionId("morphel.server.conversion.ConversionManager.createJob");
-    info->SetUserName(user);
-    info->SetSource(machine.hostname);
-    info->SetTarget(task.vmName);
-    info->SetState(Morphel::Task::TaskInfo::State::queued);
-    info->SetCancelled(false);
-    info->SetCancelable(false);
-    info->SetProgress(0);
-    info->SetQueueTime(now);
-    info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
-    task.info = info;
-
-    JobRecord job;
-    job.id = jobId;
-    job.spec = spec;  // the state keeps a copy
-    job.extraInfo = extraInfo;
-    job.info = new ConversionJobInfo();
-    job.info->SetKey(jobId);
-    job.info->SetOwner(user);
-    job.info->SetState("active");
-    job.info->SetActiveTask(RefTo<Morphel::Task::Task>(taskId).Get());
-    job.info->SetCreationTime(now);
-    job.info->SetLastModifiedTime(now);
-    job.info->SetNumConsecutiveErrors(0);
-    job.info->SetLastRunStartTime(now);
-    job.info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
-    job.info->SetTargetVm(TargetOf(*spec).Get());
-    job.info->SetSource(machine.hostname);
-    job.info->SetTarget(task.vmName);
-    job.info->SetEditable(false);
-
     if (context_.Stopping()) ThrowInvalidState();
+    // One transaction (one commit to wait for) checks the name, numbers, keeps and records the job.
+    std::string jobId, taskId;
     context_.state->Transact([&](StateTransaction& tx) {
         if (auto other = tx.FindJobByName(spec->GetName())) {
             Ref<Dovra::Fault::DuplicateName> fault(new Dovra::Fault::DuplicateName());
@@ -184,6 +127,62 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
             fault->SetObject(RefTo<Morphel::Server::Conversion::ConversionJob>(other->id).Get());
             Raise(fault.Get());
         }
+        jobId = "ConversionJob-" + std::to_string(tx.NextId());
+        taskId = "Task-" + std::to_string(tx.NextId());
+        DateTime now = DateTime::Now();
+
+        TaskRecord task;
+        task.id = taskId;
+        task.jobId = jobId;
+        task.vmName = spec->GetName();
+        auto* cloning =
+            spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
+        if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
+        auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
+                          ? cloning->GetStorageParams()->GetTargetDiskParams()
+                          : nullptr;
+        for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
+            if (disks->Get(i)->GetSourceDiskId().IsSet())
+                task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
+        if (task.disks.empty())
+            for (const auto& d : machine.disks)
+                task.disks.push_back(d.id);
+
+        Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
+        info->SetKey(taskId);
+        info->SetTask(RefTo<Morphel::Task::Task>(taskId).Get());
+        info->SetName("convert");
+        info->SetDescriptionId("morphel.server.conversion.ConversionManager.createJob");
+        info->SetUserName(user);
+        info->SetSource(machine.hostname);
+        info->SetTarget(task.vmName);
+        info->SetState(Morphel::Task::TaskInfo::State::queued);
+        info->SetCancelled(false);
+        info->SetCancelable(false);
+        info->SetProgress(0);
+        info->SetQueueTime(now);
+        info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
+        task.info = info;
+
+        JobRecord job;
+        job.id = jobId;
+        job.spec = spec;  // the state keeps a copy
+        job.extraInfo = extraInfo;
+        job.info = new ConversionJobInfo();
+        job.info->SetKey(jobId);
+        job.info->SetOwner(user);
+        job.info->SetState("active");
+        job.info->SetActiveTask(RefTo<Morphel::Task::Task>(taskId).Get());
+        job.info->SetCreationTime(now);
+        job.info->SetLastModifiedTime(now);
+        job.info->SetNumConsecutiveErrors(0);
+        job.info->SetLastRunStartTime(now);
+        job.info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
+        job.info->SetTargetVm(TargetOf(*spec).Get());
+        job.info->SetSource(machine.hostname);
+        job.info->SetTarget(task.vmName);
+        job.info->SetEditable(false);
+
         info->SetEventChainId(tx.NextChainId());
         tx.PutTask(task);
         tx.PutJob(job);
