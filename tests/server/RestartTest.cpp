@@ -77,7 +77,7 @@ void ExpectInterrupted(const TaskInfo& info) {
 TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     TempFolder folder;
     const std::string path = folder.path + "/state.db";
-    std::string jobId, taskId, collectorId, owner;
+    std::string jobId, taskId, runningId, doneId, collectorId, owner;
     std::vector<int32_t> keys;
     {
         MorphelServer::ServiceOptions options;
@@ -94,6 +94,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
             auto created = c.CreateJob("kept");
             jobId = created->GetJob()->GetId();
             taskId = created->GetActiveTask()->GetId();
+            runningId = c.CreateJob("running")->GetActiveTask()->GetId();
+            doneId = c.CreateJob("done")->GetActiveTask()->GetId();
             Ref<Kitra::MoRef> ref;
             c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
             collectorId = ref->GetId();
@@ -105,6 +107,12 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         }
         server.Stop();
         options.state->Transact([&](MorphelServer::StateTransaction& tx) {
+            // One task was running when the service went, another had finished.
+            for (auto [id, state] : {std::pair{runningId, TaskInfo::State::running}, {doneId, TaskInfo::State::success}}) {
+                auto task = tx.FindTask(id);
+                task->info->SetState(state);
+                tx.PutTask(*task);
+            }
             for (const auto& e : tx.SelectEvents(nullptr))
                 keys.push_back(e->GetKey());
         });
@@ -117,19 +125,21 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         auto task = tx.FindTask(taskId);
         ASSERT_TRUE(task.has_value());
         ExpectInterrupted(*task->info);
+        ExpectInterrupted(*tx.FindTask(runningId)->info);
+        EXPECT_EQ(tx.FindTask(doneId)->info->GetState(), TaskInfo::State::success);
         auto job = tx.FindJob(jobId);
         ASSERT_TRUE(job.has_value());
         EXPECT_EQ(job->info->GetActiveTask(), nullptr);
         EXPECT_EQ(job->info->GetNumConsecutiveErrors(), 1);
         EXPECT_NE(dynamic_cast<Morphel::Fault::CloneFault*>(job->info->GetMostRecentError()), nullptr);
 
-        // The events before the restart, then the start and the failure.
+        // The events before the restart, then the start and the failures.
         auto events = tx.SelectEvents(nullptr);
-        ASSERT_EQ(events.size(), keys.size() + 2);
+        ASSERT_EQ(events.size(), keys.size() + 3);
         for (size_t i = 0; i < keys.size(); ++i)
             EXPECT_EQ(events[i]->GetKey(), keys[i]);
         EXPECT_NE(dynamic_cast<Morphel::Event::ServerStartedEvent*>(events[keys.size()].Get()), nullptr);
-        auto* failed = dynamic_cast<Morphel::Event::TaskEvent*>(events.back().Get());
+        auto* failed = dynamic_cast<Morphel::Event::TaskEvent*>(events[keys.size() + 1].Get());
         ASSERT_NE(failed, nullptr);
         EXPECT_EQ(failed->GetChainId(), task->info->GetEventChainId());
         ExpectInterrupted(*failed->GetInfo());

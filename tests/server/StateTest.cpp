@@ -108,7 +108,9 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{"t5"});
 
         MorphelServer::JobRecord job = Job("ConversionJob-1", "one");
+        job.extraInfo = Ref<Kitra::Any>(job.spec->_Clone());
         tx.PutJob(job);
+        EXPECT_TRUE(tx.FindJob("ConversionJob-1")->extraInfo->_IsEqual(job.spec.Get(), false));
         job.spec->SetName("changed after the put");
         EXPECT_EQ(tx.FindJob("ConversionJob-1")->spec->GetName(), "one");  // records go in and come out as copies
         tx.FindJob("ConversionJob-1")->spec->SetName("changed without a put");
