@@ -431,6 +431,10 @@ TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
             new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
         conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
     });
+    // The new service failed the task the first one runs; that run, going on, changes it no more.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    task->GetInfo(info);
+    EXPECT_EQ(info->GetState(), Morphel::Task::TaskInfo::State::error);
     server.Stop();
 }
 
