@@ -25,7 +25,8 @@ using Fundix::Ref;
 // Carries calls to a server's Handle in process, with the session cookie it hands out.
 class HandleAdapter : public Kitra::StubAdapter {
 public:
-    explicit HandleAdapter(Kitra::Http::Server& server) : server_(server), codec_("morphel.version.version4") {}
+    explicit HandleAdapter(Kitra::Http::Server& server)
+        : server_(server), codec_("morphel.version.version4") {}
     void Invoke(const std::string& id, Kitra::ManagedMethod* method, Fundix::RefVector<Kitra::Any>& arguments,
                 Ref<Kitra::Any>& result, Kitra::RequestContext*) override {
         std::string body;
@@ -66,10 +67,12 @@ struct Hosted {
         : service(Options(std::move(state))), server(ServerOptions()) {
         service.Attach(server);
         adapter = new HandleAdapter(server);
-        Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+        Ref<Morphel::SessionManagerStub> sessions(
+            new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
         Ref<Morphel::UserSession> session;
         sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr);
+        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
+                                                                             adapter.Get(), nullptr);
         tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
     }
     static MorphelServer::ServiceOptions Options(std::shared_ptr<MorphelServer::State> state) {
@@ -86,11 +89,17 @@ struct Hosted {
     Ref<Morphel::Server::Conversion::ConversionJobInfo> CreateJob(const std::string& name) {
         char host[256] = {};
         gethostname(host, sizeof(host) - 1);
-        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+            new Morphel::Server::Conversion::ConversionJobSpec());
         spec->SetName(name);
-        spec->SetSource(Ref<Morphel::ComputerSpec>(new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-            new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {})).Get())).Get());
-        spec->SetConversionParams(Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+        spec->SetSource(Ref<Morphel::ComputerSpec>(
+                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                                                          new Morphel::ComputerSpec::LiveComputerLocation(
+                                                              host, {}, {}, {}, "linux", {}, {}))
+                                                          .Get()))
+                            .Get());
+        spec->SetConversionParams(
+            Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
         Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
         conversions->CreateJob(spec.Get(), nullptr, created);
         return created;
@@ -165,7 +174,9 @@ void RestartWith10000Events(benchmark::State& bench) {
                 e->SetCreatedTime(Fundix::System::DateTime::Now());
                 e->SetUserName("demo");
                 e->SetFullMessage("Cloning disk disk-0");
-                e->SetJob(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", "ConversionJob-1")).Get());
+                e->SetJob(Ref<Kitra::MoRef>(
+                              new Kitra::MoRef("morphel.server.conversion.ConversionJob", "ConversionJob-1"))
+                              .Get());
                 tx.AppendEvent(e.Get());
             }
         });

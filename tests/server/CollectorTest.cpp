@@ -93,7 +93,8 @@ struct Hosted {
     }
     std::vector<int32_t> All() {
         Ref<Kitra::DataArray<Event>> page;
-        events->QueryEvent(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), page);
+        events->QueryEvent(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
+                           page);
         return Keys(page.Get());
     }
     MorphelServer::Service service;
@@ -108,7 +109,8 @@ TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
     options.maxEvents = 4;
     Hosted hosted(options);  // start, login: 1, 2
     Ref<Kitra::MoRef> ref;
-    hosted.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
+    hosted.events->CreateCollector(
+        Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
     Ref<Morphel::Event::EventHistoryCollectorStub> collector(
         new Morphel::Event::EventHistoryCollectorStub(ref->GetId(), hosted.adapter.Get(), nullptr));
     Ref<Kitra::DataArray<Event>> page;

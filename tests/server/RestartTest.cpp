@@ -39,21 +39,30 @@ struct TempFolder {
 
 // A client of the service at `url`, logged in as demo.
 struct Client {
-    explicit Client(const std::string& url) : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {
-        Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+    explicit Client(const std::string& url)
+        : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {
+        Ref<Morphel::SessionManagerStub> sessions(
+            new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
         sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr);
+        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
+                                                                             adapter.Get(), nullptr);
         tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
         events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
     }
     Ref<ConversionJobInfo> CreateJob(const std::string& name) {
         char host[256] = {};
         gethostname(host, sizeof(host) - 1);
-        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+            new Morphel::Server::Conversion::ConversionJobSpec());
         spec->SetName(name);
-        spec->SetSource(Ref<Morphel::ComputerSpec>(new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-            new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {})).Get())).Get());
-        spec->SetConversionParams(Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+        spec->SetSource(Ref<Morphel::ComputerSpec>(
+                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                                                          new Morphel::ComputerSpec::LiveComputerLocation(
+                                                              host, {}, {}, {}, "linux", {}, {}))
+                                                          .Get()))
+                            .Get());
+        spec->SetConversionParams(
+            Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
         Ref<ConversionJobInfo> created;
         conversions->CreateJob(spec.Get(), nullptr, created);
         return created;
@@ -97,7 +106,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
             runningId = c.CreateJob("running")->GetActiveTask()->GetId();
             doneId = c.CreateJob("done")->GetActiveTask()->GetId();
             Ref<Kitra::MoRef> ref;
-            c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
+            c.events->CreateCollector(
+                Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
             collectorId = ref->GetId();
             owner = c.session->GetKey();
             Ref<Morphel::Event::EventHistoryCollectorStub> collector(
@@ -108,7 +118,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         server.Stop();
         options.state->Transact([&](MorphelServer::StateTransaction& tx) {
             // One task was running when the service went, another had finished.
-            for (auto [id, state] : {std::pair{runningId, TaskInfo::State::running}, {doneId, TaskInfo::State::success}}) {
+            for (auto [id, state] :
+                 {std::pair{runningId, TaskInfo::State::running}, {doneId, TaskInfo::State::success}}) {
                 auto task = tx.FindTask(id);
                 task->info->SetState(state);
                 tx.PutTask(*task);
@@ -163,9 +174,11 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         ExpectInterrupted(*info);
     }
     server.Stop();
-    size_t before = options.state->Run([](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); });
+    size_t before = options.state->Run(
+        [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); });
     MorphelServer::Service third(options);
-    EXPECT_EQ(options.state->Run([](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
+    EXPECT_EQ(options.state->Run(
+                  [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
               before + 1);  // only its start
 }
 

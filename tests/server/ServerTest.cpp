@@ -508,7 +508,8 @@ TEST(ServerProgram, ServesUntilTerminated) {
     if (pid == 0) {
         dup2(pipeFds[1], STDERR_FILENO);
         close(pipeFds[0]);
-        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw", "--memory", static_cast<char*>(nullptr));
+        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw",
+              "--memory", static_cast<char*>(nullptr));
         _exit(127);
     }
     close(pipeFds[1]);

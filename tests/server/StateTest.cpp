@@ -50,14 +50,22 @@ MorphelServer::JobRecord Job(const std::string& id, const std::string& name) {
     job.id = id;
     job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
     job.spec->SetName(name);
-    job.spec->SetSource(Ref<Morphel::ComputerSpec>(new Morphel::ComputerSpec(
-        Ref<Morphel::ComputerSpec::HostedVmLocation>(new Morphel::ComputerSpec::HostedVmLocation()).Get())).Get());
-    job.spec->SetConversionParams(Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    job.spec->SetSource(Ref<Morphel::ComputerSpec>(
+                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
+                                                          new Morphel::ComputerSpec::HostedVmLocation())
+                                                          .Get()))
+                            .Get());
+    job.spec->SetConversionParams(
+        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
     job.info = new Morphel::Server::Conversion::ConversionJobInfo();
     job.info->SetKey(id);
-    job.info->SetJob(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", id)).Get());
-    job.info->SetTargetVm(Ref<Morphel::ComputerSpec>(new Morphel::ComputerSpec(
-        Ref<Morphel::ComputerSpec::HostedVmLocation>(new Morphel::ComputerSpec::HostedVmLocation()).Get())).Get());
+    job.info->SetJob(
+        Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", id)).Get());
+    job.info->SetTargetVm(Ref<Morphel::ComputerSpec>(
+                              new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
+                                                            new Morphel::ComputerSpec::HostedVmLocation())
+                                                            .Get()))
+                              .Get());
     return job;
 }
 MorphelServer::TaskRecord Task(const std::string& id) {
@@ -112,7 +120,8 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         tx.PutJob(job);
         EXPECT_TRUE(tx.FindJob("ConversionJob-1")->extraInfo->_IsEqual(job.spec.Get(), false));
         job.spec->SetName("changed after the put");
-        EXPECT_EQ(tx.FindJob("ConversionJob-1")->spec->GetName(), "one");  // records go in and come out as copies
+        EXPECT_EQ(tx.FindJob("ConversionJob-1")->spec->GetName(),
+                  "one");  // records go in and come out as copies
         tx.FindJob("ConversionJob-1")->spec->SetName("changed without a put");
         EXPECT_EQ(tx.FindJobByName("one")->id, "ConversionJob-1");
         EXPECT_FALSE(tx.FindJobByName("two").has_value());
@@ -285,32 +294,35 @@ TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
 }
 
 TEST_F(SqliteStateTest, FailuresNameTheFile) {
-    std::ofstream(Path()) << "not a database, only text long enough to hold a header of one hundred bytes......";
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": file is not a database"),
-              std::string::npos);
+    std::ofstream(Path())
+        << "not a database, only text long enough to hold a header of one hundred bytes......";
+    EXPECT_NE(
+        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": file is not a database"),
+        std::string::npos);
     std::filesystem::remove(Path());
 
     auto held = MorphelServer::NewSqliteState(Path());
     EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": database is locked"),
               std::string::npos);
-    held->Transact([](StateTransaction& tx) {
-        tx.PutTask(Task("Task-1"));
-    });
+    held->Transact([](StateTransaction& tx) { tx.PutTask(Task("Task-1")); });
     held.reset();
 
     Sql("UPDATE tasks SET info = '<broken'");
     auto state = MorphelServer::NewSqliteState(Path());
-    EXPECT_NE(Failure([&] { state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); }); })
-                  .find(Path() + ": task Task-1 cannot be read"),
+    EXPECT_NE(Failure([&] {
+                  state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); });
+              }).find(Path() + ": task Task-1 cannot be read"),
               std::string::npos);
     state.reset();
 
     Sql("UPDATE schemaVersion SET version = 99");
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); })
-                  .find(Path() + ": written by a newer server (schema version 99"),
+    EXPECT_NE(Failure([&] {
+                  MorphelServer::NewSqliteState(Path());
+              }).find(Path() + ": written by a newer server (schema version 99"),
               std::string::npos);
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(folder_.path + "/none/state.db"); })
-                  .find(folder_.path + "/none/state.db: cannot be opened"),
+    EXPECT_NE(Failure([&] {
+                  MorphelServer::NewSqliteState(folder_.path + "/none/state.db");
+              }).find(folder_.path + "/none/state.db: cannot be opened"),
               std::string::npos);
 }
 

@@ -70,9 +70,8 @@ public:
 
     // Records `event` with the next key, the current time, `chainId` (a new chain for 0) and the job, and
     // drops the events past the limits of the options.
-    void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId,
-                    const std::string& userName, Morphel::Event::Event::Type type, const std::string& message,
-                    const std::string& jobId = "");
+    void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
+             Morphel::Event::Event::Type type, const std::string& message, const std::string& jobId = "");
     void Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
              Morphel::Event::Event::Type type, const std::string& message);
     // A TaskEvent carrying a copy of the task's record.

@@ -135,9 +135,11 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         task.id = taskId;
         task.jobId = jobId;
         task.vmName = spec->GetName();
-        auto* cloning =
-            spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
-        if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
+        auto* cloning = spec->GetConversionParams() != nullptr
+                            ? spec->GetConversionParams()->GetCloningParams()
+                            : nullptr;
+        if (cloning != nullptr && cloning->GetTarget() != nullptr)
+            task.vmName = cloning->GetTarget()->GetName();
         auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
                           ? cloning->GetStorageParams()->GetTargetDiskParams()
                           : nullptr;
@@ -210,7 +212,8 @@ void RunConversion(Context& context, const std::string& taskId) {
     auto update = [&](auto&& change) {
         context.state->Transact([&](StateTransaction& tx) {
             auto task = tx.FindTask(taskId);
-            if (task && (task->info->GetState() == State::queued || task->info->GetState() == State::running)) {
+            if (task &&
+                (task->info->GetState() == State::queued || task->info->GetState() == State::running)) {
                 change(tx, *task);
                 tx.PutTask(*task);
             }
@@ -242,14 +245,14 @@ void RunConversion(Context& context, const std::string& taskId) {
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
                     context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
-                                 Morphel::Event::Event::Type::info, "Cloning disk " + disks[d], t.jobId);
+                                Morphel::Event::Event::Type::info, "Cloning disk " + disks[d], t.jobId);
                 }
                 if (progress - 5 < end && end <= progress) {
                     Ref<Morphel::Event::DiskClonedEvent> e(new Morphel::Event::DiskClonedEvent());
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
                     context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
-                                 Morphel::Event::Event::Type::info, "Cloned disk " + disks[d], t.jobId);
+                                Morphel::Event::Event::Type::info, "Cloned disk " + disks[d], t.jobId);
                 }
             }
         });

@@ -134,8 +134,9 @@ void Context::Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t ch
     if (!jobId.empty()) event->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
     tx.AppendEvent(event);
     int64_t age = std::chrono::duration_cast<std::chrono::microseconds>(options.maxEventAge).count();
-    tx.DropEvents(options.maxEvents != 0 ? options.maxEvents : SIZE_MAX,
-                  DateTime::FromUtcMicros(age != 0 ? event->GetCreatedTime().GetUtcMicros() - age : INT64_MIN));
+    tx.DropEvents(
+        options.maxEvents != 0 ? options.maxEvents : SIZE_MAX,
+        DateTime::FromUtcMicros(age != 0 ? event->GetCreatedTime().GetUtcMicros() - age : INT64_MIN));
 }
 
 void Context::Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
@@ -223,7 +224,8 @@ struct Service::Impl {
 Service::Service(ServiceOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {
     Context& context = impl_->context;
     context.state->Transact([&](StateTransaction& tx) {
-        context.Log(tx, Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(),
+        context.Log(tx,
+                    Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(),
                     0, "", Morphel::Event::Event::Type::info, "Server started");
         FailInterruptedTasks(context, tx);
     });

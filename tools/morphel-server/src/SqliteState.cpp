@@ -73,7 +73,8 @@ std::vector<std::string> Split(const std::string& blob) {
 class SqliteState : public State, private StateTransaction {
 public:
     SqliteState(const std::string& path, const SqliteOptions& options) : path_(path) {
-        if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
+        if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+            SQLITE_OK) {
             std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
             sqlite3_close(db_);
             throw std::runtime_error(path + ": cannot be opened: " + message);
@@ -136,7 +137,8 @@ private:
             return Check(sqlite3_bind_text(stmt_, ++bound_, text.data(), int(text.size()), SQLITE_TRANSIENT));
         }
         Query& BindBlob(const std::string& bytes) {
-            return Check(sqlite3_bind_blob(stmt_, ++bound_, bytes.data(), int(bytes.size()), SQLITE_TRANSIENT));
+            return Check(
+                sqlite3_bind_blob(stmt_, ++bound_, bytes.data(), int(bytes.size()), SQLITE_TRANSIENT));
         }
         Query& BindNull() { return Check(sqlite3_bind_null(stmt_, ++bound_)); }
         // True for a row, false when done.
@@ -154,7 +156,8 @@ private:
         bool IsNull(int column) { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
         std::string Text(int column) {
             const void* bytes = sqlite3_column_blob(stmt_, column);
-            return bytes != nullptr ? std::string(static_cast<const char*>(bytes), size_t(sqlite3_column_bytes(stmt_, column)))
+            return bytes != nullptr ? std::string(static_cast<const char*>(bytes),
+                                                  size_t(sqlite3_column_bytes(stmt_, column)))
                                     : std::string();
         }
 
@@ -348,15 +351,21 @@ private:
         return ReadJob(q);
     }
     std::optional<JobRecord> FindJobByName(const std::string& name) override {
-        Query q(*this, "SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = ? ORDER BY id LIMIT 1");
+        Query q(*this,
+                "SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = ? ORDER BY id LIMIT 1");
         q.Bind(name);
         if (!q.Step()) return std::nullopt;
         return ReadJob(q);
     }
     void PutJob(const JobRecord& job) override {
         Query q(*this,
-                "INSERT OR REPLACE INTO jobs (id, name, version, info, spec, extraInfo) VALUES (?, ?, ?, ?, ?, ?)");
-        q.Bind(job.id).Bind(job.spec->GetName()).Bind(version_).Bind(Encode(job.info.Get())).Bind(Encode(job.spec.Get()));
+                "INSERT OR REPLACE INTO jobs (id, name, version, info, spec, extraInfo) VALUES (?, ?, ?, ?, "
+                "?, ?)");
+        q.Bind(job.id)
+            .Bind(job.spec->GetName())
+            .Bind(version_)
+            .Bind(Encode(job.info.Get()))
+            .Bind(Encode(job.spec.Get()));
         if (job.extraInfo != nullptr)
             q.Bind(Encode(job.extraInfo.Get()));
         else
@@ -387,7 +396,9 @@ private:
         return task;
     }
     void PutTask(const TaskRecord& task) override {
-        Query(*this, "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName) VALUES (?, ?, ?, ?, ?, ?)")
+        Query(*this,
+              "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName) VALUES (?, ?, ?, ?, ?, "
+              "?)")
             .Bind(task.id)
             .Bind(task.jobId)
             .Bind(version_)
@@ -424,7 +435,8 @@ private:
     }
     void PutCollector(const std::string& id, const CollectorRecord& c) override {
         Query(*this,
-              "INSERT OR REPLACE INTO collectors (id, owner, version, filter, after, pageSize) VALUES (?, ?, ?, ?, ?, ?)")
+              "INSERT OR REPLACE INTO collectors (id, owner, version, filter, after, pageSize) VALUES (?, ?, "
+              "?, ?, ?, ?)")
             .Bind(id)
             .Bind(c.owner)
             .Bind(version_)

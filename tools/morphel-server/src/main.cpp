@@ -38,25 +38,26 @@ std::chrono::seconds ParseAge(const std::string& text) {
 }
 
 void Usage(std::FILE* out) {
-    std::fputs("usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
-               "                      [--tls [--cert FILE --key FILE]] [--state DIR] [--plain-http]\n"
-               "                      [--database FILE | --memory] [--max-events N] [--max-event-age AGE]\n"
-               "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
-               "  --users       accounts, one name:password per line\n"
-               "  --user        one more account\n"
-               "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
-               "                kept in the state folder, so that its thumbprint stays the same\n"
-               "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
-               "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
-               "                ~/.local/state/morphel-server): the database state.db and the certificate\n"
-               "  --database    the database file that keeps jobs, tasks, events and collectors (default\n"
-               "                <state folder>/state.db)\n"
-               "  --memory      keep them in memory only: lost when the server stops\n"
-               "  --max-events  the most events kept (default 10000; 0: no limit)\n"
-               "  --max-event-age  the oldest events kept, a number with s, m, h or d (default 7d; 0: no limit)\n"
-               "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
-               "Without accounts the one account is demo:demo.\n",
-               out);
+    std::fputs(
+        "usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
+        "                      [--tls [--cert FILE --key FILE]] [--state DIR] [--plain-http]\n"
+        "                      [--database FILE | --memory] [--max-events N] [--max-event-age AGE]\n"
+        "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
+        "  --users       accounts, one name:password per line\n"
+        "  --user        one more account\n"
+        "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
+        "                kept in the state folder, so that its thumbprint stays the same\n"
+        "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
+        "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
+        "                ~/.local/state/morphel-server): the database state.db and the certificate\n"
+        "  --database    the database file that keeps jobs, tasks, events and collectors (default\n"
+        "                <state folder>/state.db)\n"
+        "  --memory      keep them in memory only: lost when the server stops\n"
+        "  --max-events  the most events kept (default 10000; 0: no limit)\n"
+        "  --max-event-age  the oldest events kept, a number with s, m, h or d (default 7d; 0: no limit)\n"
+        "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
+        "Without accounts the one account is demo:demo.\n",
+        out);
 }
 
 }  // namespace
@@ -114,7 +115,8 @@ int main(int argc, char** argv) {
                     count = std::stoll(text, &used);
                 } catch (const std::exception&) {
                 }
-                if (count < 0 || used != text.size()) throw std::runtime_error("--max-events expects a count");
+                if (count < 0 || used != text.size())
+                    throw std::runtime_error("--max-events expects a count");
                 options.maxEvents = size_t(count);
             } else if (arg == "--max-event-age") {
                 options.maxEventAge = ParseAge(value());
@@ -128,7 +130,8 @@ int main(int argc, char** argv) {
             }
         }
         if (certFile.empty() != keyFile.empty()) throw std::runtime_error("--cert and --key go together");
-        if (memory && !database.empty()) throw std::runtime_error("--database and --memory exclude each other");
+        if (memory && !database.empty())
+            throw std::runtime_error("--database and --memory exclude each other");
     } catch (const std::exception& e) {
         std::fprintf(stderr, "morphel-server: %s\n", e.what());
         Usage(stderr);

@@ -38,7 +38,8 @@ struct ServiceOptions {
 };
 
 // The description of the fault of a task that the server's restart cut off.
-inline constexpr const char* kInterruptedTask = "The server restarted while the task ran; the task did not finish";
+inline constexpr const char* kInterruptedTask =
+    "The server restarted while the task ran; the task did not finish";
 
 // The managed objects the service registers, by identifier.
 inline constexpr const char* kServiceInstanceId = "ServiceInstance";
