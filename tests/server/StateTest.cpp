@@ -314,6 +314,10 @@ TEST_F(SqliteStateTest, FailuresNameTheFile) {
               }).find(Path() + ": task Task-1 cannot be read"),
               std::string::npos);
     state.reset();
+    Sql("INSERT INTO events VALUES (1, 0, 'morphel.version.version4', '<broken')");
+    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
+              std::string::npos);
+    Sql("DELETE FROM events");
 
     Sql("UPDATE schemaVersion SET version = 99");
     EXPECT_NE(Failure([&] {

@@ -92,9 +92,11 @@ public:
             }
             Exec(options.syncEachCommit ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
             Migrate();
-            Query events(*this, "SELECT version, event FROM events ORDER BY key");
-            while (events.Step())
-                cache_.push_back(Decode<Event>(events.Text(0), events.Text(1), "an event"));
+            Query events(*this, "SELECT key, version, event FROM events ORDER BY key");
+            while (events.Step()) {
+                std::string what = "event " + std::to_string(events.Int(0));
+                cache_.push_back(Decode<Event>(events.Text(1), events.Text(2), what.c_str()));
+            }
         } catch (...) {
             Close();
             throw;
