@@ -315,8 +315,9 @@ TEST_F(SqliteStateTest, FailuresNameTheFile) {
               std::string::npos);
     state.reset();
     Sql("INSERT INTO events VALUES (1, 0, 'morphel.version.version4', '<broken')");
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
-              std::string::npos);
+    EXPECT_NE(
+        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
+        std::string::npos);
     Sql("DELETE FROM events");
 
     Sql("UPDATE schemaVersion SET version = 99");
