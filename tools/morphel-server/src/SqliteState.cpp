@@ -5,7 +5,9 @@
 //
 // Events never change once appended, and collectors read whole filtered histories, so the events are also
 // kept decoded in memory: read from the file once at open, extended and trimmed as transactions commit.
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <deque>
@@ -73,6 +75,9 @@ std::vector<std::string> Split(const std::string& blob) {
 class SqliteState : public State, private StateTransaction {
 public:
     SqliteState(const std::string& path, const SqliteOptions& options) : path_(path) {
+        // A new file is private to the user, as its log will be: job specifications may carry credentials.
+        int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0) ::close(fd);
         if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
             SQLITE_OK) {
             std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
