@@ -153,6 +153,7 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         auto* failed = dynamic_cast<Morphel::Event::TaskEvent*>(events[keys.size() + 1].Get());
         ASSERT_NE(failed, nullptr);
         EXPECT_EQ(failed->GetChainId(), task->info->GetEventChainId());
+        EXPECT_EQ(failed->GetType(), Morphel::Event::Event::Type::error);
         ExpectInterrupted(*failed->GetInfo());
 
         auto collector = tx.FindCollector(collectorId);

@@ -75,7 +75,8 @@ public:
     void Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
              Morphel::Event::Event::Type type, const std::string& message);
     // A TaskEvent carrying a copy of the task's record.
-    void LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message);
+    void LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message,
+                 Morphel::Event::Event::Type type = Morphel::Event::Event::Type::info);
 
     // Runs `work` on a thread of its own unless the service is stopping (then false). The work waits with
     // Sleep, which answers false once the service stops.

@@ -144,11 +144,12 @@ void Context::Log(Morphel::Event::Event* event, int32_t chainId, const std::stri
     state->Transact([&](StateTransaction& tx) { Log(tx, event, chainId, userName, type, message); });
 }
 
-void Context::LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message) {
+void Context::LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message,
+                      Morphel::Event::Event::Type type) {
     Ref<Morphel::Event::TaskEvent> event(new Morphel::Event::TaskEvent());
     event->SetInfo(Ref<Morphel::Task::TaskInfo>(task.info->_Clone()).Get());
-    Log(tx, event.Get(), task.info->GetEventChainId(), task.info->GetUserName().GetValue(),
-        Morphel::Event::Event::Type::info, message, task.jobId);
+    Log(tx, event.Get(), task.info->GetEventChainId(), task.info->GetUserName().GetValue(), type, message,
+        task.jobId);
 }
 
 bool Context::Spawn(std::function<void()> work) {
@@ -210,7 +211,8 @@ void FailInterruptedTasks(Context& context, StateTransaction& tx) {
             job->info->SetLastModifiedTime(now);
             tx.PutJob(*job);
         }
-        context.LogTask(tx, *task, "Task failed: the server restarted while it ran");
+        context.LogTask(tx, *task, "Task failed: the server restarted while it ran",
+                        Morphel::Event::Event::Type::error);
     }
 }
 
