@@ -451,6 +451,10 @@ TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
             new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
         conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
     });
+    // The new service failed the task the first one runs; that run, going on, changes it no more.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    task->GetInfo(info);
+    EXPECT_EQ(info->GetState(), Morphel::Task::TaskInfo::State::error);
     server.Stop();
 }
 
@@ -524,7 +528,8 @@ TEST(ServerProgram, ServesUntilTerminated) {
     if (pid == 0) {
         dup2(pipeFds[1], STDERR_FILENO);
         close(pipeFds[0]);
-        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw", static_cast<char*>(nullptr));
+        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw",
+              "--memory", static_cast<char*>(nullptr));
         _exit(127);
     }
     close(pipeFds[1]);

@@ -1,20 +1,102 @@
-// The in-memory state: keys, recent tasks, lookups and removal, as any other store must keep them.
+// The state stores, in memory and in a database file: keys, records as they were put, recent tasks, the
+// bounded event history and collectors by owner, as every store must keep them; and what only the file
+// does: it rolls back, survives reopening, reads older versions and fails clearly.
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include <morphel-server/State.h>
+#include <morphel/fault/types.h>
+#include <morphel/params/types.h>
 
 namespace {
 
 using Fundix::Ref;
+using Fundix::System::DateTime;
 using MorphelServer::StateTransaction;
 
-TEST(MemoryState, KeepsWhatIsPutAndNumbersWhatIsAppended) {
-    auto state = MorphelServer::NewMemoryState();
+// A folder of its own, removed with everything in it.
+struct TempFolder {
+    TempFolder() {
+        char name[] = "/tmp/morphel-state-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempFolder() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+std::vector<int32_t> Keys(const std::vector<Ref<Morphel::Event::Event>>& events) {
+    std::vector<int32_t> keys;
+    for (const auto& e : events)
+        keys.push_back(e->GetKey());
+    return keys;
+}
+
+Ref<Morphel::Event::Event> EventAt(int64_t micros) {
+    Ref<Morphel::Event::Event> e(new Morphel::Event::GeneralEvent());
+    e->SetCreatedTime(DateTime::FromUtcMicros(micros));
+    e->SetUserName("ann");
+    return e;
+}
+
+// Records as complete as the service writes them.
+MorphelServer::JobRecord Job(const std::string& id, const std::string& name) {
+    MorphelServer::JobRecord job;
+    job.id = id;
+    job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
+    job.spec->SetName(name);
+    job.spec->SetSource(Ref<Morphel::ComputerSpec>(
+                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
+                                                          new Morphel::ComputerSpec::HostedVmLocation())
+                                                          .Get()))
+                            .Get());
+    job.spec->SetConversionParams(
+        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    job.info = new Morphel::Server::Conversion::ConversionJobInfo();
+    job.info->SetKey(id);
+    job.info->SetJob(
+        Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", id)).Get());
+    job.info->SetTargetVm(Ref<Morphel::ComputerSpec>(
+                              new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
+                                                            new Morphel::ComputerSpec::HostedVmLocation())
+                                                            .Get()))
+                              .Get());
+    return job;
+}
+MorphelServer::TaskRecord Task(const std::string& id) {
+    MorphelServer::TaskRecord task;
+    task.id = id;
+    task.info = new Morphel::Task::TaskInfo();
+    task.info->SetKey(id);
+    task.info->SetTask(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", id)).Get());
+    return task;
+}
+
+class StateTest : public ::testing::TestWithParam<const char*> {
+protected:
+    std::unique_ptr<MorphelServer::State> Open() {
+        if (std::string(GetParam()) == "memory") return MorphelServer::NewMemoryState();
+        return MorphelServer::NewSqliteState(folder_.path + "/state.db");
+    }
+    TempFolder folder_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, StateTest, ::testing::Values("memory", "sqlite"));
+
+TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
+    auto state = Open();
     state->Transact([](StateTransaction& tx) {
         EXPECT_EQ(tx.NextId(), 1);
         EXPECT_EQ(tx.NextId(), 2);
         EXPECT_EQ(tx.NextChainId(), 1);
         EXPECT_EQ(tx.GetMaxTask(), 100);
+        tx.SetMaxTask(7);
+        EXPECT_EQ(tx.GetMaxTask(), 7);
 
         Ref<Morphel::Event::Event> a(new Morphel::Event::GeneralEvent()), b(new Morphel::Event::Event());
         a->SetChainId(4);
@@ -24,9 +106,7 @@ TEST(MemoryState, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(b->GetKey(), 2);
         Ref<Morphel::Event::EventFilterSpec> chain(new Morphel::Event::EventFilterSpec());
         chain->SetEventChainId(5);
-        auto selected = tx.SelectEvents(chain.Get());
-        ASSERT_EQ(selected.size(), 1u);
-        EXPECT_EQ(selected[0]->GetKey(), 2);
+        EXPECT_EQ(Keys(tx.SelectEvents(chain.Get())), std::vector<int32_t>{2});
         EXPECT_EQ(tx.SelectEvents(nullptr).size(), 2u);
 
         for (const char* id : {"t1", "t2", "t3", "t4"})
@@ -35,34 +115,220 @@ TEST(MemoryState, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         tx.AddRecentTask("t5", 1);
         EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{"t5"});
 
-        MorphelServer::JobRecord job;
-        job.id = "ConversionJob-1";
-        job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
-        job.spec->SetName("one");
+        MorphelServer::JobRecord job = Job("ConversionJob-1", "one");
+        job.extraInfo = Ref<Kitra::Any>(job.spec->_Clone());
         tx.PutJob(job);
+        EXPECT_TRUE(tx.FindJob("ConversionJob-1")->extraInfo->_IsEqual(job.spec.Get(), false));
         job.spec->SetName("changed after the put");
         EXPECT_EQ(tx.FindJob("ConversionJob-1")->spec->GetName(),
                   "one");  // records go in and come out as copies
         tx.FindJob("ConversionJob-1")->spec->SetName("changed without a put");
         EXPECT_EQ(tx.FindJobByName("one")->id, "ConversionJob-1");
         EXPECT_FALSE(tx.FindJobByName("two").has_value());
+        EXPECT_EQ(tx.JobIds(), std::vector<std::string>{"ConversionJob-1"});
         EXPECT_TRUE(tx.EraseJob("ConversionJob-1"));
         EXPECT_FALSE(tx.EraseJob("ConversionJob-1"));
         EXPECT_FALSE(tx.FindJob("ConversionJob-1").has_value());
 
+        // A task's whole record: state, progress, result and error.
+        MorphelServer::TaskRecord task = Task("Task-2");
+        task.jobId = "ConversionJob-1";
+        task.disks = {"disk:0", "", "disk 1"};
+        task.vmName = "copy";
+        task.info->SetState(Morphel::Task::TaskInfo::State::error);
+        task.info->SetProgress(45);
+        task.info->SetQueueTime(DateTime::FromUtcMicros(1700000000123456));
+        task.info->SetError(Ref<Morphel::Fault::CloneFault>(new Morphel::Fault::CloneFault("cut off")).Get());
+        Ref<Morphel::Server::Job::JobSpec> result(new Morphel::Server::Job::JobSpec());
+        result->SetName("r");
+        task.info->SetResult(result.Get());
+        tx.PutTask(task);
+        auto found = tx.FindTask("Task-2");
+        ASSERT_TRUE(found.has_value());
+        EXPECT_EQ(found->jobId, task.jobId);
+        EXPECT_EQ(found->disks, task.disks);
+        EXPECT_EQ(found->vmName, "copy");
+        EXPECT_TRUE(found->info->_IsEqual(task.info.Get(), false));
+        EXPECT_EQ(tx.TaskIds(), std::vector<std::string>{"Task-2"});
+
         MorphelServer::CollectorRecord collector;
         collector.filter = new Morphel::Event::EventFilterSpec();
+        collector.owner = "session-a";
         tx.PutCollector("c", collector);
-        collector.position = 7;
-        EXPECT_EQ(tx.FindCollector("c")->position, 0u);  // a copy: only a put changes the state
+        collector.after = 7;
+        EXPECT_EQ(tx.FindCollector("c")->after, 0);  // a copy: only a put changes the state
         tx.PutCollector("c", collector);
-        EXPECT_EQ(tx.FindCollector("c")->position, 7u);
-        EXPECT_EQ(tx.CountCollectors(), 1u);
+        EXPECT_EQ(tx.FindCollector("c")->after, 7);
+        EXPECT_EQ(tx.FindCollector("c")->owner, "session-a");
+        collector.owner = "session-b";
+        tx.PutCollector("d", collector);
+        tx.PutCollector("e", collector);
+        EXPECT_EQ(tx.CountCollectors(), 3u);
+        EXPECT_EQ(tx.CollectorIdsOf("session-a"), std::vector<std::string>{"c"});
+        EXPECT_EQ(tx.CollectorIdsOf("session-b"), (std::vector<std::string>{"d", "e"}));
+        EXPECT_TRUE(tx.CollectorIdsOf("session-c").empty());
         EXPECT_TRUE(tx.EraseCollector("c"));
-        EXPECT_EQ(tx.CountCollectors(), 0u);
+        EXPECT_EQ(tx.CountCollectors(), 2u);
+        EXPECT_EQ(tx.CollectorIds(), (std::vector<std::string>{"d", "e"}));
     });
     // Values come out of Run as the transaction returned them.
     EXPECT_EQ(state->Run([](StateTransaction& tx) { return tx.NextId(); }), 3);
+}
+
+TEST_P(StateTest, DropsTheOldestEventsByCountAndAge) {
+    auto state = Open();
+    state->Transact([](StateTransaction& tx) {
+        for (int64_t t : {100, 200, 300, 400, 500})
+            tx.AppendEvent(EventAt(t).Get());
+        EXPECT_EQ(tx.DropEvents(3, DateTime::FromUtcMicros(0)), 2u);  // by count
+        EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), (std::vector<int32_t>{3, 4, 5}));
+    });
+    state->Transact([](StateTransaction& tx) {
+        EXPECT_EQ(tx.DropEvents(3, DateTime::FromUtcMicros(0)), 0u);
+        tx.AppendEvent(EventAt(150).Get());  // an earlier clock: it goes when those before it have gone
+        EXPECT_EQ(tx.DropEvents(10, DateTime::FromUtcMicros(450)), 2u);  // by age: 3 and 4
+        EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), (std::vector<int32_t>{5, 6}));
+        EXPECT_EQ(tx.DropEvents(10, DateTime::FromUtcMicros(501)), 2u);
+        EXPECT_TRUE(tx.SelectEvents(nullptr).empty());
+        EXPECT_EQ(tx.AppendEvent(EventAt(600).Get()), 7);  // keys go on growing
+        EXPECT_EQ(tx.DropEvents(0, DateTime::FromUtcMicros(0)), 1u);
+        EXPECT_EQ(tx.AppendEvent(EventAt(700).Get()), 8);
+    });
+    state.reset();
+    state = Open();
+    if (std::string(GetParam()) == "sqlite") {
+        EXPECT_EQ(state->Run([](StateTransaction& tx) { return Keys(tx.SelectEvents(nullptr)); }),
+                  std::vector<int32_t>{8});
+    }
+}
+
+// ---- The database file
+
+class SqliteStateTest : public ::testing::Test {
+protected:
+    std::string Path() const { return folder_.path + "/state.db"; }
+    // Runs `sql` on the file directly.
+    void Sql(const std::string& sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
+        char* error = nullptr;
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
+        sqlite3_free(error);
+        sqlite3_close(db);
+    }
+    // The message of the std::runtime_error that `f` throws.
+    static std::string Failure(const std::function<void()>& f) {
+        try {
+            f();
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        ADD_FAILURE() << "no failure";
+        return "";
+    }
+    TempFolder folder_;
+};
+
+TEST_F(SqliteStateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
+    auto state = MorphelServer::NewSqliteState(Path());
+    state->Transact([](StateTransaction& tx) {
+        tx.AppendEvent(EventAt(100).Get());
+        MorphelServer::CollectorRecord c;
+        c.filter = new Morphel::Event::EventFilterSpec();
+        c.owner = "s";
+        tx.PutCollector("kept", c);
+    });
+    EXPECT_THROW(state->Transact([](StateTransaction& tx) {
+        EXPECT_EQ(tx.NextId(), 1);
+        tx.AppendEvent(EventAt(200).Get());
+        tx.DropEvents(0, DateTime::FromUtcMicros(0));
+        EXPECT_TRUE(tx.SelectEvents(nullptr).empty());
+        tx.SetMaxTask(3);
+        EXPECT_TRUE(tx.EraseCollector("kept"));
+        tx.PutJob(Job("j", "j"));
+        throw std::logic_error("no");
+    }),
+                 std::logic_error);
+    auto check = [](StateTransaction& tx) {
+        EXPECT_EQ(tx.NextId(), 1);
+        EXPECT_EQ(tx.GetMaxTask(), 100);
+        EXPECT_FALSE(tx.FindJob("j").has_value());
+        EXPECT_EQ(tx.FindCollector("kept")->owner, "s");
+        EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), std::vector<int32_t>{1});
+        EXPECT_EQ(tx.AppendEvent(EventAt(300).Get()), 2);
+    };
+    state->Transact(check);
+    state.reset();
+    state = MorphelServer::NewSqliteState(Path());
+    state->Transact([](StateTransaction& tx) {
+        EXPECT_EQ(tx.NextId(), 2);
+        EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), (std::vector<int32_t>{1, 2}));
+        EXPECT_EQ(tx.SelectEvents(nullptr)[0]->GetUserName(), "ann");
+    });
+}
+
+TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
+    auto put = [](StateTransaction& tx) {
+        MorphelServer::JobRecord job = Job("ConversionJob-1", "old");
+        job.info->SetOwner("ann");
+        job.info->SetSource("host-a");  // since version 3
+        tx.PutJob(job);
+    };
+    MorphelServer::SqliteOptions version2;
+    version2.version = "version2";
+    MorphelServer::NewSqliteState(Path(), version2)->Transact(put);
+    auto state = MorphelServer::NewSqliteState(Path());
+    state->Transact([&](StateTransaction& tx) {
+        auto job = tx.FindJob("ConversionJob-1");
+        ASSERT_TRUE(job.has_value());
+        EXPECT_EQ(job->info->GetOwner(), "ann");
+        EXPECT_EQ(job->spec->GetName(), "old");
+        EXPECT_FALSE(job->info->GetSource().IsSet());  // version 2 never held it
+        put(tx);                                       // written again in version 4
+    });
+    state.reset();
+    EXPECT_EQ(MorphelServer::NewSqliteState(Path())->Run([](StateTransaction& tx) {
+        return tx.FindJob("ConversionJob-1")->info->GetSource().GetValue();
+    }),
+              "host-a");
+}
+
+TEST_F(SqliteStateTest, FailuresNameTheFile) {
+    std::ofstream(Path())
+        << "not a database, only text long enough to hold a header of one hundred bytes......";
+    EXPECT_NE(
+        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": file is not a database"),
+        std::string::npos);
+    std::filesystem::remove(Path());
+
+    auto held = MorphelServer::NewSqliteState(Path());
+    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": database is locked"),
+              std::string::npos);
+    held->Transact([](StateTransaction& tx) { tx.PutTask(Task("Task-1")); });
+    held.reset();
+
+    Sql("UPDATE tasks SET info = '<broken'");
+    auto state = MorphelServer::NewSqliteState(Path());
+    EXPECT_NE(Failure([&] {
+                  state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); });
+              }).find(Path() + ": task Task-1 cannot be read"),
+              std::string::npos);
+    state.reset();
+    Sql("INSERT INTO events VALUES (1, 0, 'morphel.version.version4', '<broken')");
+    EXPECT_NE(
+        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
+        std::string::npos);
+    Sql("DELETE FROM events");
+
+    Sql("UPDATE schemaVersion SET version = 99");
+    EXPECT_NE(Failure([&] {
+                  MorphelServer::NewSqliteState(Path());
+              }).find(Path() + ": written by a newer server (schema version 99"),
+              std::string::npos);
+    EXPECT_NE(Failure([&] {
+                  MorphelServer::NewSqliteState(folder_.path + "/none/state.db");
+              }).find(folder_.path + "/none/state.db: cannot be opened"),
+              std::string::npos);
 }
 
 }  // namespace

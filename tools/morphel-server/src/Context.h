@@ -69,14 +69,15 @@ public:
     }
     void Unregister(const std::string& id) { server->Unregister(id); }
 
-    // Records `event` with the next key, the current time, `chainId` (a new chain for 0) and the job.
-    static void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId,
-                    const std::string& userName, Morphel::Event::Event::Type type, const std::string& message,
-                    const std::string& jobId = "");
+    // Records `event` with the next key, the current time, `chainId` (a new chain for 0) and the job, and
+    // drops the events past the limits of the options.
+    void Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
+             Morphel::Event::Event::Type type, const std::string& message, const std::string& jobId = "");
     void Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
              Morphel::Event::Event::Type type, const std::string& message);
     // A TaskEvent carrying a copy of the task's record.
-    static void LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message);
+    void LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message,
+                 Morphel::Event::Event::Type type = Morphel::Event::Event::Type::info);
 
     // Runs `work` on a thread of its own unless the service is stopping (then false). The work waits with
     // Sleep, which answers false once the service stops.
@@ -110,7 +111,7 @@ void AttachDiagnostics(Context& context);
 // otherwise): the task in the error state, cancelled, with a morphel.agent.internal.fault.Cancel; its job
 // without an active task, the cancel as its most recent error. The run's thread stops at its next step
 // (Conversion.cpp).
-bool CancelConversion(StateTransaction& tx, const std::string& taskId);
+bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId);
 
 // Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
 // (Events.cpp) that the state holds.

@@ -84,11 +84,12 @@ bool CancelsActiveTask(const std::string& handling) {
     return false;
 }
 
-void LogJob(StateTransaction& tx, const JobRecord& job, const std::string& user, const std::string& what) {
+void LogJob(Context& context, StateTransaction& tx, const JobRecord& job, const std::string& user,
+            const std::string& what) {
     std::string message = "Conversion job '" + job.spec->GetName() + "' " + what;
     Ref<Morphel::Event::GeneralEvent> event(new Morphel::Event::GeneralEvent());
     event->SetMessage(message);
-    Context::Log(tx, event.Get(), 0, user, Morphel::Event::Event::Type::info, message, job.id);
+    context.Log(tx, event.Get(), 0, user, Morphel::Event::Event::Type::info, message, job.id);
 }
 
 // A conversion job, served as the job and as the managed entity it is.
@@ -202,7 +203,7 @@ private:
             std::string what = change(tx, job);
             job.info->SetLastModifiedTime(DateTime::Now());
             tx.PutJob(job);
-            LogJob(tx, job, user, what);
+            LogJob(context_, tx, job, user, what);
         });
     }
 
@@ -211,7 +212,7 @@ private:
         auto* active = job.info->GetActiveTask();
         if (active == nullptr) return;
         if (!cancel) Raise(new Morphel::Fault::JobHasActiveTaskFault(JobRefTo(id_).Get(), active));
-        CancelConversion(tx, active->GetId());
+        CancelConversion(context_, tx, active->GetId());
         job = FindJob(tx, id_);  // as the cancel left it
     }
 
@@ -299,7 +300,7 @@ public:
             JobRecord found = FindJob(tx, job);
             if (auto* active = found.info->GetActiveTask()) {
                 if (!cancel) ThrowInvalidState();
-                CancelConversion(tx, active->GetId());
+                CancelConversion(context_, tx, active->GetId());
             }
             tx.EraseJob(found.id);
             return found.id;
@@ -336,68 +337,69 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
     }
     CheckSource(context_.machine, spec->GetSource());
     const Machine& machine = context_.machine;
+    if (context_.Stopping()) ThrowInvalidState();
+    // One transaction (one commit to wait for) checks the name, numbers, keeps and records the job.
     std::string jobId, taskId;
     context_.state->Transact([&](StateTransaction& tx) {
+        CheckJobName(tx, spec->GetName(), "");
         jobId = "ConversionJob-" + std::to_string(tx.NextId());
         taskId = "Task-" + std::to_string(tx.NextId());
-    });
-    DateTime now = DateTime::Now();
+        DateTime now = DateTime::Now();
 
-    TaskRecord task;
-    task.id = taskId;
-    task.jobId = jobId;
-    task.vmName = spec->GetName();
-    auto* cloning =
-        spec->GetConversionParams() != nullptr ? spec->GetConversionParams()->GetCloningParams() : nullptr;
-    if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
-    auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
-                      ? cloning->GetStorageParams()->GetTargetDiskParams()
-                      : nullptr;
-    for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
-        if (disks->Get(i)->GetSourceDiskId().IsSet())
-            task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
-    if (task.disks.empty())
-        for (const auto& d : machine.disks)
-            task.disks.push_back(d.id);
+        TaskRecord task;
+        task.id = taskId;
+        task.jobId = jobId;
+        task.vmName = spec->GetName();
+        auto* cloning = spec->GetConversionParams() != nullptr
+                            ? spec->GetConversionParams()->GetCloningParams()
+                            : nullptr;
+        if (cloning != nullptr && cloning->GetTarget() != nullptr)
+            task.vmName = cloning->GetTarget()->GetName();
+        auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
+                          ? cloning->GetStorageParams()->GetTargetDiskParams()
+                          : nullptr;
+        for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
+            if (disks->Get(i)->GetSourceDiskId().IsSet())
+                task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
+        if (task.disks.empty())
+            for (const auto& d : machine.disks)
+                task.disks.push_back(d.id);
 
-    Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
-    info->SetKey(taskId);
-    info->SetTask(RefTo<Morphel::Task::Task>(taskId).Get());
-    info->SetName("convert");
-    info->SetDescriptionId("morphel.server.conversion.ConversionManager.createJob");
-    info->SetUserName(user);
-    info->SetSource(machine.hostname);
-    info->SetTarget(task.vmName);
-    info->SetState(Morphel::Task::TaskInfo::State::queued);
-    info->SetCancelled(false);
-    info->SetCancelable(true);
-    info->SetProgress(0);
-    info->SetQueueTime(now);
-    info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
-    task.info = info;
+        Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
+        info->SetKey(taskId);
+        info->SetTask(RefTo<Morphel::Task::Task>(taskId).Get());
+        info->SetName("convert");
+        info->SetDescriptionId("morphel.server.conversion.ConversionManager.createJob");
+        info->SetUserName(user);
+        info->SetSource(machine.hostname);
+        info->SetTarget(task.vmName);
+        info->SetState(Morphel::Task::TaskInfo::State::queued);
+        info->SetCancelled(false);
+        info->SetCancelable(true);
+        info->SetProgress(0);
+        info->SetQueueTime(now);
+        info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
+        task.info = info;
 
-    JobRecord job;
-    job.id = jobId;
-    job.spec = spec;  // the state keeps a copy
-    job.extraInfo = extraInfo;
-    job.info = new ConversionJobInfo();
-    job.info->SetKey(jobId);
-    job.info->SetOwner(user);
-    job.info->SetState("active");
-    job.info->SetActiveTask(RefTo<Morphel::Task::Task>(taskId).Get());
-    job.info->SetCreationTime(now);
-    job.info->SetLastModifiedTime(now);
-    job.info->SetNumConsecutiveErrors(0);
-    job.info->SetLastRunStartTime(now);
-    job.info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
-    job.info->SetTargetVm(TargetOf(*spec).Get());
-    job.info->SetSource(machine.hostname);
-    job.info->SetTarget(task.vmName);
-    job.info->SetEditable(false);
+        JobRecord job;
+        job.id = jobId;
+        job.spec = spec;  // the state keeps a copy
+        job.extraInfo = extraInfo;
+        job.info = new ConversionJobInfo();
+        job.info->SetKey(jobId);
+        job.info->SetOwner(user);
+        job.info->SetState("active");
+        job.info->SetActiveTask(RefTo<Morphel::Task::Task>(taskId).Get());
+        job.info->SetCreationTime(now);
+        job.info->SetLastModifiedTime(now);
+        job.info->SetNumConsecutiveErrors(0);
+        job.info->SetLastRunStartTime(now);
+        job.info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
+        job.info->SetTargetVm(TargetOf(*spec).Get());
+        job.info->SetSource(machine.hostname);
+        job.info->SetTarget(task.vmName);
+        job.info->SetEditable(false);
 
-    if (context_.Stopping()) ThrowInvalidState();
-    context_.state->Transact([&](StateTransaction& tx) {
-        CheckJobName(tx, spec->GetName(), "");
         info->SetEventChainId(tx.NextChainId());
         tx.PutTask(task);
         tx.PutJob(job);
@@ -405,9 +407,9 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         std::string message = "Conversion job '" + spec->GetName() + "' created";
         Ref<Morphel::Event::GeneralEvent> created(new Morphel::Event::GeneralEvent());
         created->SetMessage(message);
-        Context::Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
+        context_.Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
                      message, jobId);
-        Context::LogTask(tx, task, "Task queued");
+        context_.LogTask(tx, task, "Task queued");
         result = job.info;  // the state keeps a copy
     });
     // The run outlives no context (its destructor joins it), and may outlive this manager.
@@ -426,7 +428,8 @@ bool Active(const Morphel::Task::TaskInfo& info) {
 void RunConversion(Context& context, const std::string& taskId) {
     using State = Morphel::Task::TaskInfo::State;
     const auto step = context.options.conversionTime / 20;
-    // Applies `change` to the task while it is queued or running (else false).
+    // Applies `change` to the task while it is queued or running (else false: it ended, was cancelled,
+    // or a service attached to the same state since failed it).
     auto update = [&](auto&& change) {
         bool active = false;
         context.state->Transact([&](StateTransaction& tx) {
@@ -445,7 +448,7 @@ void RunConversion(Context& context, const std::string& taskId) {
         t.info->SetState(State::running);
         t.info->SetStartTime(DateTime::Now());
         t.info->SetProgress(0);
-        Context::LogTask(tx, t, "Task started");
+        context.LogTask(tx, t, "Task started");
         disks = t.disks;
         vmName = t.vmName;
     });
@@ -463,15 +466,15 @@ void RunConversion(Context& context, const std::string& taskId) {
                     Ref<Morphel::Event::DiskCloningEvent> e(new Morphel::Event::DiskCloningEvent());
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
-                    Context::Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
-                                 Morphel::Event::Event::Type::info, "Cloning disk " + disks[d], t.jobId);
+                    context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
+                                Morphel::Event::Event::Type::info, "Cloning disk " + disks[d], t.jobId);
                 }
                 if (progress - 5 < end && end <= progress) {
                     Ref<Morphel::Event::DiskClonedEvent> e(new Morphel::Event::DiskClonedEvent());
                     e->SetVmName(vmName);
                     e->SetSourceDisk(disks[d]);
-                    Context::Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
-                                 Morphel::Event::Event::Type::info, "Cloned disk " + disks[d], t.jobId);
+                    context.Log(tx, e.Get(), t.info->GetEventChainId(), t.info->GetUserName().GetValue(),
+                                Morphel::Event::Event::Type::info, "Cloned disk " + disks[d], t.jobId);
                 }
             }
         });
@@ -483,7 +486,7 @@ void RunConversion(Context& context, const std::string& taskId) {
         t.info->SetCancelable(false);
         t.info->SetCompleteTime(now);
         t.info->SetEstimatedTimeRemaining(0);
-        Context::LogTask(tx, t, "Task completed");
+        context.LogTask(tx, t, "Task completed");
         if (auto job = tx.FindJob(t.jobId)) {
             job->info->SetActiveTask(nullptr);
             job->info->SetLastRunCompleteTime(now);
@@ -496,7 +499,7 @@ void RunConversion(Context& context, const std::string& taskId) {
 
 }  // namespace
 
-bool CancelConversion(StateTransaction& tx, const std::string& taskId) {
+bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId) {
     auto task = tx.FindTask(taskId);
     if (!task || !Active(*task->info)) return false;
     DateTime now = DateTime::Now();
@@ -508,7 +511,7 @@ bool CancelConversion(StateTransaction& tx, const std::string& taskId) {
     task->info->SetCompleteTime(now);
     task->info->UnsetEstimatedTimeRemaining();
     tx.PutTask(*task);
-    Context::LogTask(tx, *task, "Task cancelled");
+    context.LogTask(tx, *task, "Task cancelled");
     auto job = tx.FindJob(task->jobId);
     if (job && job->info->GetActiveTask() != nullptr && job->info->GetActiveTask()->GetId() == taskId) {
         job->info->SetActiveTask(nullptr);

@@ -15,6 +15,13 @@ using Morphel::Event::Event;
 using Morphel::Event::EventFilterSpec;
 using EventPage = Kitra::DataArray<Event>;
 
+// How many of `selected` (oldest first) a collector has passed: those with keys up to `after`.
+size_t Passed(const std::vector<Ref<Event>>& selected, int32_t after) {
+    return size_t(std::partition_point(selected.begin(), selected.end(),
+                                       [after](const Ref<Event>& e) { return e->GetKey() <= after; }) -
+                  selected.begin());
+}
+
 // A collector stands before the oldest event it selects: readNext pages forwards, readPrev back (nearest
 // first), rewind returns to the start and reset to just before the latest page. Each operation finds its
 // state again: the collector may have been removed meanwhile.
@@ -42,9 +49,9 @@ public:
         result = With([&](StateTransaction& tx, CollectorRecord& c) {
             if (maxCount <= 0) ThrowInvalidArgument("maxCount");
             auto selected = tx.SelectEvents(c.filter.Get());
-            size_t begin = std::min(c.position, selected.size());
+            size_t begin = Passed(selected, c.after);
             size_t end = std::min(selected.size(), begin + size_t(maxCount));
-            c.position = end;
+            if (end > begin) c.after = selected[end - 1]->GetKey();
             return Page(selected, begin, end);
         });
     }
@@ -52,9 +59,9 @@ public:
         result = With([&](StateTransaction& tx, CollectorRecord& c) {
             if (maxCount <= 0) ThrowInvalidArgument("maxCount");
             auto selected = tx.SelectEvents(c.filter.Get());
-            size_t end = std::min(c.position, selected.size());
+            size_t end = Passed(selected, c.after);
             size_t begin = end > size_t(maxCount) ? end - size_t(maxCount) : 0;
-            c.position = begin;
+            if (end > begin) c.after = selected[begin]->GetKey() - 1;
             return Page(selected, begin, end, true);
         });
     }
@@ -73,12 +80,13 @@ public:
         });
     }
     void Rewind() override {
-        With([](StateTransaction&, CollectorRecord& c) { return c.position = 0; });
+        With([](StateTransaction&, CollectorRecord& c) { return c.after = 0; });
     }
     void Reset() override {
         With([](StateTransaction& tx, CollectorRecord& c) {
-            size_t n = tx.SelectEvents(c.filter.Get()).size();
-            return c.position = n > size_t(c.pageSize) ? n - size_t(c.pageSize) : 0;
+            auto selected = tx.SelectEvents(c.filter.Get());
+            size_t n = selected.size();
+            return c.after = n > size_t(c.pageSize) ? selected[n - size_t(c.pageSize)]->GetKey() - 1 : 0;
         });
     }
     void GetFilter(Ref<Kitra::Any>& result) override {
@@ -106,6 +114,7 @@ public:
             std::string id = "EventHistoryCollector-" + std::to_string(tx.NextId());
             CollectorRecord c;
             c.filter = filter != nullptr ? filter->_Clone() : new EventFilterSpec();
+            c.owner = CurrentSession().GetKey();
             tx.PutCollector(id, c);
             return id;
         });

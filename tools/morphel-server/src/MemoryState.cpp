@@ -1,45 +1,18 @@
 // The state in memory: maps under one mutex, held for the length of a transaction.
 #include <algorithm>
+#include <deque>
 #include <map>
 #include <mutex>
 
 #include <morphel-server/State.h>
+
+#include "EventFilter.h"
 
 namespace MorphelServer {
 
 namespace {
 
 using Fundix::Ref;
-
-bool Matches(const Morphel::Event::EventFilterSpec* filter, const Morphel::Event::Event& e) {
-    if (filter == nullptr) return true;
-    if (filter->GetEventChainId().IsSet() && filter->GetEventChainId().GetValue() != e.GetChainId())
-        return false;
-    if (auto* types = filter->GetType(); types != nullptr && types->GetLength() != 0) {
-        const auto& v = types->GetValues();
-        if (std::find(v.begin(), v.end(), e.GetType()) == v.end()) return false;
-    }
-    if (auto* ids = filter->GetTypeId(); ids != nullptr && ids->GetLength() != 0) {
-        bool any = false;
-        for (const auto& name : ids->GetValues())
-            any = any || name == e._GetType()->GetName();
-        if (!any) return false;
-    }
-    if (auto* time = filter->GetTimeRange(); time != nullptr) {
-        int64_t t = e.GetCreatedTime().GetUtcMicros();
-        if (time->GetBeginTime().IsSet() && t < time->GetBeginTime().GetValue().GetUtcMicros()) return false;
-        if (time->GetEndTime().IsSet() && t > time->GetEndTime().GetValue().GetUtcMicros()) return false;
-    }
-    if (auto* users = filter->GetUserName();
-        users != nullptr && users->GetUserList() != nullptr && users->GetUserList()->GetLength() != 0) {
-        const auto& v = users->GetUserList()->GetValues();
-        if (std::find(v.begin(), v.end(), e.GetUserName()) == v.end()) return false;
-    }
-    if (auto* job = filter->GetJob();
-        job != nullptr && (e.GetJob() == nullptr || e.GetJob()->GetId() != job->GetId()))
-        return false;
-    return true;
-}
 
 // Records go in and come out as copies, as they would through a store outside the process: a change
 // reaches the state only through a put.
@@ -93,10 +66,18 @@ private:
     void SetMaxTask(int32_t maxTask) override { maxTask_ = maxTask; }
 
     int32_t AppendEvent(Morphel::Event::Event* event) override {
-        int32_t key = int32_t(events_.size()) + 1;
+        int32_t key = nextEventKey_++;
         event->SetKey(key);
         events_.emplace_back(event);
         return key;
+    }
+    size_t DropEvents(size_t keep, Fundix::System::DateTime before) override {
+        size_t dropped = 0;
+        while (!events_.empty() && (events_.size() > keep || events_.front()->GetCreatedTime() < before)) {
+            events_.pop_front();
+            ++dropped;
+        }
+        return dropped;
     }
     std::vector<Ref<Morphel::Event::Event>> SelectEvents(
         const Morphel::Event::EventFilterSpec* filter) override {
@@ -132,6 +113,12 @@ private:
         return Find(collectors_, id);
     }
     size_t CountCollectors() override { return collectors_.size(); }
+    std::vector<std::string> CollectorIdsOf(const std::string& owner) override {
+        std::vector<std::string> ids;
+        for (const auto& [id, collector] : collectors_)
+            if (collector.owner == owner) ids.push_back(id);
+        return ids;
+    }
     void PutCollector(const std::string& id, const CollectorRecord& collector) override {
         collectors_[id] = Copy(collector);
     }
@@ -140,8 +127,9 @@ private:
     std::mutex mutex_;
     int64_t nextId_ = 1;
     int32_t nextChain_ = 1;
+    int32_t nextEventKey_ = 1;
     int32_t maxTask_ = 100;
-    std::vector<Ref<Morphel::Event::Event>> events_;
+    std::deque<Ref<Morphel::Event::Event>> events_;
     std::map<std::string, JobRecord> jobs_;
     std::map<std::string, TaskRecord> tasks_;
     std::vector<std::string> recentTasks_;

@@ -2,6 +2,8 @@
 // attachment of the managers to a server. The managers live in one file each.
 #include <morphel-server/Service.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -9,6 +11,8 @@
 
 #include <dovra/fault/types.h>
 #include <kitra/fault/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/task/types.h>
 
 #include "Context.h"
 
@@ -101,6 +105,10 @@ void Context::Log(StateTransaction& tx, Morphel::Event::Event* event, int32_t ch
     event->SetFullMessage(message);
     if (!jobId.empty()) event->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
     tx.AppendEvent(event);
+    int64_t age = std::chrono::duration_cast<std::chrono::microseconds>(options.maxEventAge).count();
+    tx.DropEvents(
+        options.maxEvents != 0 ? options.maxEvents : SIZE_MAX,
+        DateTime::FromUtcMicros(age != 0 ? event->GetCreatedTime().GetUtcMicros() - age : INT64_MIN));
 }
 
 void Context::Log(Morphel::Event::Event* event, int32_t chainId, const std::string& userName,
@@ -108,11 +116,12 @@ void Context::Log(Morphel::Event::Event* event, int32_t chainId, const std::stri
     state->Transact([&](StateTransaction& tx) { Log(tx, event, chainId, userName, type, message); });
 }
 
-void Context::LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message) {
+void Context::LogTask(StateTransaction& tx, const TaskRecord& task, const std::string& message,
+                      Morphel::Event::Event::Type type) {
     Ref<Morphel::Event::TaskEvent> event(new Morphel::Event::TaskEvent());
     event->SetInfo(Ref<Morphel::Task::TaskInfo>(task.info->_Clone()).Get());
-    Log(tx, event.Get(), task.info->GetEventChainId(), task.info->GetUserName().GetValue(),
-        Morphel::Event::Event::Type::info, message, task.jobId);
+    Log(tx, event.Get(), task.info->GetEventChainId(), task.info->GetUserName().GetValue(), type, message,
+        task.jobId);
 }
 
 bool Context::Spawn(std::function<void()> work) {
@@ -147,15 +156,53 @@ bool Context::Stopping() {
 
 // ---- The service
 
+namespace {
+
+// Fails the tasks that a previous process left queued or running.
+void FailInterruptedTasks(Context& context, StateTransaction& tx) {
+    using State = Morphel::Task::TaskInfo::State;
+    for (const auto& id : tx.TaskIds()) {
+        auto task = tx.FindTask(id);
+        if (!task || (task->info->GetState() != State::queued && task->info->GetState() != State::running))
+            continue;
+        DateTime now = DateTime::Now();
+        Ref<Morphel::Fault::CloneFault> fault(new Morphel::Fault::CloneFault());
+        fault->SetDescription(kInterruptedTask);
+        task->info->SetState(State::error);
+        task->info->SetError(fault.Get());
+        task->info->SetCancelable(false);
+        task->info->SetCompleteTime(now);
+        task->info->UnsetEstimatedTimeRemaining();
+        tx.PutTask(*task);
+        if (auto job = tx.FindJob(task->jobId)) {
+            auto* active = job->info->GetActiveTask();
+            if (active != nullptr && active->GetId() == id) job->info->SetActiveTask(nullptr);
+            job->info->SetMostRecentError(fault.Get());
+            job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
+            job->info->SetLastRunCompleteTime(now);
+            job->info->SetLastModifiedTime(now);
+            tx.PutJob(*job);
+        }
+        context.LogTask(tx, *task, "Task failed: the server restarted while it ran",
+                        Morphel::Event::Event::Type::error);
+    }
+}
+
+}  // namespace
+
 struct Service::Impl {
     explicit Impl(ServiceOptions options) : context(std::move(options)) {}
     Context context;
 };
 
 Service::Service(ServiceOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {
-    impl_->context.Log(
-        Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(), 0, "",
-        Morphel::Event::Event::Type::info, "Server started");
+    Context& context = impl_->context;
+    context.state->Transact([&](StateTransaction& tx) {
+        context.Log(tx,
+                    Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(),
+                    0, "", Morphel::Event::Event::Type::info, "Server started");
+        FailInterruptedTasks(context, tx);
+    });
 }
 
 Service::~Service() = default;

@@ -100,7 +100,7 @@ public:
     void Cancel() override {
         context_.state->Transact([&](StateTransaction& tx) {
             FindTask(tx, id_);
-            CancelConversion(tx, id_);
+            CancelConversion(context_, tx, id_);
         });
     }
     // The events of the task's chain, oldest first.

@@ -1,10 +1,16 @@
-// morphel-server: serves the in-memory reference service over HTTP or HTTPS until SIGINT or SIGTERM.
+// morphel-server: serves the reference service over HTTP or HTTPS until SIGINT or SIGTERM, its state kept in
+// a database file of the state folder (or in memory).
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -15,23 +21,46 @@
 
 namespace {
 
+// "90s", "15m", "12h", "7d", "0".
+std::chrono::seconds ParseAge(const std::string& text) {
+    size_t used = 0;
+    long long count = -1;
+    try {
+        count = std::stoll(text, &used);
+    } catch (const std::exception&) {
+    }
+    std::string unit = text.substr(std::min(used, text.size()));
+    long long scale = unit == "s" ? 1 : unit == "m" ? 60 : unit == "h" ? 3600 : unit == "d" ? 86400 : 0;
+    if (count == 0 && unit.empty()) return std::chrono::seconds(0);
+    if (count < 0 || scale == 0 || count > INT64_MAX / 1000000 / scale)
+        throw std::runtime_error("--max-event-age expects a number with s, m, h or d");
+    return std::chrono::seconds(count * scale);
+}
+
 void Usage(std::FILE* out) {
-    std::fputs("usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
-               "                      [--tls [--cert FILE --key FILE] [--state DIR]] [--plain-http]\n"
-               "       morphel-server --hash-password NAME   (reads the password from standard input)\n"
-               "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
-               "  --users       the accounts file: one name:hash[:privileges] per line\n"
-               "  --user        one more account, its password given in plain text\n"
-               "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
-               "                kept in the state folder, so that its thumbprint stays the same\n"
-               "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
-               "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
-               "                ~/.local/state/morphel-server)\n"
-               "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
-               "  --hash-password  prints the accounts file's line for NAME with the password read\n"
-               "                from standard input, hashed (yescrypt, salted)\n"
-               "Without accounts the one account is demo:demo.\n",
-               out);
+    std::fputs(
+        "usage: morphel-server [--listen HOST:PORT] [--users FILE] [--user NAME:PASSWORD]...\n"
+        "                      [--tls [--cert FILE --key FILE]] [--state DIR] [--plain-http]\n"
+        "                      [--database FILE | --memory] [--max-events N] [--max-event-age AGE]\n"
+        "       morphel-server --hash-password NAME   (reads the password from standard input)\n"
+        "  --listen      address to serve on (default 127.0.0.1:8085; port 0 picks a free one)\n"
+        "  --users       the accounts file: one name:hash[:privileges] per line\n"
+        "  --user        one more account, its password given in plain text\n"
+        "  --tls         serve HTTPS; without --cert and --key with a self-signed certificate made once and\n"
+        "                kept in the state folder, so that its thumbprint stays the same\n"
+        "  --cert, --key the certificate (chain) and private key, PEM files (implies --tls)\n"
+        "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
+        "                ~/.local/state/morphel-server): the database state.db and the certificate\n"
+        "  --database    the database file that keeps jobs, tasks, events and collectors (default\n"
+        "                <state folder>/state.db)\n"
+        "  --memory      keep them in memory only: lost when the server stops\n"
+        "  --max-events  the most events kept (default 10000; 0: no limit)\n"
+        "  --max-event-age  the oldest events kept, a number with s, m, h or d (default 7d; 0: no limit)\n"
+        "  --plain-http  serve plain HTTP on an address other than loopback (passwords travel unencrypted)\n"
+        "  --hash-password  prints the accounts file's line for NAME with the password read\n"
+        "                from standard input, hashed (yescrypt, salted)\n"
+        "Without accounts the one account is demo:demo.\n",
+        out);
 }
 
 // Prints "name:hash" for the password on standard input's first line.
@@ -61,7 +90,8 @@ int HashPassword(const std::string& name) {
 int main(int argc, char** argv) {
     std::string host = "127.0.0.1";
     int port = 8085;
-    bool tls = false, plainHttp = false;
+    bool tls = false, plainHttp = false, memory = false;
+    std::string database;
     std::string certFile, keyFile, stateFolder = Kitra::Http::Tls::DefaultStateFolder("morphel-server");
     MorphelServer::ServiceOptions options;
     try {
@@ -100,6 +130,23 @@ int main(int argc, char** argv) {
                 tls = true;
             } else if (arg == "--state") {
                 stateFolder = value();
+            } else if (arg == "--database") {
+                database = value();
+            } else if (arg == "--memory") {
+                memory = true;
+            } else if (arg == "--max-events") {
+                std::string text = value();
+                size_t used = 0;
+                long long count = -1;
+                try {
+                    count = std::stoll(text, &used);
+                } catch (const std::exception&) {
+                }
+                if (count < 0 || used != text.size())
+                    throw std::runtime_error("--max-events expects a count");
+                options.maxEvents = size_t(count);
+            } else if (arg == "--max-event-age") {
+                options.maxEventAge = ParseAge(value());
             } else if (arg == "--plain-http") {
                 plainHttp = true;
             } else if (arg == "-h" || arg == "--help") {
@@ -110,6 +157,8 @@ int main(int argc, char** argv) {
             }
         }
         if (certFile.empty() != keyFile.empty()) throw std::runtime_error("--cert and --key go together");
+        if (memory && !database.empty())
+            throw std::runtime_error("--database and --memory exclude each other");
     } catch (const std::exception& e) {
         std::fprintf(stderr, "morphel-server: %s\n", e.what());
         Usage(stderr);
@@ -134,6 +183,21 @@ int main(int argc, char** argv) {
         }
     }
 
+    if (!memory) {
+        try {
+            if (database.empty()) {
+                std::filesystem::create_directories(stateFolder);
+                std::filesystem::permissions(stateFolder, std::filesystem::perms::owner_all);
+                database = (std::filesystem::path(stateFolder) / "state.db").string();
+            }
+            options.state = MorphelServer::NewSqliteState(database);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "morphel-server: %s\n", e.what());
+            return 1;
+        }
+        std::fprintf(stderr, "morphel-server: state kept in %s\n", database.c_str());
+    }
+
     // The signals are taken by sigwait below, on this thread only; the serving threads inherit the mask.
     sigset_t signals;
     sigemptyset(&signals);
@@ -141,7 +205,14 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    MorphelServer::Service service(options);
+    std::unique_ptr<MorphelServer::Service> owned;
+    try {
+        owned = std::make_unique<MorphelServer::Service>(options);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "morphel-server: %s\n", e.what());
+        return 1;
+    }
+    MorphelServer::Service& service = *owned;
     Kitra::Http::ServerOptions serverOptions;
     serverOptions.host = host;
     serverOptions.port = port;

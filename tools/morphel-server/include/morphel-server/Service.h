@@ -21,7 +21,15 @@ struct ServiceOptions {
     std::chrono::milliseconds conversionTime{2500};
     // Where jobs, tasks, events and collectors are kept; none: in memory (NewMemoryState).
     std::shared_ptr<State> state;
+    // The event history keeps at most this many events, none older than this; the oldest go first, as
+    // each event is recorded. 0: no limit.
+    size_t maxEvents = 10000;
+    std::chrono::seconds maxEventAge = std::chrono::hours(24 * 7);
 };
+
+// The description of the fault of a task that the server's restart cut off.
+inline constexpr const char* kInterruptedTask =
+    "The server restarted while the task ran; the task did not finish";
 
 // The managed objects the service registers, by identifier.
 inline constexpr const char* kServiceInstanceId = "ServiceInstance";
@@ -34,6 +42,9 @@ inline constexpr const char* kDiagnosticManagerId = "DiagnosticManager";
 
 class Service {
 public:
+    // A task the state holds as queued or running was cut off by the end of the process that ran it: the
+    // service fails it (morphel.fault.CloneFault, kInterruptedTask), clears its job's active task and
+    // records the failure.
     explicit Service(ServiceOptions options = {});
     // Waits for the conversions still running. Stop the server first: its objects call into the service.
     ~Service();

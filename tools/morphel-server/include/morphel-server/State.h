@@ -19,6 +19,7 @@
 #include <vector>
 
 #include <fundix/Ref.h>
+#include <fundix/System/DateTime.h>
 #include <kitra/Any.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
@@ -42,11 +43,14 @@ struct JobRecord {
     Fundix::Ref<Kitra::Any> extraInfo;  // null when the client gave none
 };
 
-// Where an event history collector stands.
+// Where an event history collector stands. Its view lies between the events it has passed (keys up to
+// `after`) and those it has not; keys only grow, so the position holds when old events are dropped, and a
+// collector whose unread events were dropped goes on from the oldest event kept.
 struct CollectorRecord {
     Fundix::Ref<Morphel::Event::EventFilterSpec> filter;  // never null
-    size_t position = 0;  // in the filtered history: the number of events before the view
+    int32_t after = 0;  // the key of the last event before the view; 0: before every event
     int32_t pageSize = 10;
+    std::string owner;  // the key of the session that created it
 };
 
 // One transaction's view of the state.
@@ -67,6 +71,9 @@ public:
     // The events that `filter` selects (all for null), oldest first.
     virtual std::vector<Fundix::Ref<Morphel::Event::Event>> SelectEvents(
         const Morphel::Event::EventFilterSpec* filter) = 0;
+    // Drops the oldest events (by key) while more than `keep` are kept or the oldest was created before
+    // `before`; returns how many went.
+    virtual size_t DropEvents(size_t keep, Fundix::System::DateTime before) = 0;
 
     // What the state holds, by identifier: a service attached to a state that already holds jobs, tasks
     // and collectors (a restart) serves them again.
@@ -87,6 +94,8 @@ public:
 
     virtual std::optional<CollectorRecord> FindCollector(const std::string& id) = 0;
     virtual size_t CountCollectors() = 0;
+    // The collectors the session with the key `owner` created.
+    virtual std::vector<std::string> CollectorIdsOf(const std::string& owner) = 0;
     virtual void PutCollector(const std::string& id, const CollectorRecord& collector) = 0;
     virtual bool EraseCollector(const std::string& id) = 0;
 };
@@ -117,5 +126,19 @@ public:
 
 // The state in memory, lost when the process ends.
 std::unique_ptr<State> NewMemoryState();
+
+struct SqliteOptions {
+    // The API version records are written in; each is read back in the version it was written in.
+    std::string version = "morphel.version.version4";
+    // Each commit reaches the disk before Transact returns (synchronous FULL): what was acknowledged
+    // survives a crash of the process and of the machine. False syncs at checkpoints only (NORMAL): a
+    // crash of the process loses nothing, a power loss may lose the last commits.
+    bool syncEachCommit = true;
+};
+
+// The state in the SQLite database `path` (created when missing), written ahead to a log. Throws
+// std::runtime_error naming the file when it cannot be opened, is no state database, was written by a
+// newer server, or is held by another process.
+std::unique_ptr<State> NewSqliteState(const std::string& path, const SqliteOptions& options = {});
 
 }  // namespace MorphelServer

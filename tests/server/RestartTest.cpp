@@ -1,0 +1,278 @@
+// A restart over a database file keeps every job, task, event and collector the server acknowledged, and
+// fails the tasks it cut off: after the service is destroyed and another attached to the same file, and
+// after the program is killed with SIGKILL and started again.
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <morphel-server/Service.h>
+#include <morphel/event/types.h>
+#include <morphel/fault/types.h>
+#include <morphel/params/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Server::Conversion::ConversionJobInfo;
+using Morphel::Task::TaskInfo;
+
+struct TempFolder {
+    TempFolder() {
+        char name[] = "/tmp/morphel-restart-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempFolder() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+// A client of the service at `url`, logged in as demo.
+struct Client {
+    explicit Client(const std::string& url)
+        : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {
+        Ref<Morphel::SessionManagerStub> sessions(
+            new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
+        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
+        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
+                                                                             adapter.Get(), nullptr);
+        tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
+        events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
+    }
+    Ref<ConversionJobInfo> CreateJob(const std::string& name) {
+        char host[256] = {};
+        gethostname(host, sizeof(host) - 1);
+        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+            new Morphel::Server::Conversion::ConversionJobSpec());
+        spec->SetName(name);
+        spec->SetSource(Ref<Morphel::ComputerSpec>(
+                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                                                          new Morphel::ComputerSpec::LiveComputerLocation(
+                                                              host, {}, {}, {}, "linux", {}, {}))
+                                                          .Get()))
+                            .Get());
+        spec->SetConversionParams(
+            Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+        Ref<ConversionJobInfo> created;
+        conversions->CreateJob(spec.Get(), nullptr, created);
+        return created;
+    }
+    Ref<Kitra::Http::StubAdapter> adapter;
+    Ref<Morphel::UserSession> session;
+    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
+    Ref<Morphel::Task::TaskManagerStub> tasks;
+    Ref<Morphel::Event::EventManagerStub> events;
+};
+
+// The task failed as one the restart cut off.
+void ExpectInterrupted(const TaskInfo& info) {
+    EXPECT_EQ(info.GetState(), TaskInfo::State::error);
+    auto* fault = dynamic_cast<Morphel::Fault::CloneFault*>(info.GetError());
+    ASSERT_NE(fault, nullptr);
+    EXPECT_EQ(fault->GetDescription(), MorphelServer::kInterruptedTask);
+    EXPECT_TRUE(info.GetCompleteTime().IsSet());
+}
+
+TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
+    TempFolder folder;
+    const std::string path = folder.path + "/state.db";
+    std::string jobId, taskId, runningId, doneId, collectorId, owner;
+    std::vector<int32_t> keys;
+    {
+        MorphelServer::ServiceOptions options;
+        options.state = MorphelServer::NewSqliteState(path);
+        options.conversionTime = std::chrono::hours(1);  // still queued when the service goes
+        MorphelServer::Service service(options);
+        Kitra::Http::ServerOptions serverOptions;
+        serverOptions.versions = MorphelServer::Service::Versions();
+        Kitra::Http::Server server(serverOptions);
+        service.Attach(server);
+        server.Start();
+        {
+            Client c(server.GetUrl());
+            auto created = c.CreateJob("kept");
+            jobId = created->GetJob()->GetId();
+            taskId = created->GetActiveTask()->GetId();
+            runningId = c.CreateJob("running")->GetActiveTask()->GetId();
+            doneId = c.CreateJob("done")->GetActiveTask()->GetId();
+            Ref<Kitra::MoRef> ref;
+            c.events->CreateCollector(
+                Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
+            collectorId = ref->GetId();
+            owner = c.session->GetKey();
+            Ref<Morphel::Event::EventHistoryCollectorStub> collector(
+                new Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr));
+            Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+            collector->ReadNext(2, page);
+        }
+        server.Stop();
+        options.state->Transact([&](MorphelServer::StateTransaction& tx) {
+            // One task was running when the service went, another had finished.
+            for (auto [id, state] :
+                 {std::pair{runningId, TaskInfo::State::running}, {doneId, TaskInfo::State::success}}) {
+                auto task = tx.FindTask(id);
+                task->info->SetState(state);
+                tx.PutTask(*task);
+            }
+            for (const auto& e : tx.SelectEvents(nullptr))
+                keys.push_back(e->GetKey());
+        });
+    }
+
+    MorphelServer::ServiceOptions options;
+    options.state = MorphelServer::NewSqliteState(path);
+    MorphelServer::Service again(options);
+    options.state->Transact([&](MorphelServer::StateTransaction& tx) {
+        auto task = tx.FindTask(taskId);
+        ASSERT_TRUE(task.has_value());
+        ExpectInterrupted(*task->info);
+        ExpectInterrupted(*tx.FindTask(runningId)->info);
+        EXPECT_EQ(tx.FindTask(doneId)->info->GetState(), TaskInfo::State::success);
+        auto job = tx.FindJob(jobId);
+        ASSERT_TRUE(job.has_value());
+        EXPECT_EQ(job->info->GetActiveTask(), nullptr);
+        EXPECT_EQ(job->info->GetNumConsecutiveErrors(), 1);
+        EXPECT_NE(dynamic_cast<Morphel::Fault::CloneFault*>(job->info->GetMostRecentError()), nullptr);
+
+        // The events before the restart, then the start and the failures.
+        auto events = tx.SelectEvents(nullptr);
+        ASSERT_EQ(events.size(), keys.size() + 3);
+        for (size_t i = 0; i < keys.size(); ++i)
+            EXPECT_EQ(events[i]->GetKey(), keys[i]);
+        EXPECT_NE(dynamic_cast<Morphel::Event::ServerStartedEvent*>(events[keys.size()].Get()), nullptr);
+        auto* failed = dynamic_cast<Morphel::Event::TaskEvent*>(events[keys.size() + 1].Get());
+        ASSERT_NE(failed, nullptr);
+        EXPECT_EQ(failed->GetChainId(), task->info->GetEventChainId());
+        EXPECT_EQ(failed->GetType(), Morphel::Event::Event::Type::error);
+        ExpectInterrupted(*failed->GetInfo());
+
+        auto collector = tx.FindCollector(collectorId);
+        ASSERT_TRUE(collector.has_value());
+        EXPECT_EQ(collector->after, 2);
+        EXPECT_EQ(tx.CollectorIdsOf(owner), std::vector<std::string>{collectorId});
+    });
+
+    // Served again, and the failure stays: a third start fails nothing more.
+    Kitra::Http::ServerOptions serverOptions;
+    serverOptions.versions = MorphelServer::Service::Versions();
+    Kitra::Http::Server server(serverOptions);
+    again.Attach(server);
+    server.Start();
+    {
+        Client c(server.GetUrl());
+        Ref<TaskInfo> info;
+        c.tasks->GetTaskInfo(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", taskId)).Get(), info);
+        ExpectInterrupted(*info);
+    }
+    server.Stop();
+    size_t before = options.state->Run(
+        [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); });
+    MorphelServer::Service third(options);
+    EXPECT_EQ(options.state->Run(
+                  [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
+              before + 1);  // only its start
+}
+
+// The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running.
+class Program {
+public:
+    explicit Program(std::vector<std::string> args) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(fds[1], STDERR_FILENO);
+            close(fds[0]);
+            std::vector<char*> argv{const_cast<char*>("morphel-server")};
+            for (auto& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(MORPHEL_SERVER_PATH, argv.data());
+            _exit(127);
+        }
+        close(fds[1]);
+        fd_ = fds[0];
+        // The line "morphel-server: serving URL", within 20 s.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        std::string text;
+        while (url_.empty() && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 100) <= 0) continue;
+            char buffer[512];
+            ssize_t n = read(fd_, buffer, sizeof buffer);
+            if (n <= 0) break;
+            text.append(buffer, size_t(n));
+            size_t at = text.find("serving "), end = text.find('\n', at);
+            if (at != std::string::npos && end != std::string::npos) url_ = text.substr(at + 8, end - at - 8);
+        }
+    }
+    ~Program() {
+        if (pid_ > 0) Kill(SIGKILL);
+        if (fd_ >= 0) close(fd_);
+    }
+    const std::string& Url() const { return url_; }
+    // Sends `signal` and waits (up to 20 s) for the end; the wait status, or -1.
+    int Kill(int signal) {
+        kill(pid_, signal);
+        int status = -1;
+        for (int i = 0; i < 200; ++i) {
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return status;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    std::string url_;
+};
+
+TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
+    TempFolder folder;
+    std::vector<std::string> args{"--listen", "127.0.0.1:0", "--state", folder.path};
+    Ref<Kitra::MoRef> jobRef, taskRef;
+    {
+        Program first(args);
+        ASSERT_FALSE(first.Url().empty());
+        Client c(first.Url());
+        auto created = c.CreateJob("survivor");
+        jobRef = created->GetJob();
+        taskRef = created->GetActiveTask();
+        int status = first.Kill(SIGKILL);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    }
+    EXPECT_TRUE(std::filesystem::exists(folder.path + "/state.db"));
+    Program second(args);
+    ASSERT_FALSE(second.Url().empty());
+    {
+        Client c(second.Url());
+        Ref<ConversionJobInfo> job;
+        c.conversions->GetJobInfo(jobRef.Get(), job);
+        EXPECT_EQ(job->GetKey(), jobRef->GetId());
+        EXPECT_EQ(job->GetActiveTask(), nullptr);
+        Ref<TaskInfo> info;
+        c.tasks->GetTaskInfo(taskRef.Get(), info);
+        ExpectInterrupted(*info);
+    }
+    int status = second.Kill(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+}  // namespace

@@ -1,0 +1,479 @@
+// The state in one SQLite database file, written ahead to a log. Records are kept in their wire form (the
+// SOAP codec's value messages) beside the API version they were written in, and read back in that
+// version, so a newer server reads the files of an older one. One connection serves every transaction, one
+// at a time; the file is locked to this process while it is open.
+//
+// Events never change once appended, and collectors read whole filtered histories, so the events are also
+// kept decoded in memory: read from the file once at open, extended and trimmed as transactions commit.
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <deque>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <unordered_map>
+
+#include <fundix/Exception.h>
+#include <kitra/Soap.h>
+#include <kitra/fault/types.h>
+#include <morphel-server/State.h>
+
+#include "EventFilter.h"
+
+namespace MorphelServer {
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Event::Event;
+
+// The schema, one step per version: a database of version n runs the steps after n, in order, in one
+// transaction with the new version number. A later version appends its step.
+const char* const kSchemaSteps[] = {
+    // 1
+    "CREATE TABLE settings (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"
+    "INSERT INTO settings VALUES ('nextId', 1), ('nextChainId', 1), ('nextEventKey', 1), ('maxTask', 100);"
+    "CREATE TABLE jobs (id TEXT PRIMARY KEY, name TEXT NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL,"
+    " spec TEXT NOT NULL, extraInfo TEXT);"
+    "CREATE INDEX jobsByName ON jobs (name);"
+    "CREATE TABLE tasks (id TEXT PRIMARY KEY, jobId TEXT NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL,"
+    " disks BLOB NOT NULL, vmName TEXT NOT NULL);"
+    "CREATE TABLE recentTasks (position INTEGER PRIMARY KEY, taskId TEXT NOT NULL);"
+    "CREATE TABLE events (key INTEGER PRIMARY KEY, createdTime INTEGER NOT NULL, version TEXT NOT NULL,"
+    " event TEXT NOT NULL);"
+    "CREATE TABLE collectors (id TEXT PRIMARY KEY, owner TEXT NOT NULL, version TEXT NOT NULL,"
+    " filter TEXT NOT NULL, after INTEGER NOT NULL, pageSize INTEGER NOT NULL);"
+    "CREATE INDEX collectorsByOwner ON collectors (owner);",
+};
+constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
+
+// A list of strings as one blob: each its length in decimal, a colon, its bytes.
+std::string Join(const std::vector<std::string>& items) {
+    std::string out;
+    for (const auto& item : items)
+        out += std::to_string(item.size()) + ":" + item;
+    return out;
+}
+std::vector<std::string> Split(const std::string& blob) {
+    std::vector<std::string> items;
+    for (size_t at = 0; at < blob.size();) {
+        size_t colon = blob.find(':', at);
+        if (colon == std::string::npos) throw std::runtime_error("malformed list");
+        size_t length = std::stoul(blob.substr(at, colon - at));
+        if (length > blob.size() - colon - 1) throw std::runtime_error("malformed list");
+        items.push_back(blob.substr(colon + 1, length));
+        at = colon + 1 + length;
+    }
+    return items;
+}
+
+class SqliteState : public State, private StateTransaction {
+public:
+    SqliteState(const std::string& path, const SqliteOptions& options) : path_(path) {
+        // A new file is private to the user, as its log will be: job specifications may carry credentials.
+        int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0) ::close(fd);
+        if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+            SQLITE_OK) {
+            std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+            sqlite3_close(db_);
+            throw std::runtime_error(path + ": cannot be opened: " + message);
+        }
+        try {
+            writer_ = &CodecFor(options.version);
+            version_ = writer_->GetVersion().name;
+            // Locked to this process (no shared memory for the log either); every commit synced, or only
+            // the checkpoints.
+            Exec("PRAGMA locking_mode = EXCLUSIVE");
+            {
+                Query mode(*this, "PRAGMA journal_mode = WAL");
+                if (!mode.Step() || mode.Text(0) != "wal")
+                    throw std::runtime_error(path + ": cannot keep a write-ahead log");
+            }
+            Exec(options.syncEachCommit ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+            Migrate();
+            Query events(*this, "SELECT key, version, event FROM events ORDER BY key");
+            while (events.Step()) {
+                std::string what = "event " + std::to_string(events.Int(0));
+                cache_.push_back(Decode<Event>(events.Text(1), events.Text(2), what.c_str()));
+            }
+        } catch (...) {
+            Close();
+            throw;
+        }
+    }
+    ~SqliteState() override { Close(); }
+
+    void Transact(const std::function<void(StateTransaction&)>& work) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Exec("BEGIN IMMEDIATE");
+        try {
+            work(*this);
+            Exec("COMMIT");
+        } catch (...) {
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);  // may have rolled back already
+            pending_.clear();
+            cacheDropped_ = pendingDropped_ = 0;
+            throw;
+        }
+        cache_.erase(cache_.begin(), cache_.begin() + std::ptrdiff_t(cacheDropped_));
+        cache_.insert(cache_.end(), pending_.begin() + std::ptrdiff_t(pendingDropped_), pending_.end());
+        pending_.clear();
+        cacheDropped_ = pendingDropped_ = 0;
+    }
+
+private:
+    // A prepared statement of the connection's cache, reset when done.
+    class Query {
+    public:
+        Query(SqliteState& state, const char* sql) : state_(state), stmt_(state.Prepare(sql)) {}
+        ~Query() {
+            sqlite3_reset(stmt_);
+            sqlite3_clear_bindings(stmt_);
+        }
+        Query(const Query&) = delete;
+        Query& operator=(const Query&) = delete;
+
+        Query& Bind(int64_t value) { return Check(sqlite3_bind_int64(stmt_, ++bound_, value)); }
+        Query& Bind(const std::string& text) {
+            return Check(sqlite3_bind_text(stmt_, ++bound_, text.data(), int(text.size()), SQLITE_TRANSIENT));
+        }
+        Query& BindBlob(const std::string& bytes) {
+            return Check(
+                sqlite3_bind_blob(stmt_, ++bound_, bytes.data(), int(bytes.size()), SQLITE_TRANSIENT));
+        }
+        Query& BindNull() { return Check(sqlite3_bind_null(stmt_, ++bound_)); }
+        // True for a row, false when done.
+        bool Step() {
+            int rc = sqlite3_step(stmt_);
+            if (rc == SQLITE_ROW) return true;
+            if (rc == SQLITE_DONE) return false;
+            state_.Fail(rc, sqlite3_sql(stmt_));
+        }
+        void Run() {
+            while (Step()) {
+            }
+        }
+        int64_t Int(int column) { return sqlite3_column_int64(stmt_, column); }
+        bool IsNull(int column) { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
+        std::string Text(int column) {
+            const void* bytes = sqlite3_column_blob(stmt_, column);
+            return bytes != nullptr ? std::string(static_cast<const char*>(bytes),
+                                                  size_t(sqlite3_column_bytes(stmt_, column)))
+                                    : std::string();
+        }
+
+    private:
+        Query& Check(int rc) {
+            if (rc != SQLITE_OK) state_.Fail(rc, sqlite3_sql(stmt_));
+            return *this;
+        }
+        SqliteState& state_;
+        sqlite3_stmt* stmt_;
+        int bound_ = 0;
+    };
+
+    [[noreturn]] void Fail(int rc, const std::string& what) {
+        std::string message = sqlite3_errmsg(db_);
+        if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED)
+            message += " (another process holds it)";
+        throw std::runtime_error(path_ + ": " + message + " (" + what + ")");
+    }
+    void Exec(const char* sql) {
+        int rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+        if (rc != SQLITE_OK) Fail(rc, sql);
+    }
+    sqlite3_stmt* Prepare(const char* sql) {
+        auto& stmt = statements_[sql];
+        if (stmt == nullptr) {
+            int rc = sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr);
+            if (rc != SQLITE_OK) Fail(rc, sql);
+        }
+        return stmt;
+    }
+    void Close() {
+        for (auto& [sql, stmt] : statements_)
+            sqlite3_finalize(stmt);
+        statements_.clear();
+        sqlite3_close(db_);
+        db_ = nullptr;
+    }
+
+    void Migrate() {
+        Exec("BEGIN IMMEDIATE");
+        try {
+            Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version INTEGER NOT NULL)");
+            int64_t version = 0;
+            {
+                Query read(*this, "SELECT version FROM schemaVersion");
+                if (read.Step()) version = read.Int(0);
+            }
+            if (version > kSchemaVersion)
+                throw std::runtime_error(path_ + ": written by a newer server (schema version " +
+                                         std::to_string(version) + "; this server reads up to " +
+                                         std::to_string(kSchemaVersion) + ")");
+            for (int64_t step = version; step < kSchemaVersion; ++step)
+                Exec(kSchemaSteps[step]);
+            if (version == 0) Query(*this, "INSERT INTO schemaVersion VALUES (0)").Run();
+            Query(*this, "UPDATE schemaVersion SET version = ?").Bind(kSchemaVersion).Run();
+            Exec("COMMIT");
+        } catch (...) {
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+            throw;
+        }
+    }
+
+    // ---- Values in their wire form
+
+    const Kitra::Soap::Codec& CodecFor(const std::string& version) {
+        auto& codec = codecs_[version];
+        if (codec == nullptr) {
+            try {
+                codec = std::make_unique<Kitra::Soap::Codec>(version);
+            } catch (const Fundix::Exception&) {
+                codecs_.erase(version);
+                throw std::runtime_error(path_ + ": unknown API version " + version);
+            }
+        }
+        return *codec;
+    }
+    std::string Encode(const Kitra::Any* value) {
+        try {
+            return writer_->ToText(value);
+        } catch (const Kitra::Fault::InvalidArgument::Exception& e) {
+            const auto& property = e.GetFault()->GetInvalidProperty();
+            throw std::runtime_error(path_ + ": " + value->_GetType()->GetName() + " cannot be written: " +
+                                     (property.IsSet() ? property.GetValue() : std::string("invalid")));
+        } catch (const Kitra::Fault::NotInVersion::Exception&) {
+            throw std::runtime_error(path_ + ": " + value->_GetType()->GetName() + " cannot be written in " +
+                                     version_);
+        }
+    }
+    template <class T>
+    Ref<T> Decode(const std::string& version, const std::string& text, const char* what) {
+        try {
+            return CodecFor(version).FromText<T>(text);
+        } catch (const Kitra::Fault::InvalidRequest::Exception& e) {
+            throw std::runtime_error(path_ + ": " + what + " cannot be read: " + e.GetFault()->GetReason());
+        } catch (const Fundix::Exception& e) {
+            throw std::runtime_error(path_ + ": " + what + " cannot be read: " + e.GetMessage());
+        }
+    }
+
+    int64_t Count(const char* name) {
+        Query q(*this, "UPDATE settings SET value = value + 1 WHERE name = ? RETURNING value - 1");
+        q.Bind(std::string(name));
+        if (!q.Step()) throw std::runtime_error(path_ + ": the counter " + name + " is missing");
+        return q.Int(0);
+    }
+
+    // ---- StateTransaction
+
+    int64_t NextId() override { return Count("nextId"); }
+    int32_t NextChainId() override { return int32_t(Count("nextChainId")); }
+    int32_t GetMaxTask() override {
+        Query q(*this, "SELECT value FROM settings WHERE name = 'maxTask'");
+        return q.Step() ? int32_t(q.Int(0)) : 100;
+    }
+    void SetMaxTask(int32_t maxTask) override {
+        Query(*this, "UPDATE settings SET value = ? WHERE name = 'maxTask'").Bind(maxTask).Run();
+    }
+
+    int32_t AppendEvent(Event* event) override {
+        int32_t key = int32_t(Count("nextEventKey"));
+        event->SetKey(key);
+        Query(*this, "INSERT INTO events (key, createdTime, version, event) VALUES (?, ?, ?, ?)")
+            .Bind(key)
+            .Bind(event->GetCreatedTime().GetUtcMicros())
+            .Bind(version_)
+            .Bind(Encode(event))
+            .Run();
+        pending_.emplace_back(event);
+        return key;
+    }
+    // What the transaction sees: the cache and the events appended since it began, less those it dropped.
+    template <class F>
+    void ForEachEvent(F&& f) {
+        for (size_t i = cacheDropped_; i < cache_.size(); ++i)
+            f(cache_[i]);
+        for (size_t i = pendingDropped_; i < pending_.size(); ++i)
+            f(pending_[i]);
+    }
+    std::vector<Ref<Event>> SelectEvents(const Morphel::Event::EventFilterSpec* filter) override {
+        std::vector<Ref<Event>> out;
+        ForEachEvent([&](const Ref<Event>& e) {
+            if (Matches(filter, *e)) out.push_back(e);
+        });
+        return out;
+    }
+    size_t DropEvents(size_t keep, Fundix::System::DateTime before) override {
+        size_t dropped = 0, kept = cache_.size() - cacheDropped_ + pending_.size() - pendingDropped_;
+        int32_t last = 0;
+        auto drop = [&](const auto& events, size_t& start) {
+            while (start < events.size() && (kept > keep || events[start]->GetCreatedTime() < before)) {
+                last = events[start]->GetKey();
+                ++start, ++dropped, --kept;
+            }
+            return start == events.size();
+        };
+        if (drop(cache_, cacheDropped_)) drop(pending_, pendingDropped_);
+        if (dropped != 0) Query(*this, "DELETE FROM events WHERE key <= ?").Bind(last).Run();
+        return dropped;
+    }
+
+    std::vector<std::string> Ids(const char* sql, const std::string* owner = nullptr) {
+        Query q(*this, sql);
+        if (owner != nullptr) q.Bind(*owner);
+        std::vector<std::string> ids;
+        while (q.Step())
+            ids.push_back(q.Text(0));
+        return ids;
+    }
+    std::vector<std::string> JobIds() override { return Ids("SELECT id FROM jobs ORDER BY id"); }
+    std::vector<std::string> TaskIds() override { return Ids("SELECT id FROM tasks ORDER BY id"); }
+    std::vector<std::string> CollectorIds() override { return Ids("SELECT id FROM collectors ORDER BY id"); }
+    std::vector<std::string> CollectorIdsOf(const std::string& owner) override {
+        return Ids("SELECT id FROM collectors WHERE owner = ? ORDER BY id", &owner);
+    }
+
+    // Columns: id, version, info, spec, extraInfo.
+    JobRecord ReadJob(Query& q) {
+        JobRecord job;
+        job.id = q.Text(0);
+        std::string version = q.Text(1), what = "job " + job.id;
+        job.info = Decode<Morphel::Server::Conversion::ConversionJobInfo>(version, q.Text(2), what.c_str());
+        job.spec = Decode<Morphel::Server::Conversion::ConversionJobSpec>(version, q.Text(3), what.c_str());
+        if (!q.IsNull(4)) job.extraInfo = Decode<Kitra::Any>(version, q.Text(4), what.c_str());
+        return job;
+    }
+    std::optional<JobRecord> FindJob(const std::string& id) override {
+        Query q(*this, "SELECT id, version, info, spec, extraInfo FROM jobs WHERE id = ?");
+        q.Bind(id);
+        if (!q.Step()) return std::nullopt;
+        return ReadJob(q);
+    }
+    std::optional<JobRecord> FindJobByName(const std::string& name) override {
+        Query q(*this,
+                "SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = ? ORDER BY id LIMIT 1");
+        q.Bind(name);
+        if (!q.Step()) return std::nullopt;
+        return ReadJob(q);
+    }
+    void PutJob(const JobRecord& job) override {
+        Query q(*this,
+                "INSERT OR REPLACE INTO jobs (id, name, version, info, spec, extraInfo) VALUES (?, ?, ?, ?, "
+                "?, ?)");
+        q.Bind(job.id)
+            .Bind(job.spec->GetName())
+            .Bind(version_)
+            .Bind(Encode(job.info.Get()))
+            .Bind(Encode(job.spec.Get()));
+        if (job.extraInfo != nullptr)
+            q.Bind(Encode(job.extraInfo.Get()));
+        else
+            q.BindNull();
+        q.Run();
+    }
+    bool Erase(const char* sql, const std::string& id) {
+        Query(*this, sql).Bind(id).Run();
+        return sqlite3_changes(db_) != 0;
+    }
+    bool EraseJob(const std::string& id) override { return Erase("DELETE FROM jobs WHERE id = ?", id); }
+
+    std::optional<TaskRecord> FindTask(const std::string& id) override {
+        Query q(*this, "SELECT jobId, version, info, disks, vmName FROM tasks WHERE id = ?");
+        q.Bind(id);
+        if (!q.Step()) return std::nullopt;
+        TaskRecord task;
+        task.id = id;
+        task.jobId = q.Text(0);
+        std::string what = "task " + id;
+        task.info = Decode<Morphel::Task::TaskInfo>(q.Text(1), q.Text(2), what.c_str());
+        try {
+            task.disks = Split(q.Text(3));
+        } catch (const std::exception&) {
+            throw std::runtime_error(path_ + ": " + what + " cannot be read: its disks are malformed");
+        }
+        task.vmName = q.Text(4);
+        return task;
+    }
+    void PutTask(const TaskRecord& task) override {
+        Query(*this,
+              "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName) VALUES (?, ?, ?, ?, ?, "
+              "?)")
+            .Bind(task.id)
+            .Bind(task.jobId)
+            .Bind(version_)
+            .Bind(Encode(task.info.Get()))
+            .BindBlob(Join(task.disks))
+            .Bind(task.vmName)
+            .Run();
+    }
+    std::vector<std::string> RecentTasks() override {
+        return Ids("SELECT taskId FROM recentTasks ORDER BY position");
+    }
+    void AddRecentTask(const std::string& id, size_t keep) override {
+        Query(*this, "INSERT INTO recentTasks (taskId) VALUES (?)").Bind(id).Run();
+        Query(*this, "DELETE FROM recentTasks WHERE position <= (SELECT max(position) FROM recentTasks) - ?")
+            .Bind(int64_t(keep))
+            .Run();
+    }
+
+    std::optional<CollectorRecord> FindCollector(const std::string& id) override {
+        Query q(*this, "SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = ?");
+        q.Bind(id);
+        if (!q.Step()) return std::nullopt;
+        CollectorRecord c;
+        std::string what = "collector " + id;
+        c.filter = Decode<Morphel::Event::EventFilterSpec>(q.Text(0), q.Text(1), what.c_str());
+        c.after = int32_t(q.Int(2));
+        c.pageSize = int32_t(q.Int(3));
+        c.owner = q.Text(4);
+        return c;
+    }
+    size_t CountCollectors() override {
+        Query q(*this, "SELECT count(*) FROM collectors");
+        return q.Step() ? size_t(q.Int(0)) : 0;
+    }
+    void PutCollector(const std::string& id, const CollectorRecord& c) override {
+        Query(*this,
+              "INSERT OR REPLACE INTO collectors (id, owner, version, filter, after, pageSize) VALUES (?, ?, "
+              "?, ?, ?, ?)")
+            .Bind(id)
+            .Bind(c.owner)
+            .Bind(version_)
+            .Bind(Encode(c.filter.Get()))
+            .Bind(c.after)
+            .Bind(c.pageSize)
+            .Run();
+    }
+    bool EraseCollector(const std::string& id) override {
+        return Erase("DELETE FROM collectors WHERE id = ?", id);
+    }
+
+    const std::string path_;
+    sqlite3* db_ = nullptr;
+    std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text
+    std::map<std::string, std::unique_ptr<Kitra::Soap::Codec>> codecs_;
+    const Kitra::Soap::Codec* writer_ = nullptr;
+    std::string version_;  // the writer's, in full
+    std::mutex mutex_;
+    // The committed events, oldest first; during a transaction the events it appended and how many of
+    // either it dropped.
+    std::deque<Ref<Event>> cache_;
+    std::vector<Ref<Event>> pending_;
+    size_t cacheDropped_ = 0, pendingDropped_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<State> NewSqliteState(const std::string& path, const SqliteOptions& options) {
+    return std::make_unique<SqliteState>(path, options);
+}
+
+}  // namespace MorphelServer
