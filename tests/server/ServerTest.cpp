@@ -291,7 +291,11 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
     std::vector<std::string> kinds;
     for (size_t i = 0; i < history->GetLength(); ++i) kinds.push_back(history->Get(i)->_GetType()->GetName());
     EXPECT_EQ(kinds, (std::vector<std::string>{"morphel.event.ServerStartedEvent", "morphel.event.UserLoginEvent",
-                                               "morphel.event.UserLoginEvent", "morphel.event.UserFailedAuthenticationEvent"}));
+                                               "morphel.event.UserLoginEvent"}));
+    // Failed logins only for an account that may end others' sessions.
+    demo.events->QueryEvent(all.Get(), history);
+    ASSERT_EQ(history->GetLength(), 4u);
+    EXPECT_STREQ(history->Get(3)->_GetType()->GetName(), "morphel.event.UserFailedAuthenticationEvent");
 
     // Privileges come from each account: eve holds Task.Update alone, ann the default set without it.
     Client eve = Connect();
@@ -440,12 +444,12 @@ TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
     Ref<Morphel::Task::TaskInfo> info;
     task->GetInfo(info);
     EXPECT_EQ(info->GetKey(), created->GetActiveTask()->GetId());
+    // A collector ends with its session, and sessions end with the server that held them.
     Ref<Morphel::Event::EventHistoryCollectorStub> collector(
         new Morphel::Event::EventHistoryCollectorStub(collectorRef->GetId(), adapter.Get(), nullptr));
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-    collector->ReadNext(1, page);
-    ASSERT_EQ(page->GetLength(), 1u);
-    EXPECT_EQ(page->Get(0)->GetKey(), 1);
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { collector->ReadNext(1, page); });
+    state_->Transact([&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
     ExpectFault<Dovra::Fault::DuplicateName>([&] {
         Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions(
             new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
@@ -485,6 +489,21 @@ TEST_F(ServerTest, CollectorsAreCountedAndKeepTheirFilter) {
     first->Remove();
     c.events->CreateCollector(filter.Get(), extra);  // a place is free again
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { first->ReadNext(1, page); });
+
+    // The places are each session's: another session has its own, and cannot reach these.
+    Client other = Connect();
+    Login(other, "demo", "demo");
+    Ref<Kitra::MoRef> own;
+    other.events->CreateCollector(filter.Get(), own);
+    auto stranger = other.Make<Morphel::Event::EventHistoryCollectorStub>(refs.back().Get());
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { stranger->ReadNext(1, page); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { stranger->Remove(); });
+    // A session's collectors end with it.
+    c.sessions->Logout();
+    Login(c, "demo", "demo");
+    auto last = c.Make<Morphel::Event::EventHistoryCollectorStub>(refs.back().Get());
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { last->ReadNext(1, page); });
+    state_->Transact([&](MorphelServer::StateTransaction& tx) { EXPECT_EQ(tx.CollectorIds().size(), 1u); });
 }
 
 TEST_F(ServerTest, CollectorViewsOverTheWholeHistory) {

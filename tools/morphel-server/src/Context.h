@@ -36,7 +36,8 @@ Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
 [[noreturn]] void ThrowNotFound();                                    // dovra.fault.NotFound
 [[noreturn]] void ThrowInvalidState();                                // dovra.fault.InvalidState
 
-// How many history collectors the service holds at once (all sessions together).
+// How many history collectors one session may hold at once. A session's collectors end with it (logout,
+// expiry, terminate); those of sessions that ended with a previous run of the server are dropped at start.
 inline constexpr int32_t kMaxCollectors = 32;
 
 // Raises morphel.fault.NoHostConnection unless `source` names `machine` as a live computer (by its host
@@ -118,5 +119,16 @@ bool CancelConversion(Context& context, StateTransaction& tx, const std::string&
 void RegisterJob(Context& context, const std::string& id);
 void RegisterTask(Context& context, const std::string& id);
 void RegisterCollector(Context& context, const std::string& id);
+
+// The events `filter` selects (all for null), oldest first, without failed logins unless `failedLogins`
+// (Events.cpp). Failed logins name what strangers tried: only accounts that may end others' sessions
+// (Sessions.TerminateSession) read them.
+std::vector<Fundix::Ref<Morphel::Event::Event>> ReadableEvents(StateTransaction& tx,
+                                                              const Morphel::Event::EventFilterSpec* filter,
+                                                              bool failedLogins);
+// Whether the caller's account reads failed logins.
+bool ReadsFailedLogins(Context& context);
+// Ends the collectors of the session `key` (Events.cpp).
+void EndCollectorsOf(Context& context, const std::string& key);
 
 }  // namespace MorphelServer

@@ -27,6 +27,7 @@ public:
     // The bundle is the text of the task's events (all events without a task); nothing is written.
     void GenerateTaskLogBundle(Kitra::MoRef* task,
                                Ref<Morphel::DiagnosticManager_TaskLogBundleInfo>& result) override {
+        const bool failedLogins = ReadsFailedLogins(context_);
         result = context_.state->Run([&](StateTransaction& tx) {
             Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
             if (task != nullptr) {
@@ -35,7 +36,7 @@ public:
                 filter->SetEventChainId(found->info->GetEventChainId());
             }
             std::string text;
-            for (const auto& e : tx.SelectEvents(filter.Get()))
+            for (const auto& e : ReadableEvents(tx, filter.Get(), failedLogins))
                 text += e->GetCreatedTime().ToIso8601() + " " + e->GetFullMessage().GetValue() + "\n";
             return Ref<Morphel::DiagnosticManager_TaskLogBundleInfo>(
                 new Morphel::DiagnosticManager::TaskLogBundleInfo(

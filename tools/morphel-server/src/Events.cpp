@@ -28,11 +28,13 @@ size_t Passed(const std::vector<Ref<Event>>& selected, int32_t after) {
 class EventHistoryCollectorImpl : public Morphel::Event::EventHistoryCollectorBase {
 private:
     // Runs `body` on the collector's state and keeps what it changed.
+    // Another session's collector is as unknown to the caller as one that does not exist.
     template <class F>
     auto With(F&& body) {
+        const std::string caller = CurrentSession().GetKey();
         return context_.state->Run([&](StateTransaction& tx) {
             auto collector = tx.FindCollector(id_);
-            if (!collector)
+            if (!collector || collector->owner != caller)
                 Kitra::Fault::ManagedObjectNotFound::Exception(
                     RefTo<Morphel::Event::EventHistoryCollector>(id_).Get())
                     .Throw();
@@ -45,10 +47,15 @@ private:
 public:
     EventHistoryCollectorImpl(Context& context, std::string id) : context_(context), id_(std::move(id)) {}
 
+    // What the collector selects that its session may read.
+    std::vector<Ref<Event>> Select(StateTransaction& tx, const CollectorRecord& c) {
+        return ReadableEvents(tx, c.filter.Get(), ReadsFailedLogins(context_));
+    }
+
     void ReadNext(int32_t maxCount, Ref<EventPage>& result) override {
         result = With([&](StateTransaction& tx, CollectorRecord& c) {
             if (maxCount <= 0) ThrowInvalidArgument("maxCount");
-            auto selected = tx.SelectEvents(c.filter.Get());
+            auto selected = Select(tx, c);
             size_t begin = Passed(selected, c.after);
             size_t end = std::min(selected.size(), begin + size_t(maxCount));
             if (end > begin) c.after = selected[end - 1]->GetKey();
@@ -58,7 +65,7 @@ public:
     void ReadPrev(int32_t maxCount, Ref<EventPage>& result) override {
         result = With([&](StateTransaction& tx, CollectorRecord& c) {
             if (maxCount <= 0) ThrowInvalidArgument("maxCount");
-            auto selected = tx.SelectEvents(c.filter.Get());
+            auto selected = Select(tx, c);
             size_t end = Passed(selected, c.after);
             size_t begin = end > size_t(maxCount) ? end - size_t(maxCount) : 0;
             if (end > begin) c.after = selected[begin]->GetKey() - 1;
@@ -67,7 +74,7 @@ public:
     }
     void GetLatestPage(Ref<EventPage>& result) override {
         result = With([&](StateTransaction& tx, CollectorRecord& c) {
-            auto selected = tx.SelectEvents(c.filter.Get());
+            auto selected = Select(tx, c);
             size_t n = std::min(selected.size(), size_t(c.pageSize));
             return Page(selected, selected.size() - n, selected.size());
         });
@@ -83,8 +90,8 @@ public:
         With([](StateTransaction&, CollectorRecord& c) { return c.after = 0; });
     }
     void Reset() override {
-        With([](StateTransaction& tx, CollectorRecord& c) {
-            auto selected = tx.SelectEvents(c.filter.Get());
+        With([&](StateTransaction& tx, CollectorRecord& c) {
+            auto selected = Select(tx, c);
             size_t n = selected.size();
             return c.after = n > size_t(c.pageSize) ? selected[n - size_t(c.pageSize)]->GetKey() - 1 : 0;
         });
@@ -93,7 +100,11 @@ public:
         result = With([](StateTransaction&, CollectorRecord& c) { return Ref<Kitra::Any>(c.filter); });
     }
     void Remove() override {
-        bool removed = context_.state->Run([&](StateTransaction& tx) { return tx.EraseCollector(id_); });
+        const std::string caller = CurrentSession().GetKey();
+        bool removed = context_.state->Run([&](StateTransaction& tx) {
+            auto c = tx.FindCollector(id_);
+            return c && c->owner == caller && tx.EraseCollector(id_);
+        });
         if (!removed) ThrowNotFound();
         context_.Unregister(id_);
     }
@@ -107,14 +118,15 @@ class EventManagerImpl : public Morphel::Event::EventManagerBase {
 public:
     explicit EventManagerImpl(Context& context) : context_(context) {}
 
-    // At most kMaxCollectors at once: dovra.fault.InvalidState past them.
+    // At most kMaxCollectors for each session: dovra.fault.InvalidState past them.
     void CreateCollector(EventFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
+        const std::string owner = CurrentSession().GetKey();
         std::string id = context_.state->Run([&](StateTransaction& tx) {
-            if (tx.CountCollectors() >= size_t(kMaxCollectors)) ThrowInvalidState();
+            if (tx.CollectorIdsOf(owner).size() >= size_t(kMaxCollectors)) ThrowInvalidState();
             std::string id = "EventHistoryCollector-" + std::to_string(tx.NextId());
             CollectorRecord c;
             c.filter = filter != nullptr ? filter->_Clone() : new EventFilterSpec();
-            c.owner = CurrentSession().GetKey();
+            c.owner = owner;
             tx.PutCollector(id, c);
             return id;
         });
@@ -122,8 +134,9 @@ public:
         result = RefTo<Morphel::Event::EventHistoryCollector>(id);
     }
     void QueryEvent(EventFilterSpec* filter, Ref<EventPage>& result) override {
+        const bool failedLogins = ReadsFailedLogins(context_);
         result = context_.state->Run([&](StateTransaction& tx) {
-            auto selected = tx.SelectEvents(filter);
+            auto selected = ReadableEvents(tx, filter, failedLogins);
             return Page(selected, 0, selected.size());
         });
     }
@@ -139,9 +152,46 @@ void RegisterCollector(Context& context, const std::string& id) {
     context.Register(id, Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context, id)).Get());
 }
 
+std::vector<Ref<Event>> ReadableEvents(StateTransaction& tx, const EventFilterSpec* filter, bool failedLogins) {
+    auto selected = tx.SelectEvents(filter);
+    if (!failedLogins)
+        selected.erase(std::remove_if(selected.begin(), selected.end(),
+                                      [](const Ref<Event>& e) {
+                                          return dynamic_cast<const Morphel::Event::UserFailedAuthenticationEvent*>(
+                                                     e.Get()) != nullptr;
+                                      }),
+                       selected.end());
+    return selected;
+}
+
+bool ReadsFailedLogins(Context& context) {
+    return context.accounts.Holds(CurrentSession().GetUserName(), "Sessions.TerminateSession");
+}
+
+void EndCollectorsOf(Context& context, const std::string& key) {
+    auto ended = context.state->Run([&](StateTransaction& tx) {
+        auto ids = tx.CollectorIdsOf(key);
+        for (const auto& id : ids)
+            tx.EraseCollector(id);
+        return ids;
+    });
+    for (const auto& id : ended)
+        context.Unregister(id);
+}
+
 void AttachEvents(Context& context) {
     context.Register(kEventManagerId, Ref<EventManagerImpl>(new EventManagerImpl(context)).Get());
-    for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.CollectorIds(); }))
+    // Collectors whose session ended with an earlier run of the server go; the others are served again.
+    auto kept = context.state->Run([&](StateTransaction& tx) {
+        std::vector<std::string> live;
+        for (const auto& id : tx.CollectorIds()) {
+            auto c = tx.FindCollector(id);
+            if (c && context.server->HasSession(c->owner)) live.push_back(id);
+            else tx.EraseCollector(id);
+        }
+        return live;
+    });
+    for (const auto& id : kept)
         RegisterCollector(context, id);
 }
 

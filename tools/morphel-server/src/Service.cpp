@@ -218,6 +218,8 @@ void Service::Attach(Kitra::Http::Server& server) {
     AttachTasks(context);
     AttachEvents(context);
     AttachDiagnostics(context);
+    server.SetSessionEndHandler(
+        [&context](const Kitra::Http::Session& session) { EndCollectorsOf(context, session.GetKey()); });
     server.SetPrivilegeCheck([&context](const Kitra::Http::Session& session, const std::string& privilege) {
         return context.accounts.Holds(session.GetUserName(), privilege);
     });

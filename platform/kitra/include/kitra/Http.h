@@ -226,6 +226,8 @@ public:
     void SetFaults(NotAuthenticated notAuthenticated, NoPermission noPermission);
     void SetLogger(Logger logger);
     void SetSessionEndHandler(SessionEnded handler);
+    // Whether `key` names a session that has not ended (the session is not touched).
+    bool HasSession(const std::string& key) const;
 
     // Binds and serves on threads of its own; returns the port. Throws Fundix::InvalidArgumentException when
     // it cannot bind, or for plain HTTP on an address other than loopback without allowPlainHttp.

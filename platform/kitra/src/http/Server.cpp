@@ -241,6 +241,15 @@ void Server::SetLogger(Logger logger) { impl_->logger = std::move(logger); }
 
 void Server::SetSessionEndHandler(SessionEnded handler) { impl_->sessionEnded = std::move(handler); }
 
+bool Server::HasSession(const std::string& key) const {
+    auto now = std::chrono::steady_clock::now();
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    auto it = impl_->sessions.find(key);
+    if (it == impl_->sessions.end()) return false;
+    const Session& s = *it->second;
+    return now - s.used_ < impl_->options.sessionIdle && now - s.opened_ < impl_->options.sessionLifetime;
+}
+
 std::string Server::GetUrl() const {
     std::string host = impl_->options.host;
     if (host.find(':') != std::string::npos) host = "[" + host + "]";
