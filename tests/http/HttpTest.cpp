@@ -219,6 +219,7 @@ protected:
         return raw.ReadResponse();
     }
     static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
+    void KeptConnectionDeadline(Client& c);
 
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
@@ -768,3 +769,47 @@ TEST_F(HttpTest, UnreachableServerAndDeadlines) {
 }
 
 }  // namespace
+
+// A synchronous call on a kept connection runs on the caller's thread: its deadline holds there too, and a
+// connection whose call ran out of time is not used again (its late answer would be taken for the next).
+void HttpTest::KeptConnectionDeadline(Client& c) {
+    std::atomic<int> slow{0}, busy{0};
+    backend_->handlers["currentTime"] = [&slow, &busy](auto&) -> Ref<Kitra::Any> {
+        ++slow;
+        ++busy;
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        --busy;
+        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
+    };
+    Ref<Morphel::ServiceInstanceContent> content;
+    c.root->RetrieveContent(content);  // the connection is open and kept
+    for (int i = 0; i < 2; ++i) {
+        auto start = std::chrono::steady_clock::now();
+        try {
+            c.root->GetCurrentTime();
+            ADD_FAILURE() << "no deadline";
+        } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+            auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+            EXPECT_NE(f->GetReason().find("within 200 ms"), std::string::npos) << f->GetReason();
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600));
+        content = nullptr;
+        c.root->RetrieveContent(content);
+        EXPECT_NE(content, nullptr);
+        while (busy > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the server's thread is free
+    }
+    EXPECT_EQ(slow.load(), 2);
+}
+
+TEST_F(HttpTest, KeptConnectionsCallsKeepTheirDeadline) {
+    Client c = Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.readTimeout = std::chrono::milliseconds(200); });
+    KeptConnectionDeadline(c);
+}
+
+TEST_F(HttpsTest, KeptConnectionsCallsKeepTheirDeadline) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) {
+        o.readTimeout = std::chrono::milliseconds(200);
+        o.thumbprint = server_->GetThumbprint();
+    });
+    KeptConnectionDeadline(c);
+}
