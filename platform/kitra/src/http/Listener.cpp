@@ -23,6 +23,8 @@ using namespace Net;
 // this much for at most this long, so that the answer is not lost to a reset.
 constexpr size_t kLingerBytes = 1 << 20;
 constexpr std::chrono::milliseconds kLingerTime{1000};
+// A connection keeps the buffers of its answers for the next up to this size.
+constexpr size_t kKeptBytes = 256 * 1024;
 
 class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
 public:
@@ -70,7 +72,7 @@ namespace {
 
 template <bool kTls>
 class Connection final : public ConnectionBase {
-    using Stream = std::conditional_t<kTls, beast::ssl_stream<beast::tcp_stream>, beast::tcp_stream>;
+    using Layer = std::conditional_t<kTls, beast::ssl_stream<Net::Stream>, Net::Stream>;
 
 public:
     template <class... Args>
@@ -95,7 +97,11 @@ private:
     enum class Phase { Waiting, Serving };
 
     std::shared_ptr<Connection> Self() { return std::static_pointer_cast<Connection>(shared_from_this()); }
-    beast::tcp_stream& Tcp() { return beast::get_lowest_layer(stream_); }
+    Net::Stream& Lane() {
+        if constexpr (kTls) return stream_.next_layer();
+        else return stream_;
+    }
+    beast::tcp_stream& Tcp() { return Lane().Tcp(); }
 
     void Begin() {
         if constexpr (kTls) {
@@ -123,14 +129,35 @@ private:
         parser_.emplace();
         parser_->header_limit(static_cast<uint32_t>(std::min<size_t>(options_.maxHeaderBytes, UINT32_MAX)));
         parser_->body_limit(options_.limits.maxMessageBytes);
-        if (buffer_.size() > 0) return ReadHead();
+        if (buffer_.size() > 0) return Arrived();
         // Idle until the first byte of the next request arrives.
         Tcp().expires_after(options_.idleTimeout);
         stream_.async_read_some(buffer_.prepare(4096), [self = Self()](beast::error_code ec, size_t n) {
             if (ec) return self->Close();
             self->buffer_.commit(n);
-            self->ReadHead();
+            self->Arrived();
         });
+    }
+
+    // Parses what has arrived of a request right here. A small request usually came whole: it is served on
+    // this thread at once. The rest of one that did not is read under the head's or the body's deadline.
+    void Arrived() {
+        beast::error_code ec;
+        while (buffer_.size() > 0 && !parser_->is_done()) {
+            size_t used = parser_->put(buffer_.data(), ec);
+            buffer_.consume(used);
+            if (ec == bhttp::error::need_more) {
+                ec = {};
+                break;
+            }
+            if (ec) break;
+        }
+        if (!ec && !parser_->is_header_done()) return ReadHead();
+        if (!ec && parser_->is_done()) {
+            if (Admit()) Serve();
+            return;
+        }
+        OnHead(ec);
     }
 
     void ReadHead() {
@@ -138,20 +165,35 @@ private:
         bhttp::async_read_header(stream_, buffer_, *parser_, [self = Self()](beast::error_code ec, size_t) { self->OnHead(ec); });
     }
 
+    // Whether a request whose head has arrived is one to serve; if not, it is refused.
+    bool Admit() {
+        const auto& request = parser_->get();
+        size_t fields = 0;
+        for (auto it = request.begin(); it != request.end(); ++it)
+            if (++fields > options_.maxHeaderFields) {
+                Refuse(431, "More than " + std::to_string(options_.maxHeaderFields) + " header fields.");
+                return false;
+            }
+        std::string_view target = request.target();
+        target = target.substr(0, target.find('?'));
+        if (target != options_.path) {
+            Refuse(404, "Nothing is served at this path.");
+            return false;
+        }
+        if (request.method() != bhttp::verb::post) {
+            Refuse(405, "Calls are POST requests.");
+            return false;
+        }
+        phase_ = Phase::Serving;
+        return true;
+    }
+
     void OnHead(beast::error_code ec) {
         if (ec == bhttp::error::header_limit) return Refuse(431, "Request header larger than " + std::to_string(options_.maxHeaderBytes) + " bytes.");
         if (ec == bhttp::error::body_limit) return TooLarge();
         if (ec) return Malformed(ec);
+        if (!Admit()) return;
         const auto& request = parser_->get();
-        size_t fields = 0;
-        for (auto it = request.begin(); it != request.end(); ++it)
-            if (++fields > options_.maxHeaderFields)
-                return Refuse(431, "More than " + std::to_string(options_.maxHeaderFields) + " header fields.");
-        std::string_view target = request.target();
-        target = target.substr(0, target.find('?'));
-        if (target != options_.path) return Refuse(404, "Nothing is served at this path.");
-        if (request.method() != bhttp::verb::post) return Refuse(405, "Calls are POST requests.");
-        phase_ = Phase::Serving;
         // A body of unknown length gets room for the limit at once: pages are only used as bytes arrive, and
         // the string never doubles past the limit on its way there.
         if (!parser_->content_length()) parser_->get().body().reserve(options_.limits.maxMessageBytes);
@@ -198,28 +240,46 @@ private:
             return Close();
         }
         parser_.reset();  // the request body goes now
-        response_ = {};
-        response_.version(11);
-        response_.result(static_cast<unsigned>(reply.status));
-        response_.set(bhttp::field::content_type, "text/xml; charset=utf-8");
-        std::string attributes = kTls ? "; Path=/; HttpOnly; SameSite=Strict; Secure" : "; Path=/; HttpOnly; SameSite=Strict";
+        keep = keep && !state_->stopping;
+        const char* attributes = kTls ? "; Path=/; HttpOnly; SameSite=Strict; Secure" : "; Path=/; HttpOnly; SameSite=Strict";
+        std::string& out = out_;
+        out.clear();
+        auto status = static_cast<bhttp::status>(reply.status);
+        std::string_view reason = bhttp::obsolete_reason(status);
+        out.append("HTTP/1.1 ").append(std::to_string(reply.status)).append(" ").append(reason.data(), reason.size());
+        out.append("\r\nContent-Type: text/xml; charset=utf-8\r\n");
         if (!reply.setSession.empty())
-            response_.set(bhttp::field::set_cookie, std::string(kSessionCookie) + "=" + reply.setSession + attributes);
+            out.append("Set-Cookie: ").append(kSessionCookie).append("=").append(reply.setSession).append(attributes).append("\r\n");
         else if (reply.clearSession)
-            response_.set(bhttp::field::set_cookie, std::string(kSessionCookie) + "=" + attributes + "; Max-Age=0");
-        response_.body() = std::move(reply.body);
-        Write(keep && !state_->stopping);
+            out.append("Set-Cookie: ").append(kSessionCookie).append("=").append(attributes).append("; Max-Age=0\r\n");
+        if (!keep) out.append("Connection: close\r\n");
+        out.append("Content-Length: ").append(std::to_string(reply.body.size())).append("\r\n\r\n").append(reply.body);
+        Write(keep);
     }
 
+    // Sends the answer in out_ as far as the socket takes it now, here; what remains goes asynchronously
+    // under the write deadline.
     void Write(bool keep) {
-        response_.keep_alive(keep);
-        response_.prepare_payload();
+        spill_.clear();
+        beast::error_code ec;
+        Lane().spill = &spill_;
+        net::write(stream_, net::buffer(out_), ec);
+        Lane().spill = nullptr;
+        if (ec) return Close();
+        if (spill_.empty()) return Written(keep);
         Tcp().expires_after(options_.writeTimeout);
-        bhttp::async_write(stream_, response_, [self = Self(), keep](beast::error_code ec, size_t) {
-            self->response_ = {};
-            if (ec || !keep) return self->Close();
-            self->ReadNext();
+        net::async_write(Tcp(), net::buffer(spill_), [self = Self(), keep](beast::error_code ec, size_t) {
+            if (ec) return self->Close();
+            self->Written(keep);
         });
+    }
+
+    void Written(bool keep) {
+        // Answers far larger than usual do not keep their memory with an idle connection.
+        if (out_.capacity() > kKeptBytes) std::string().swap(out_);
+        if (spill_.capacity() > kKeptBytes) std::string().swap(spill_);
+        if (!keep) return Close();
+        ReadNext();
     }
 
     // Answers `status` with a short text, then closes (after a while of reading what the peer still sends).
@@ -268,11 +328,12 @@ private:
 
     Listener::State* state_;
     const ServerOptions& options_;
-    Stream stream_;
+    Layer stream_;
     std::string peer_;
     beast::flat_buffer buffer_;
     std::optional<bhttp::request_parser<bhttp::string_body>> parser_;
-    bhttp::response<bhttp::string_body> response_;
+    bhttp::response<bhttp::string_body> response_;  // a refusal
+    std::string out_, spill_;                        // an answer; what the socket did not take at once
     std::unique_ptr<char[]> drain_;
     Phase phase_ = Phase::Waiting;
     bool closed_ = false;
