@@ -220,6 +220,7 @@ protected:
     }
     static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
     void KeptConnectionDeadline(Client& c);
+    void SynchronousAndAsynchronousTakeTurns(Client& c);
 
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
@@ -812,4 +813,37 @@ TEST_F(HttpsTest, KeptConnectionsCallsKeepTheirDeadline) {
         o.thumbprint = server_->GetThumbprint();
     });
     KeptConnectionDeadline(c);
+}
+
+// Synchronous calls run on the caller's thread, asynchronous ones on the event loop: one kept connection
+// serves them in turn, moving between the two.
+void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
+    for (int round = 0; round < 3; ++round) {
+        Ref<Morphel::ServiceInstanceContent> content;
+        c.root->RetrieveContent(content);
+        ASSERT_NE(content, nullptr);
+        c.root->RetrieveContent(content);
+        ASSERT_NE(content, nullptr);
+        std::promise<std::string> done;
+        Ref<Fundix::System::ScheduledItem> item;
+        c.root->RetrieveContent(Kitra::Completion([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Kitra::Any* result) {
+                                    done.set_value(e != nullptr ? e->GetMessage() : result->_GetType()->GetName());
+                                }),
+                                item);
+        auto future = done.get_future();
+        ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(future.get(), "morphel.ServiceInstanceContent");
+        item->WaitFor(std::chrono::seconds(5));
+    }
+    EXPECT_EQ(server_->GetOpenConnections(), 1u);
+}
+
+TEST_F(HttpTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
+    Client c = Connect();
+    SynchronousAndAsynchronousTakeTurns(c);
+}
+
+TEST_F(HttpsTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
+    SynchronousAndAsynchronousTakeTurns(c);
 }

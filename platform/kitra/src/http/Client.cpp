@@ -180,6 +180,7 @@ public:
     // (on the caller's thread the request goes out without waking the loop); its completion runs on the strand.
     void Reuse(std::shared_ptr<Connection> connection) {
         connection_ = std::move(connection);
+        connection_->Socket().Attach();
         reused_ = true;
         Write();
     }
@@ -271,9 +272,7 @@ private:
 
     void End(Outcome&& outcome, std::shared_ptr<Connection> keep) {
         if (!keep && connection_) {
-            beast::error_code ignored;
-            connection_->Tcp().socket().shutdown(tcp::socket::shutdown_both, ignored);
-            connection_->Tcp().close();
+            connection_->Socket().Close();
         }
         connection_.reset();
         resolver_.reset();
@@ -413,9 +412,7 @@ Fundix::Ref<Any> Conclude(const Soap::Codec& codec, ManagedMethod* method, const
 }
 
 void Close(Connection& connection) {
-    beast::error_code ignored;
-    connection.Tcp().socket().shutdown(tcp::socket::shutdown_both, ignored);
-    connection.Tcp().close();
+    connection.Socket().Close();
 }
 
 // Makes a call on a kept connection on this thread: the request goes out and the answer is read here, without
@@ -432,6 +429,7 @@ bool Direct(StubAdapter::Pool& pool, std::shared_ptr<Connection> connection, con
     }
     out.append("\r\nContent-Length: ").append(std::to_string(body.size())).append("\r\n\r\n").append(body);
 
+    connection->Socket().Detach();
     connection->Socket().deadline = Clock::now() + pool.options.readTimeout;
     auto fail = [&](std::string reason) {
         Close(*connection);

@@ -4,6 +4,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -36,6 +37,37 @@ public:
 
     explicit Stream(const executor_type& executor) : tcp_(executor) {}
     explicit Stream(tcp::socket&& socket) : tcp_(std::move(socket)) {}
+    ~Stream() { Close(); }
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+
+    // Takes the socket off the event loop, for synchronous use only: the loop is then not woken by what
+    // arrives for it. Attach puts it back before asynchronous use.
+    void Detach() {
+        if (detached_ >= 0 || !tcp_.socket().is_open()) return;
+        beast::error_code ec;
+        protocol_ = tcp_.socket().local_endpoint(ec).protocol();
+        if (!ec) detached_ = tcp_.socket().release(ec);
+        if (ec) detached_ = -1;
+    }
+    void Attach() {
+        if (detached_ < 0) return;
+        beast::error_code ec;
+        tcp_.socket().assign(protocol_, detached_, ec);
+        if (ec) ::close(detached_);  // the call on it then fails as on a closed connection
+        detached_ = -1;
+    }
+    void Close() {
+        if (detached_ >= 0) {
+            ::shutdown(detached_, SHUT_RDWR);
+            ::close(detached_);
+            detached_ = -1;
+            return;
+        }
+        beast::error_code ignored;
+        tcp_.socket().shutdown(tcp::socket::shutdown_both, ignored);
+        tcp_.close();
+    }
 
     beast::tcp_stream& Tcp() { return tcp_; }
     executor_type get_executor() { return tcp_.get_executor(); }
@@ -62,7 +94,7 @@ public:
         net::mutable_buffer first = beast::buffers_front(buffers);
         if (first.size() == 0) return 0;
         for (;;) {
-            ssize_t n = ::recv(tcp_.socket().native_handle(), first.data(), first.size(), MSG_DONTWAIT);
+            ssize_t n = ::recv(Fd(), first.data(), first.size(), MSG_DONTWAIT);
             if (n > 0) return static_cast<size_t>(n);
             if (n == 0) {
                 ec = net::error::eof;
@@ -96,7 +128,7 @@ public:
         message.msg_iov = parts;
         message.msg_iovlen = count;
         for (;;) {
-            ssize_t n = ::sendmsg(tcp_.socket().native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+            ssize_t n = ::sendmsg(Fd(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (n < 0 && spill && (errno == EAGAIN || errno == EWOULDBLOCK)) n = 0;
             if (n >= 0 && spill) {
                 // Keeps what was not sent; the whole is reported written.
@@ -144,7 +176,7 @@ private:
                 ec = beast::error::timeout;
                 return false;
             }
-            pollfd wait{tcp_.socket().native_handle(), events, 0};
+            pollfd wait{Fd(), events, 0};
             int ready = ::poll(&wait, 1, static_cast<int>(std::min<long long>(left, INT_MAX)));
             if (ready > 0) return true;
             if (ready < 0 && errno != EINTR) {
@@ -154,7 +186,11 @@ private:
         }
     }
 
+    int Fd() { return detached_ >= 0 ? detached_ : tcp_.socket().native_handle(); }
+
     beast::tcp_stream tcp_;
+    int detached_ = -1;
+    tcp protocol_ = tcp::v4();
 };
 
 }  // namespace Kitra::Http::Net
