@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -815,8 +817,26 @@ TEST_F(HttpsTest, KeptConnectionsCallsKeepTheirDeadline) {
     KeptConnectionDeadline(c);
 }
 
+// Connections to `port` this process (or another) closed lately, from the system's table of sockets
+// waiting out their close.
+size_t ClosedConnectionsTo(int port) {
+    std::ifstream table("/proc/net/tcp");
+    std::string line;
+    std::getline(table, line);
+    size_t closed = 0;
+    char remote[16];
+    snprintf(remote, sizeof remote, ":%04X", port);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, local, peer, state;
+        fields >> slot >> local >> peer >> state;
+        if (state == "06" && peer.size() > 5 && peer.substr(peer.size() - 5) == remote) ++closed;
+    }
+    return closed;
+}
+
 // Synchronous calls run on the caller's thread, asynchronous ones on the event loop: one kept connection
-// serves them in turn, moving between the two.
+// serves them in turn, moving between the two, and is never given up for a new one.
 void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
     for (int round = 0; round < 3; ++round) {
         Ref<Morphel::ServiceInstanceContent> content;
@@ -836,6 +856,7 @@ void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
         item->WaitFor(std::chrono::seconds(5));
     }
     EXPECT_EQ(server_->GetOpenConnections(), 1u);
+    EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
 }
 
 TEST_F(HttpTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
