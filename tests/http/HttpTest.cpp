@@ -223,6 +223,7 @@ protected:
     static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
     void KeptConnectionDeadline(Client& c);
     void SynchronousAndAsynchronousTakeTurns(Client& c);
+    void LargeAnswer(Client& c);
 
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
@@ -867,4 +868,36 @@ TEST_F(HttpTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
 TEST_F(HttpsTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
     Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
     SynchronousAndAsynchronousTakeTurns(c);
+}
+
+// An answer larger than the socket takes at once: the server writes what it can on the serving thread and
+// the rest asynchronously, in order, and the connection goes on serving.
+void HttpTest::LargeAnswer(Client& c) {
+    backend_->handlers["messageLocaleList"] = [](auto&) -> Ref<Kitra::Any> {
+        Ref<Kitra::Array<std::string>> list(new Kitra::Array<std::string>());
+        for (int i = 0; i < 2000; ++i) list->Append(std::to_string(i) + std::string(4000, 'a' + i % 26));
+        return list.Get();
+    };
+    Login(c, "ann");
+    for (int round = 0; round < 2; ++round) {
+        Ref<Kitra::Array<std::string>> list;
+        c.sessions->GetMessageLocaleList(list);
+        ASSERT_NE(list, nullptr);
+        ASSERT_EQ(list->GetValues().size(), 2000u);
+        for (int i : {0, 1, 999, 1999}) EXPECT_EQ(list->GetValues()[i], std::to_string(i) + std::string(4000, 'a' + i % 26));
+        Ref<Morphel::UserSession> s;
+        c.sessions->GetCurrentSession(s);
+        EXPECT_EQ(s->GetUserName(), "ann");
+    }
+    EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
+}
+
+TEST_F(HttpTest, AnswersLargerThanTheSocketTakesAtOnce) {
+    Client c = Connect();
+    LargeAnswer(c);
+}
+
+TEST_F(HttpsTest, AnswersLargerThanTheSocketTakesAtOnce) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
+    LargeAnswer(c);
 }
