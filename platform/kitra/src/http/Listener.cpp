@@ -159,7 +159,7 @@ private:
                 ec = {};
                 break;
             }
-            if (ec) break;
+            if (ec || used == 0) break;
         }
         if (!ec && !parser_->is_header_done()) return ReadHead();
         if (!ec && parser_->is_done()) {
