@@ -4,6 +4,7 @@
 // one thread; the server's resident memory while a 512 MiB chunked body is sent. Prints one table.
 //
 //   http_bench [--seconds N] [--soak N]     N seconds per row (default 2); --soak adds 64 clients for N seconds
+//   http_bench --small|--small-https [--seconds N]   only the small call, from 1 and 4 threads
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -78,9 +79,17 @@ double CpuMicros() {
     return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1e6 + u.ru_utime.tv_usec + u.ru_stime.tv_usec;
 }
 
+// Context switches of the whole process, voluntary (a thread waited) and not.
+double Switches() {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return static_cast<double>(u.ru_nvcsw + u.ru_nivcsw);
+}
+
 struct Row {
     double callsPerSecond = 0, p50 = 0, p99 = 0, max = 0;
     double cpuPerCall = 0;  // µs of CPU, client and server together
+    double switchesPerCall = 0;
     size_t calls = 0, failed = 0;
 };
 
@@ -140,12 +149,13 @@ Row Run(const Kitra::Http::Server& server, bool large, int threads, double secon
     }
     while (ready < threads) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     auto start = Clock::now();
-    double cpu = CpuMicros();
+    double cpu = CpuMicros(), switches = Switches();
     until = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     go = true;
     for (auto& w : workers) w.join();
     double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     cpu = CpuMicros() - cpu;
+    switches = Switches() - switches;
     std::vector<double> all;
     for (auto& m : micros) all.insert(all.end(), m.begin(), m.end());
     std::sort(all.begin(), all.end());
@@ -154,6 +164,7 @@ Row Run(const Kitra::Http::Server& server, bool large, int threads, double secon
     row.failed = failed;
     row.callsPerSecond = all.size() / elapsed;
     row.cpuPerCall = all.empty() ? 0 : cpu / all.size();
+    row.switchesPerCall = all.empty() ? 0 : switches / all.size();
     if (!all.empty()) {
         row.p50 = all[all.size() / 2];
         row.p99 = all[std::min(all.size() - 1, all.size() * 99 / 100)];
@@ -267,12 +278,15 @@ std::string Micros(double us) {
 }
 
 void Print(const char* call, const char* scheme, int threads, const char* load, const Row& r) {
-    std::printf("| %s | %s | %d | %s | %.0f | %s | %s | %s | %zu | %.0f µs |\n", call, scheme, threads, load, r.callsPerSecond,
-                Micros(r.p50).c_str(), Micros(r.p99).c_str(), Micros(r.max).c_str(), r.failed, r.cpuPerCall);
+    std::printf("| %s | %s | %d | %s | %.0f | %s | %s | %s | %zu | %.0f µs | %.1f |\n", call, scheme, threads, load,
+                r.callsPerSecond, Micros(r.p50).c_str(), Micros(r.p99).c_str(), Micros(r.max).c_str(), r.failed, r.cpuPerCall,
+                r.switchesPerCall);
     std::fflush(stdout);
 }
 
 }  // namespace
+
+const char kHead[] = "| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed | CPU per call | switches per call |\n";
 
 int main(int argc, char** argv) {
     double seconds = 2, soak = 0;
@@ -281,10 +295,12 @@ int main(int argc, char** argv) {
         if (arg == "--seconds") seconds = std::stod(argv[i + 1]);
         else if (arg == "--soak") soak = std::stod(argv[i + 1]);
     }
-    if (argc > 1 && std::string(argv[1]) == "--small") {  // only the small call over HTTP, for quick comparisons
-        auto server = MakeServer({});
-        std::printf("| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed | CPU per call |\n");
-        for (int threads : {1, 4}) Print("retrieveContent", "HTTP", threads, "-", Run(*server, false, threads, seconds));
+    // Only the small call (over HTTP, or HTTPS), for quick comparisons.
+    if (argc > 1 && (std::string(argv[1]) == "--small" || std::string(argv[1]) == "--small-https")) {
+        bool tls = std::string(argv[1]) == "--small-https";
+        auto server = MakeServer(tls ? Kitra::Http::Tls::CreateSelfSigned("bench", {"127.0.0.1"}) : Kitra::Http::Tls::Identity());
+        std::fputs(kHead, stdout);
+        for (int threads : {1, 4}) Print("retrieveContent", tls ? "HTTPS" : "HTTP", threads, "-", Run(*server, false, threads, seconds));
         server->Stop();
         return 0;
     }
@@ -299,8 +315,8 @@ int main(int argc, char** argv) {
     std::printf("512 MiB chunked body: answer \"%s\" after %zu MiB sent; peak resident memory +%ld MiB (limit %zu MiB)\n\n",
                 answer.c_str(), sent >> 20, (peak - before) / 1024, Kitra::Soap::Limits().maxMessageBytes >> 20);
 
-    std::printf("| call | scheme | client threads | open besides | calls/s | p50 | p99 | max | failed | CPU per call |\n");
-    std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
+    std::fputs(kHead, stdout);
+    std::printf("|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (const auto* server : {http.get(), https.get()}) {
         const char* scheme = server->IsTls() ? "HTTPS" : "HTTP";
         for (int threads : {1, 4, 64}) Print("retrieveContent", scheme, threads, "-", Run(*server, false, threads, seconds));

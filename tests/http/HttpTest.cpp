@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <map>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -220,6 +222,9 @@ protected:
         return raw.ReadResponse();
     }
     static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
+    void KeptConnectionDeadline(Client& c);
+    void SynchronousAndAsynchronousTakeTurns(Client& c);
+    void LargeAnswer(Client& c);
 
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
@@ -784,3 +789,131 @@ TEST_F(HttpTest, UnreachableServerAndDeadlines) {
 }
 
 }  // namespace
+
+// A synchronous call on a kept connection runs on the caller's thread: its deadline holds there too, and a
+// connection whose call ran out of time is not used again (its late answer would be taken for the next).
+void HttpTest::KeptConnectionDeadline(Client& c) {
+    std::atomic<int> slow{0}, busy{0};
+    backend_->handlers["currentTime"] = [&slow, &busy](auto&) -> Ref<Kitra::Any> {
+        ++slow;
+        ++busy;
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        --busy;
+        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
+    };
+    Ref<Morphel::ServiceInstanceContent> content;
+    c.root->RetrieveContent(content);  // the connection is open and kept
+    for (int i = 0; i < 2; ++i) {
+        auto start = std::chrono::steady_clock::now();
+        try {
+            c.root->GetCurrentTime();
+            ADD_FAILURE() << "no deadline";
+        } catch (const Kitra::Fault::CommunicationFailure::Exception& e) {
+            auto* f = static_cast<Kitra::Fault::CommunicationFailure*>(e.GetFault());
+            EXPECT_NE(f->GetReason().find("within 200 ms"), std::string::npos) << f->GetReason();
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600));
+        content = nullptr;
+        c.root->RetrieveContent(content);
+        EXPECT_NE(content, nullptr);
+        while (busy > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the server's thread is free
+    }
+    EXPECT_EQ(slow.load(), 2);
+}
+
+TEST_F(HttpTest, KeptConnectionsCallsKeepTheirDeadline) {
+    Client c = Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.readTimeout = std::chrono::milliseconds(200); });
+    KeptConnectionDeadline(c);
+}
+
+TEST_F(HttpsTest, KeptConnectionsCallsKeepTheirDeadline) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) {
+        o.readTimeout = std::chrono::milliseconds(200);
+        o.thumbprint = server_->GetThumbprint();
+    });
+    KeptConnectionDeadline(c);
+}
+
+// Connections to `port` this process (or another) closed lately, from the system's table of sockets
+// waiting out their close.
+size_t ClosedConnectionsTo(int port) {
+    std::ifstream table("/proc/net/tcp");
+    std::string line;
+    std::getline(table, line);
+    size_t closed = 0;
+    char remote[16];
+    snprintf(remote, sizeof remote, ":%04X", port);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, local, peer, state;
+        fields >> slot >> local >> peer >> state;
+        if (state == "06" && peer.size() > 5 && peer.substr(peer.size() - 5) == remote) ++closed;
+    }
+    return closed;
+}
+
+// Synchronous calls run on the caller's thread, asynchronous ones on the event loop: one kept connection
+// serves them in turn, moving between the two, and is never given up for a new one.
+void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
+    for (int round = 0; round < 3; ++round) {
+        Ref<Morphel::ServiceInstanceContent> content;
+        c.root->RetrieveContent(content);
+        ASSERT_NE(content, nullptr);
+        c.root->RetrieveContent(content);
+        ASSERT_NE(content, nullptr);
+        std::promise<std::string> done;
+        Ref<Fundix::System::ScheduledItem> item;
+        c.root->RetrieveContent(Kitra::Completion([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Kitra::Any* result) {
+                                    done.set_value(e != nullptr ? e->GetMessage() : result->_GetType()->GetName());
+                                }),
+                                item);
+        auto future = done.get_future();
+        ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(future.get(), "morphel.ServiceInstanceContent");
+        item->WaitFor(std::chrono::seconds(5));
+    }
+    EXPECT_EQ(server_->GetOpenConnections(), 1u);
+    EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
+}
+
+TEST_F(HttpTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
+    Client c = Connect();
+    SynchronousAndAsynchronousTakeTurns(c);
+}
+
+TEST_F(HttpsTest, SynchronousAndAsynchronousCallsShareAKeptConnection) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
+    SynchronousAndAsynchronousTakeTurns(c);
+}
+
+// An answer larger than the socket takes at once: the server writes what it can on the serving thread and
+// the rest asynchronously, in order, and the connection goes on serving.
+void HttpTest::LargeAnswer(Client& c) {
+    backend_->handlers["messageLocaleList"] = [](auto&) -> Ref<Kitra::Any> {
+        Ref<Kitra::Array<std::string>> list(new Kitra::Array<std::string>());
+        for (int i = 0; i < 2000; ++i) list->Append(std::to_string(i) + std::string(4000, 'a' + i % 26));
+        return list.Get();
+    };
+    Login(c, "ann");
+    for (int round = 0; round < 2; ++round) {
+        Ref<Kitra::Array<std::string>> list;
+        c.sessions->GetMessageLocaleList(list);
+        ASSERT_NE(list, nullptr);
+        ASSERT_EQ(list->GetValues().size(), 2000u);
+        for (int i : {0, 1, 999, 1999}) EXPECT_EQ(list->GetValues()[i], std::to_string(i) + std::string(4000, 'a' + i % 26));
+        Ref<Morphel::UserSession> s;
+        c.sessions->GetCurrentSession(s);
+        EXPECT_EQ(s->GetUserName(), "ann");
+    }
+    EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
+}
+
+TEST_F(HttpTest, AnswersLargerThanTheSocketTakesAtOnce) {
+    Client c = Connect();
+    LargeAnswer(c);
+}
+
+TEST_F(HttpsTest, AnswersLargerThanTheSocketTakesAtOnce) {
+    Client c = Connect(kV4, [this](Kitra::Http::ClientOptions& o) { o.thumbprint = server_->GetThumbprint(); });
+    LargeAnswer(c);
+}

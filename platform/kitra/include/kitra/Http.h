@@ -172,7 +172,7 @@ struct ServerOptions {
     std::vector<std::string> versions;
     // The codec's limits; a request body past limits.maxMessageBytes is refused (413) as it arrives.
     Soap::Limits limits;
-    size_t threads = 2;  // threads of the event loop; calls are served on them
+    size_t threads = 2;  // threads that serve calls, each on an event loop of its own (and one more accepts)
 
     // HTTPS with this certificate and key; empty: plain HTTP, which Start allows on a loopback address only
     // unless allowPlainHttp says otherwise.

@@ -68,12 +68,14 @@ private:
 };
 
 struct Connection {
-    std::unique_ptr<beast::tcp_stream> plain;
-    std::unique_ptr<beast::ssl_stream<beast::tcp_stream>> secure;
+    std::unique_ptr<Stream> plain;
+    std::unique_ptr<beast::ssl_stream<Stream>> secure;
     beast::flat_buffer buffer;
+    std::string out;  // a synchronous call's request, head and body; kept for its capacity
     Clock::time_point used;
 
-    beast::tcp_stream& Tcp() { return secure ? secure->next_layer() : *plain; }
+    Stream& Socket() { return secure ? secure->next_layer() : *plain; }
+    beast::tcp_stream& Tcp() { return Socket().Tcp(); }
     template <class F>
     void With(F&& f) {
         if (secure) f(*secure);
@@ -108,7 +110,11 @@ struct StubAdapter::Pool : std::enable_shared_from_this<StubAdapter::Pool> {
     size_t open = 0;
     std::deque<std::shared_ptr<Exchange>> waiting;
 
+    std::string soapAction;  // the header's value for the adapter's version
+
     void Acquire(const std::shared_ptr<Exchange>& exchange);
+    // A kept connection fit for use, or null.
+    std::shared_ptr<Connection> TakeIdle();
     // Takes a connection back after an answer (null when it cannot be kept).
     void Release(std::shared_ptr<Connection> connection);
     void TakeCookie(std::string_view header);
@@ -146,10 +152,10 @@ public:
         connection_ = std::make_shared<Connection>();
         auto strand = net::make_strand(Transport::Get().ioc);
         if (pool_->tls) {
-            connection_->secure = std::make_unique<beast::ssl_stream<beast::tcp_stream>>(strand, *pool_->context);
+            connection_->secure = std::make_unique<beast::ssl_stream<Stream>>(strand, *pool_->context);
             SSL_set_tlsext_host_name(connection_->secure->native_handle(), pool_->host.c_str());
         } else {
-            connection_->plain = std::make_unique<beast::tcp_stream>(strand);
+            connection_->plain = std::make_unique<Stream>(strand);
         }
         reused_ = false;
         resolver_ = std::make_unique<tcp::resolver>(strand);
@@ -174,6 +180,7 @@ public:
     // (on the caller's thread the request goes out without waking the loop); its completion runs on the strand.
     void Reuse(std::shared_ptr<Connection> connection) {
         connection_ = std::move(connection);
+        connection_->Socket().Attach();
         reused_ = true;
         Write();
     }
@@ -265,9 +272,7 @@ private:
 
     void End(Outcome&& outcome, std::shared_ptr<Connection> keep) {
         if (!keep && connection_) {
-            beast::error_code ignored;
-            connection_->Tcp().socket().shutdown(tcp::socket::shutdown_both, ignored);
-            connection_->Tcp().close();
+            connection_->Socket().Close();
         }
         connection_.reset();
         resolver_.reset();
@@ -289,22 +294,36 @@ private:
 
 }  // namespace
 
+namespace {
+
+// Takes the most recently used idle connection that is still fresh; older ones go to `stale`. Under the lock.
+std::shared_ptr<Connection> Fresh(StubAdapter::Pool& pool, std::vector<std::shared_ptr<Connection>>& stale) {
+    auto now = Clock::now();
+    while (!pool.idle.empty()) {
+        std::shared_ptr<Connection> c = std::move(pool.idle.back());
+        pool.idle.pop_back();
+        if (now - c->used < pool.options.idleTimeout) return c;
+        --pool.open;
+        stale.push_back(std::move(c));
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<Connection> StubAdapter::Pool::TakeIdle() {
+    std::vector<std::shared_ptr<Connection>> stale;
+    std::lock_guard<std::mutex> lock(mutex);
+    return Fresh(*this, stale);
+}
+
 void StubAdapter::Pool::Acquire(const std::shared_ptr<Exchange>& exchange) {
     std::shared_ptr<Connection> kept;
     std::vector<std::shared_ptr<Connection>> stale;
     bool connect = false;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        auto now = Clock::now();
-        while (!idle.empty() && !kept) {
-            std::shared_ptr<Connection> c = std::move(idle.back());
-            idle.pop_back();
-            if (now - c->used < options.idleTimeout) kept = std::move(c);
-            else {
-                --open;
-                stale.push_back(std::move(c));
-            }
-        }
+        kept = Fresh(*this, stale);
         if (!kept) {
             if (open < options.maxConnections) {
                 ++open;
@@ -392,7 +411,71 @@ Fundix::Ref<Any> Conclude(const Soap::Codec& codec, ManagedMethod* method, const
     return codec.DecodeResponse(method, outcome.body);
 }
 
-std::string SoapAction(const Soap::Codec& codec) { return "\"" + codec.GetVersionUri() + "\""; }
+void Close(Connection& connection) {
+    connection.Socket().Close();
+}
+
+// Makes a call on a kept connection on this thread: the request goes out and the answer is read here, without
+// the event loop, within the same deadline. False when the server had closed the connection before any answer
+// came: the call is then still to be made, on another connection.
+bool Direct(StubAdapter::Pool& pool, std::shared_ptr<Connection> connection, const std::string& body, Outcome& outcome) {
+    std::string& out = connection->out;
+    out.clear();
+    out.append("POST ").append(pool.path).append(" HTTP/1.1\r\nHost: ").append(pool.host).append(":").append(pool.port);
+    out.append("\r\nContent-Type: text/xml; charset=utf-8\r\nSOAPAction: ").append(pool.soapAction);
+    {
+        std::lock_guard<std::mutex> lock(pool.mutex);
+        if (!pool.session.empty()) out.append("\r\nCookie: ").append(kSessionCookie).append("=").append(pool.session);
+    }
+    out.append("\r\nContent-Length: ").append(std::to_string(body.size())).append("\r\n\r\n").append(body);
+
+    connection->Socket().Detach();
+    connection->Socket().deadline = Clock::now() + pool.options.readTimeout;
+    auto fail = [&](std::string reason) {
+        Close(*connection);
+        pool.Release(nullptr);
+        outcome.kind = Outcome::Failed;
+        outcome.reason = std::move(reason);
+        return true;
+    };
+    auto timedOut = [&] {
+        return fail("no answer from " + pool.where + " within " + std::to_string(pool.options.readTimeout.count()) + " ms");
+    };
+    beast::error_code ec;
+    connection->With([&](auto& stream) { net::write(stream, net::buffer(out), ec); });
+    if (ec == beast::error::timeout) return timedOut();
+    if (ec) {
+        Close(*connection);
+        pool.Release(nullptr);
+        return false;
+    }
+    bhttp::response_parser<bhttp::string_body> parser;
+    parser.body_limit(pool.options.maxResponseBytes);
+    parser.header_limit(64 * 1024);
+    connection->With([&](auto& stream) { bhttp::read(stream, connection->buffer, parser, ec); });
+    if (ec == beast::error::timeout) return timedOut();
+    if (ec && !parser.got_some()) {
+        Close(*connection);
+        pool.Release(nullptr);
+        return false;
+    }
+    if (ec) return fail("no answer from " + pool.where + ": " + ec.message());
+
+    auto& response = parser.get();
+    for (auto it = response.find(bhttp::field::set_cookie); it != response.end() && it->name() == bhttp::field::set_cookie; ++it)
+        pool.TakeCookie(it->value());
+    outcome.kind = Outcome::Answered;
+    outcome.status = response.result_int();
+    outcome.contentType = std::string(response[bhttp::field::content_type]);
+    outcome.body = std::move(response.body());
+    if (response.keep_alive()) {
+        pool.Release(std::move(connection));
+    } else {
+        Close(*connection);
+        pool.Release(nullptr);
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -423,6 +506,7 @@ StubAdapter::StubAdapter(const std::string& url, const std::string& version, Cli
     if (p.host.empty() || p.port.empty() || p.port.find_first_not_of("0123456789") != std::string::npos)
         throw Fundix::InvalidArgumentException("not an http or https URL with a path: " + url);
     p.where = name + "://" + authority;
+    p.soapAction = "\"" + codec_.GetVersionUri() + "\"";
     if (!options.thumbprint.empty() && !Tls::IsThumbprint(options.thumbprint))
         throw Fundix::InvalidArgumentException("not a SHA-1 or SHA-256 thumbprint: " + options.thumbprint);
     if (p.tls) {
@@ -465,19 +549,32 @@ void StubAdapter::Invoke(const std::string& id, ManagedMethod* method, Fundix::R
         bool done = false;
         Outcome outcome;
     };
+    // A call made on one of the loop's threads holds that thread: the loop gains one meanwhile.
+    struct Hold {
+        bool onTransport = tOnTransport;
+        Hold() {
+            if (onTransport) Transport::Get().Blocking();
+        }
+        ~Hold() {
+            if (onTransport) Transport::Get().Unblocked();
+        }
+    } hold;
+    // On a kept connection the call runs on this thread; a new connection is opened by the loop.
+    Outcome outcome;
+    if (auto kept = pool_->TakeIdle(); kept && Direct(*pool_, std::move(kept), body, outcome)) {
+        result = Conclude(codec_, method, *pool_, outcome);
+        return;
+    }
     auto waiter = std::make_shared<Waiter>();
-    std::make_shared<Exchange>(pool_, std::move(body), SoapAction(codec_), [waiter](Outcome&& outcome) {
+    std::make_shared<Exchange>(pool_, std::move(body), pool_->soapAction, [waiter](Outcome&& outcome) {
         std::lock_guard<std::mutex> lock(waiter->mutex);
         waiter->outcome = std::move(outcome);
         waiter->done = true;
         waiter->ready.notify_one();
     })->Begin();
     {
-        bool onTransport = tOnTransport;
-        if (onTransport) Transport::Get().Blocking();
         std::unique_lock<std::mutex> lock(waiter->mutex);
         waiter->ready.wait(lock, [&] { return waiter->done; });
-        if (onTransport) Transport::Get().Unblocked();
     }
     result = Conclude(codec_, method, *pool_, waiter->outcome);
 }
@@ -505,7 +602,7 @@ void StubAdapter::StartInvoke(const std::string& id, ManagedMethod* method, Fund
         net::post(Transport::Get().ioc, [carrier] { carrier->Run(); });
         return;
     }
-    std::make_shared<Exchange>(pool_, std::move(body), SoapAction(codec_), [outcome, carrier](Outcome&& o) {
+    std::make_shared<Exchange>(pool_, std::move(body), pool_->soapAction, [outcome, carrier](Outcome&& o) {
         *outcome = std::move(o);
         carrier->Run();
     })->Begin();

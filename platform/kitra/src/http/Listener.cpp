@@ -1,5 +1,5 @@
-// The server's network side on one event loop: each connection reads its requests under deadlines and
-// limits and holds no thread while it waits; Server::Handle serves each request body.
+// The server's network side on event loops, one per thread: each connection reads its requests under
+// deadlines and limits and holds no thread while it waits; Server::Handle serves each request body.
 #include <signal.h>
 
 #include <algorithm>
@@ -23,6 +23,8 @@ using namespace Net;
 // this much for at most this long, so that the answer is not lost to a reset.
 constexpr size_t kLingerBytes = 1 << 20;
 constexpr std::chrono::milliseconds kLingerTime{1000};
+// A connection keeps the buffers of its answers for the next up to this size.
+constexpr size_t kKeptBytes = 256 * 1024;
 
 class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
 public:
@@ -48,13 +50,22 @@ struct Listener::State {
     std::map<ConnectionBase*, std::weak_ptr<ConnectionBase>> live;
 
     std::vector<std::thread> threads;
-    // Last, so that it goes first: handlers still queued are destroyed while the rest is there.
-    net::io_context ioc;
-    std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
-    tcp::acceptor acceptor{net::make_strand(ioc)};
+    // Last, so that they go first: handlers still queued are destroyed while the rest is there. Each thread
+    // runs an event loop of its own: the first accepts, each of the others serves its share of the
+    // connections, so that the thread that reads a request serves it and no other thread needs waking.
+    std::vector<std::unique_ptr<net::io_context>> loops = Loops(options.threads);
+    std::vector<net::executor_work_guard<net::io_context::executor_type>> work;
+    size_t next = 0;  // the serving loop of the next connection accepted, counted from the first
+    tcp::acceptor acceptor{net::make_strand(*loops[0])};
     net::steady_timer retry{acceptor.get_executor()};
 
     State(Server& s, const ServerOptions& o) : server(s), options(o) {}
+
+    static std::vector<std::unique_ptr<net::io_context>> Loops(size_t threads) {
+        std::vector<std::unique_ptr<net::io_context>> loops;
+        for (size_t i = 0; i <= std::max<size_t>(1, threads); ++i) loops.push_back(std::make_unique<net::io_context>(1));
+        return loops;
+    }
 
     void Accept();
     void Admit(tcp::socket socket);
@@ -70,7 +81,7 @@ namespace {
 
 template <bool kTls>
 class Connection final : public ConnectionBase {
-    using Stream = std::conditional_t<kTls, beast::ssl_stream<beast::tcp_stream>, beast::tcp_stream>;
+    using Layer = std::conditional_t<kTls, beast::ssl_stream<Net::Stream>, Net::Stream>;
 
 public:
     template <class... Args>
@@ -95,16 +106,20 @@ private:
     enum class Phase { Waiting, Serving };
 
     std::shared_ptr<Connection> Self() { return std::static_pointer_cast<Connection>(shared_from_this()); }
-    beast::tcp_stream& Tcp() { return beast::get_lowest_layer(stream_); }
+    Net::Stream& Lane() {
+        if constexpr (kTls) return stream_.next_layer();
+        else return stream_;
+    }
+    beast::tcp_stream& Tcp() { return Lane().Tcp(); }
 
     void Begin() {
         if constexpr (kTls) {
             // A client speaking plain HTTP to this port gets a plain answer that says so.
-            Tcp().expires_after(options_.idleTimeout);
+            Deadline(options_.idleTimeout);
             beast::async_detect_ssl(Tcp(), buffer_, [self = Self()](beast::error_code ec, bool tls) {
                 if (ec) return self->Close();
                 if (!tls) return self->Refuse(400, "This server speaks HTTPS: use an https:// URL.", false);
-                self->Tcp().expires_after(self->options_.headTimeout);
+                self->Deadline(self->options_.headTimeout);
                 self->stream_.async_handshake(ssl::stream_base::server, self->buffer_.data(),
                                               [self](beast::error_code ec, size_t used) {
                                                   if (ec) return self->Close();
@@ -123,39 +138,75 @@ private:
         parser_.emplace();
         parser_->header_limit(static_cast<uint32_t>(std::min<size_t>(options_.maxHeaderBytes, UINT32_MAX)));
         parser_->body_limit(options_.limits.maxMessageBytes);
-        if (buffer_.size() > 0) return ReadHead();
+        if (buffer_.size() > 0) return Arrived();
         // Idle until the first byte of the next request arrives.
-        Tcp().expires_after(options_.idleTimeout);
+        Deadline(options_.idleTimeout);
         stream_.async_read_some(buffer_.prepare(4096), [self = Self()](beast::error_code ec, size_t n) {
             if (ec) return self->Close();
             self->buffer_.commit(n);
-            self->ReadHead();
+            self->Arrived();
         });
     }
 
+    // Parses what has arrived of a request right here. A small request usually came whole: it is served on
+    // this thread at once. The rest of one that did not is read under the head's or the body's deadline.
+    void Arrived() {
+        beast::error_code ec;
+        while (buffer_.size() > 0 && !parser_->is_done()) {
+            size_t used = parser_->put(buffer_.data(), ec);
+            buffer_.consume(used);
+            if (ec == bhttp::error::need_more) {
+                ec = {};
+                break;
+            }
+            if (ec || used == 0) break;
+        }
+        if (!ec && !parser_->is_header_done()) return ReadHead();
+        if (!ec && parser_->is_done()) {
+            if (Admit()) Serve();
+            return;
+        }
+        OnHead(ec);
+    }
+
     void ReadHead() {
-        Tcp().expires_after(options_.headTimeout);
+        Deadline(options_.headTimeout);
         bhttp::async_read_header(stream_, buffer_, *parser_, [self = Self()](beast::error_code ec, size_t) { self->OnHead(ec); });
+    }
+
+    // Whether a request whose head has arrived is one to serve; if not, it is refused.
+    bool Admit() {
+        const auto& request = parser_->get();
+        size_t fields = 0;
+        for (auto it = request.begin(); it != request.end(); ++it)
+            if (++fields > options_.maxHeaderFields) {
+                Refuse(431, "More than " + std::to_string(options_.maxHeaderFields) + " header fields.");
+                return false;
+            }
+        std::string_view target = request.target();
+        target = target.substr(0, target.find('?'));
+        if (target != options_.path) {
+            Refuse(404, "Nothing is served at this path.");
+            return false;
+        }
+        if (request.method() != bhttp::verb::post) {
+            Refuse(405, "Calls are POST requests.");
+            return false;
+        }
+        phase_ = Phase::Serving;
+        return true;
     }
 
     void OnHead(beast::error_code ec) {
         if (ec == bhttp::error::header_limit) return Refuse(431, "Request header larger than " + std::to_string(options_.maxHeaderBytes) + " bytes.");
         if (ec == bhttp::error::body_limit) return TooLarge();
         if (ec) return Malformed(ec);
+        if (!Admit()) return;
         const auto& request = parser_->get();
-        size_t fields = 0;
-        for (auto it = request.begin(); it != request.end(); ++it)
-            if (++fields > options_.maxHeaderFields)
-                return Refuse(431, "More than " + std::to_string(options_.maxHeaderFields) + " header fields.");
-        std::string_view target = request.target();
-        target = target.substr(0, target.find('?'));
-        if (target != options_.path) return Refuse(404, "Nothing is served at this path.");
-        if (request.method() != bhttp::verb::post) return Refuse(405, "Calls are POST requests.");
-        phase_ = Phase::Serving;
         // A body of unknown length gets room for the limit at once: pages are only used as bytes arrive, and
         // the string never doubles past the limit on its way there.
         if (!parser_->content_length()) parser_->get().body().reserve(options_.limits.maxMessageBytes);
-        Tcp().expires_after(options_.bodyTimeout);
+        Deadline(options_.bodyTimeout);
         if (beast::iequals(request[bhttp::field::expect], "100-continue")) {
             auto interim = std::make_shared<bhttp::response<bhttp::empty_body>>(bhttp::status::continue_, 11);
             bhttp::async_write(stream_, *interim, [self = Self(), interim](beast::error_code ec, size_t) {
@@ -198,28 +249,46 @@ private:
             return Close();
         }
         parser_.reset();  // the request body goes now
-        response_ = {};
-        response_.version(11);
-        response_.result(static_cast<unsigned>(reply.status));
-        response_.set(bhttp::field::content_type, "text/xml; charset=utf-8");
-        std::string attributes = kTls ? "; Path=/; HttpOnly; SameSite=Strict; Secure" : "; Path=/; HttpOnly; SameSite=Strict";
+        keep = keep && !state_->stopping;
+        const char* attributes = kTls ? "; Path=/; HttpOnly; SameSite=Strict; Secure" : "; Path=/; HttpOnly; SameSite=Strict";
+        std::string& out = out_;
+        out.clear();
+        auto status = static_cast<bhttp::status>(reply.status);
+        std::string_view reason = bhttp::obsolete_reason(status);
+        out.append("HTTP/1.1 ").append(std::to_string(reply.status)).append(" ").append(reason.data(), reason.size());
+        out.append("\r\nContent-Type: text/xml; charset=utf-8\r\n");
         if (!reply.setSession.empty())
-            response_.set(bhttp::field::set_cookie, std::string(kSessionCookie) + "=" + reply.setSession + attributes);
+            out.append("Set-Cookie: ").append(kSessionCookie).append("=").append(reply.setSession).append(attributes).append("\r\n");
         else if (reply.clearSession)
-            response_.set(bhttp::field::set_cookie, std::string(kSessionCookie) + "=" + attributes + "; Max-Age=0");
-        response_.body() = std::move(reply.body);
-        Write(keep && !state_->stopping);
+            out.append("Set-Cookie: ").append(kSessionCookie).append("=").append(attributes).append("; Max-Age=0\r\n");
+        if (!keep) out.append("Connection: close\r\n");
+        out.append("Content-Length: ").append(std::to_string(reply.body.size())).append("\r\n\r\n").append(reply.body);
+        Write(keep);
     }
 
+    // Sends the answer in out_ as far as the socket takes it now, here; what remains goes asynchronously
+    // under the write deadline.
     void Write(bool keep) {
-        response_.keep_alive(keep);
-        response_.prepare_payload();
-        Tcp().expires_after(options_.writeTimeout);
-        bhttp::async_write(stream_, response_, [self = Self(), keep](beast::error_code ec, size_t) {
-            self->response_ = {};
-            if (ec || !keep) return self->Close();
-            self->ReadNext();
+        spill_.clear();
+        beast::error_code ec;
+        Lane().spill = &spill_;
+        net::write(stream_, net::buffer(out_), ec);
+        Lane().spill = nullptr;
+        if (ec) return Close();
+        if (spill_.empty()) return Written(keep);
+        Deadline(options_.writeTimeout);
+        net::async_write(Tcp(), net::buffer(spill_), [self = Self(), keep](beast::error_code ec, size_t) {
+            if (ec) return self->Close();
+            self->Written(keep);
         });
+    }
+
+    void Written(bool keep) {
+        // Answers far larger than usual do not keep their memory with an idle connection.
+        if (out_.capacity() > kKeptBytes) std::string().swap(out_);
+        if (spill_.capacity() > kKeptBytes) std::string().swap(spill_);
+        if (!keep) return Close();
+        ReadNext();
     }
 
     // Answers `status` with a short text, then closes (after a while of reading what the peer still sends).
@@ -233,7 +302,7 @@ private:
         response_.body() = text + "\n";
         response_.keep_alive(false);
         response_.prepare_payload();
-        Tcp().expires_after(options_.writeTimeout);
+        Deadline(options_.writeTimeout);
         auto linger = [self = Self()](beast::error_code ec, size_t) {
             if (ec) return self->Close();
             self->Linger();
@@ -245,7 +314,7 @@ private:
     void Linger() {
         beast::error_code ignored;
         Tcp().socket().shutdown(tcp::socket::shutdown_send, ignored);
-        Tcp().expires_after(kLingerTime);
+        Deadline(kLingerTime);
         drain_ = std::make_unique<char[]>(8192);
         Drain(0);
     }
@@ -258,9 +327,29 @@ private:
         });
     }
 
+    // Every read and write of the connection ends by `deadline_`: past it the connection is closed, and what
+    // it waited for fails. One timer serves all deadlines; it is set again only when a deadline comes earlier
+    // than it is set for, so that a kept connection's requests do not touch it.
+    void Deadline(std::chrono::milliseconds within) {
+        deadline_ = Clock::now() + within;
+        if (deadline_ < armed_) Arm();
+    }
+
+    void Arm() {
+        armed_ = deadline_;
+        timer_.expires_at(deadline_);
+        timer_.async_wait([self = Self()](beast::error_code ec) {
+            if (ec || self->closed_) return;  // set again meanwhile, or done with
+            self->armed_ = Clock::time_point::max();
+            if (Clock::now() >= self->deadline_) return self->Close();
+            self->Arm();
+        });
+    }
+
     void Close() {
         if (closed_) return;
         closed_ = true;
+        timer_.cancel();
         beast::error_code ignored;
         Tcp().socket().shutdown(tcp::socket::shutdown_both, ignored);
         Tcp().close();
@@ -268,12 +357,15 @@ private:
 
     Listener::State* state_;
     const ServerOptions& options_;
-    Stream stream_;
+    Layer stream_;
     std::string peer_;
     beast::flat_buffer buffer_;
     std::optional<bhttp::request_parser<bhttp::string_body>> parser_;
-    bhttp::response<bhttp::string_body> response_;
+    bhttp::response<bhttp::string_body> response_;  // a refusal
+    std::string out_, spill_;                        // an answer; what the socket did not take at once
     std::unique_ptr<char[]> drain_;
+    net::steady_timer timer_{Tcp().get_executor()};
+    Clock::time_point deadline_ = Clock::time_point::max(), armed_ = Clock::time_point::max();
     Phase phase_ = Phase::Waiting;
     bool closed_ = false;
 };
@@ -281,7 +373,7 @@ private:
 }  // namespace
 
 void Listener::State::Accept() {
-    acceptor.async_accept(net::make_strand(ioc), [this](beast::error_code ec, tcp::socket socket) {
+    acceptor.async_accept(net::make_strand(*loops[1 + next++ % (loops.size() - 1)]), [this](beast::error_code ec, tcp::socket socket) {
         if (ec == net::error::operation_aborted || stopping) return;
         if (ec) {
             // Out of descriptors or memory for a moment: try again shortly rather than spin.
@@ -344,7 +436,7 @@ int Listener::Start() {
     std::string where = o.host + ":" + std::to_string(o.port);
     tcp::endpoint endpoint;
     try {
-        tcp::resolver resolver(s.ioc);
+        tcp::resolver resolver(*s.loops[0]);
         auto results = resolver.resolve(o.host, std::to_string(o.port), tcp::resolver::passive | tcp::resolver::numeric_service);
         if (results.empty()) throw Fundix::InvalidArgumentException("cannot listen on " + where + ": no address");
         endpoint = results.begin()->endpoint();
@@ -373,18 +465,17 @@ int Listener::Start() {
     if (ec) throw Fundix::InvalidArgumentException("cannot listen on " + where + ": " + ec.message());
     int port = s.acceptor.local_endpoint().port();
 
-    s.work.emplace(s.ioc.get_executor());
+    for (auto& loop : s.loops) s.work.push_back(net::make_work_guard(*loop));
     s.Accept();
-    size_t threads = std::max<size_t>(1, o.threads);
-    for (size_t i = 0; i < threads; ++i) {
-        s.threads.emplace_back([&s] {
+    for (auto& loop : s.loops) {
+        s.threads.emplace_back([&ioc = *loop] {
             // Signals are the program's business, not the serving threads'.
             sigset_t all;
             sigfillset(&all);
             pthread_sigmask(SIG_BLOCK, &all, nullptr);
             for (;;) {
                 try {
-                    s.ioc.run();
+                    ioc.run();
                     return;
                 } catch (...) {
                 }
@@ -422,8 +513,8 @@ void Listener::Stop() {
             s.allClosed.wait_for(lock, std::chrono::seconds(1), [&s] { return s.open == 0; });
         }
     }
-    s.work.reset();
-    s.ioc.stop();
+    s.work.clear();
+    for (auto& loop : s.loops) loop->stop();
     for (auto& t : s.threads) t.join();
     s.threads.clear();
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <vector>
 
 #include <expat.h>
@@ -100,6 +101,51 @@ std::string_view Trim(std::string_view s) {
 
 bool IsBlank(std::string_view s) { return Trim(s).empty(); }
 
+// An expat parser for one message. Each thread keeps one between messages and resets it: a new parser costs
+// a dozen allocations and a system call for the random salt of its hash tables. The salt stays random, drawn
+// once per thread. A parser that read a large message is not kept, so that it does not hold its memory.
+class ParserLease {
+public:
+    explicit ParserLease(size_t bytes) : keep_(bytes <= kKeptBelow) {
+        Slot& slot = tSlot;
+        if (slot.parser != nullptr) {
+            parser_ = slot.parser;
+            slot.parser = nullptr;  // a message read inside this one gets a parser of its own
+            if (XML_ParserReset(parser_, "UTF-8") != XML_TRUE) {
+                XML_ParserFree(parser_);
+                parser_ = nullptr;
+            }
+        }
+        if (parser_ == nullptr) parser_ = XML_ParserCreateNS("UTF-8", kSep);
+        if (parser_ == nullptr) throw std::bad_alloc();
+        if (slot.salt == 0) slot.salt = static_cast<unsigned long>(std::random_device()()) << 16 | 1;
+        XML_SetHashSalt(parser_, slot.salt);
+    }
+    ~ParserLease() {
+        if (keep_ && tSlot.parser == nullptr) tSlot.parser = parser_;
+        else XML_ParserFree(parser_);
+    }
+    ParserLease(const ParserLease&) = delete;
+    ParserLease& operator=(const ParserLease&) = delete;
+    XML_Parser Get() const { return parser_; }
+
+private:
+    static constexpr size_t kKeptBelow = 1 << 20;
+    struct Slot {
+        XML_Parser parser = nullptr;
+        unsigned long salt = 0;
+        ~Slot() {
+            if (parser != nullptr) XML_ParserFree(parser);
+        }
+    };
+    static thread_local Slot tSlot;
+
+    XML_Parser parser_ = nullptr;
+    bool keep_;
+};
+
+thread_local ParserLease::Slot ParserLease::tSlot;
+
 class Reader {
 public:
     Reader(const Codec& codec) : codec_(codec), limits_(codec.GetLimits()) {}
@@ -108,8 +154,8 @@ public:
         if (text.size() > limits_.maxMessageBytes)
             Detail::ThrowInvalidRequest("message of " + std::to_string(text.size()) + " bytes exceeds the limit of " +
                  std::to_string(limits_.maxMessageBytes), "");
-        XML_Parser parser = XML_ParserCreateNS("UTF-8", kSep);
-        if (parser == nullptr) throw std::bad_alloc();
+        ParserLease lease(text.size());
+        XML_Parser parser = lease.Get();
         parser_ = parser;
         XML_SetUserData(parser, this);
         XML_SetElementHandler(parser, &Reader::OnStart, &Reader::OnEnd);
@@ -126,7 +172,6 @@ public:
                       std::to_string(XML_GetCurrentColumnNumber(parser));
             failed_ = true;
         }
-        XML_ParserFree(parser);
         parser_ = nullptr;
         if (failed_) Detail::ThrowInvalidRequest(reason_, errorPath_);
         if (!haveTop_) Detail::ThrowInvalidRequest("the body holds no message", "");
