@@ -17,7 +17,6 @@
 #include <kitra/Primitive.h>
 #include <kitra/fault/types.h>
 
-#include "../FieldProbe.h"
 #include "Internal.h"
 
 namespace Kitra::Soap {
@@ -879,7 +878,7 @@ private:
     // The field of `d` in `object`, straight from its class's layout, when that layout is known and the
     // field is stored as `expected`; else null, and the caller goes through the record's functions.
     static char* FieldAt(DataObject* object, const PropertyDesc& d, Storage expected) {
-        const FieldLayout* layout = Fields::LayoutOf(d.owner, object);
+        const FieldLayout* layout = d.owner->layout;
         if (layout == nullptr || d.localIndex < 0 || static_cast<uint32_t>(d.localIndex) >= layout->count) return nullptr;
         const FieldDesc& f = layout->fields[d.localIndex];
         if (f.storage != expected) return nullptr;
