@@ -63,6 +63,7 @@ struct Frame {
     long index;        // item index within an array
     // Data
     const DataObjectType* dataType = nullptr;
+    const PropertyDesc* props = nullptr;  // dataType's properties, all levels
     Fundix::Ref<DataObject> object;
     // The properties met so far, a bit each: in place for up to 128 properties (every record of the
     // interface), so that a record costs no allocation of its own beyond the object.
@@ -220,9 +221,11 @@ private:
 
     // ---- Structure
 
-    void Push(Frame frame) {
+    // Opens a frame in place on the stack (a frame is large: it is never moved while open).
+    template <class... Args>
+    Frame& Push(Args&&... args) {
         if (stack_.size() > limits_.maxDepth) Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
-        stack_.push_back(std::move(frame));
+        return stack_.emplace_back(std::forward<Args>(args)...);
     }
 
     const char* Attr(const XML_Char** attrs, std::string_view uri, std::string_view local) const {
@@ -238,14 +241,14 @@ private:
         switch (parent.kind) {
         case Kind::Document:
             if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
-            Push(Frame{Kind::Envelope});
+            Push(Kind::Envelope);
             return;
         case Kind::Envelope:
             if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
-                Push(Frame{Kind::Header});
+                Push(Kind::Header);
             } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
                 haveBody_ = true;
-                Push(Frame{Kind::Body});
+                Push(Kind::Body);
             } else {
                 Fail("unexpected element " + std::string(local) + " in the envelope");
             }
@@ -253,26 +256,26 @@ private:
         case Kind::Header:
             if (uri == kKodlNs && local == "versionId") {
                 text_.clear();
-                Push(Frame{Kind::VersionId});
+                Push(Kind::VersionId);
                 return;
             }
             if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand"); mu != nullptr && std::string_view(mu) == "1")
                 Fail("header " + std::string(local) + " is not understood");
-            Push(Frame{Kind::Skip});
+            Push(Kind::Skip);
             return;
         case Kind::Skip:
         case Kind::VersionId:
         case Kind::FaultText:
             if (parent.kind != Kind::Skip) Fail("unexpected element " + std::string(local));
-            Push(Frame{Kind::Skip});
+            Push(Kind::Skip);
             return;
         case Kind::Body: StartTop(uri, local, attrs); return;
         case Kind::Fault:
             if (!uri.empty()) Fail("unexpected element " + std::string(local) + " in a fault");
             if (local == "detail") {
-                Push(Frame{Kind::Detail});
+                Push(Kind::Detail);
             } else if (local == "faultcode" || local == "faultstring" || local == "faultactor") {
-                Push(Frame{Kind::FaultText});
+                Push(Kind::FaultText);
             } else {
                 Fail("unexpected element " + std::string(local) + " in a fault");
             }
@@ -338,7 +341,7 @@ private:
         topIndex_ = stack_.size();
         if (uri == kEnvelopeNs && local == "Fault") {
             message_.kind = MessageKind::Fault;
-            Push(Frame{Kind::Fault});
+            Push(Kind::Fault);
             return;
         }
         CheckNamespace(uri, local);
@@ -357,7 +360,7 @@ private:
                          std::string(local));
                 message_.method = const_cast<ManagedMethod*>(expected_);
             }
-            Push(Frame{message_.kind == MessageKind::Request ? Kind::Request : Kind::Response});
+            Push(message_.kind == MessageKind::Request ? Kind::Request : Kind::Response);
             return;
         }
         bool response = local.size() > 8 && local.substr(local.size() - 8) == "Response";
@@ -377,7 +380,7 @@ private:
             message_.arguments.resize(n);
             paramSeen_.assign(n, false);
         }
-        Push(Frame{response ? Kind::Response : Kind::Request});
+        Push(response ? Kind::Response : Kind::Request);
     }
 
     void CheckNamespace(std::string_view uri, std::string_view local) {
@@ -476,9 +479,9 @@ private:
         if (index < 0)
             Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(),
                  std::string(local).c_str());
-        const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(index)];
+        const PropertyDesc& d = parent.props[index];
         const PropertyTypeInfo& p = *d.info;
-        if (!codec_.Includes(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
+        if (!Included(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
         bool array = (p.flags & kFlagArray) != 0;
         uint64_t bit = uint64_t(1) << (index % 64);
         uint64_t& word = parent.Seen(static_cast<size_t>(index / 64));
@@ -504,8 +507,9 @@ private:
     int FindField(Frame& frame, std::string_view local) {
         const auto& props = frame.dataType->GetProperties();
         int n = static_cast<int>(props.size());
+        // `local` ends where expat's name does, at a terminating zero.
         for (int i : {frame.lastField + 1, frame.lastField}) {
-            if (i >= 0 && i < n && local == props[static_cast<size_t>(i)].info->name) return frame.lastField = i;
+            if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0) return frame.lastField = i;
         }
         int found = frame.dataType->FindProperty(local);
         if (found >= 0) frame.lastField = found;
@@ -519,6 +523,19 @@ private:
         if (local != Detail::ItemName(element)) Fail("unexpected item " + std::string(local));
         if (a->GetLength() >= limits_.maxArrayLength) Fail(ArrayLimit());
         StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
+    }
+
+    // Codec::Includes and Codec::Knows, remembered for the few version words a message meets.
+    bool Included(const char* version) {
+        const size_t h = (reinterpret_cast<uintptr_t>(version) >> 3) & (kVersionCache - 1);
+        if (version != nullptr && versionKeys_[h] == version) return versionIncluded_[h];
+        const bool included = codec_.Includes(version);
+        versionKeys_[h] = version;
+        versionIncluded_[h] = included;
+        return included;
+    }
+    bool Knows(const Type* type) {
+        return type->GetKind() == kKindArray ? codec_.Knows(type) : Included(type->GetVersion());
     }
 
     std::string ArrayLimit() const { return "array longer than " + std::to_string(limits_.maxArrayLength) + " items"; }
@@ -606,8 +623,7 @@ private:
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
                 parent.Seen(static_cast<size_t>(slot.prop / 64)) &= ~(uint64_t(1) << (slot.prop % 64));
-            Frame f(Kind::Nil, slot, name, index);
-            Push(std::move(f));
+            Push(Kind::Nil, slot, name, index);
             return;
         }
         const Type* type = declared;
@@ -622,7 +638,7 @@ private:
         } else if (declared == nullptr || declared->GetKind() == kKindAnyType) {
             Fail("a value of type anyType needs xsi:type", name);
         }
-        if (!codec_.Knows(type) && type->GetKind() != kKindManaged)
+        if (type->GetKind() != kKindManaged && !Knows(type))
             Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name, name);
         slot.type = type;
         if (const DataObjectType* data = type->AsDataObjectType()) {
@@ -630,45 +646,44 @@ private:
             return;
         }
         if (type->GetKind() == kKindArray) {
-            Frame f(Kind::AnyArray, slot, name, index);
-            f.anyArray = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
-            if (f.anyArray == nullptr) throw std::bad_alloc();
-            Push(std::move(f));
+            Fundix::Ref<ArrayBase> array = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
+            if (array == nullptr) throw std::bad_alloc();
+            Push(Kind::AnyArray, slot, name, index).anyArray = std::move(array);
             return;
         }
-        Frame f(Kind::Leaf, slot, name, index);
-        if (type->GetKind() == kKindManaged) {
-            const char* refType = Attr(attrs, "", "type");
-            if (refType == nullptr) Fail("a reference needs its type", name);
-            const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
-            bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
-            if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
-                // A place for any managed object may name a type of another library by its own name,
-                // as the writer sends it.
-                f.refName = refType;
-                text_.clear();
-                Push(std::move(f));
-                return;
-            }
-            if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
-            if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
-            if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
-                !t->IsA(declared))
-                Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
-            f.refType = t;
-        }
         text_.clear();
-        Push(std::move(f));
+        if (type->GetKind() != kKindManaged) {
+            Push(Kind::Leaf, slot, name, index);
+            return;
+        }
+        const char* refType = Attr(attrs, "", "type");
+        if (refType == nullptr) Fail("a reference needs its type", name);
+        const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
+        bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
+        if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
+            // A place for any managed object may name a type of another library by its own name,
+            // as the writer sends it.
+            Push(Kind::Leaf, slot, name, index).refName = refType;
+            return;
+        }
+        if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
+        if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+        if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
+            !t->IsA(declared))
+            Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
+        Push(Kind::Leaf, slot, name, index).refType = t;
     }
 
     void StartData(const char* name, const DataObjectType* type, Slot slot, long index = -1) {
-        Frame f(Kind::Data, slot, name, index);
+        Fundix::Ref<DataObject> object = type->CreateInstance();
+        if (object == nullptr) throw std::bad_alloc();
+        const std::vector<PropertyDesc>& props = type->GetProperties();
+        Frame& f = Push(Kind::Data, slot, name, index);
         f.dataType = type;
-        f.object = type->CreateInstance();
-        if (f.object == nullptr) throw std::bad_alloc();
-        const size_t words = type->GetProperties().size() / 64 + 1;
+        f.props = props.data();
+        f.object = std::move(object);
+        const size_t words = props.size() / 64 + 1;
         if (words > 2) f.seenMore.assign(words - 2, 0);
-        Push(std::move(f));
     }
 
     // The missing-required rule, and empty arrays for absent required ones.
@@ -723,7 +738,7 @@ private:
         const Slot& slot = child.slot;
         switch (parent.kind) {
         case Kind::Data: {
-            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(slot.prop)];
+            const PropertyDesc& d = parent.props[slot.prop];
             if (slot.array) {
                 ArrayBase* a = FieldArray(parent, slot.prop, d, Detail::TypeOf(d.info->type));
                 Append(a, value.Get());
@@ -849,7 +864,7 @@ private:
         uint32_t kind = type->GetKind();
         Frame& parent = stack_[stack_.size() - 2];
         if (parent.kind == Kind::Data) {
-            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(leaf.slot.prop)];
+            const PropertyDesc& d = parent.props[leaf.slot.prop];
             if (leaf.slot.array) {
                 ArrayBase* a = FieldArray(parent, leaf.slot.prop, d, type);
                 if (AppendText(a, kind, type)) return nullptr;
@@ -999,6 +1014,9 @@ private:
     size_t topIndex_ = 0;
     std::vector<bool> paramSeen_;
     Message message_;
+    static constexpr size_t kVersionCache = 32;
+    const char* versionKeys_[kVersionCache] = {};
+    bool versionIncluded_[kVersionCache] = {};
 
 public:
     const ManagedMethod* expected_ = nullptr;
