@@ -64,6 +64,7 @@ struct Frame {
     // Data
     const DataObjectType* dataType = nullptr;
     const PropertyDesc* props = nullptr;  // dataType's properties, all levels
+    size_t propCount = 0;
     Fundix::Ref<DataObject> object;
     // The properties met so far, a bit each: in place for up to 128 properties (every record of the
     // interface), so that a record costs no allocation of its own beyond the object.
@@ -236,8 +237,9 @@ private:
 
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
-        std::string_view uri = Uri(name);
-        std::string_view local = Local(name);
+        const char* sep = std::strchr(name, kSep);
+        std::string_view uri = sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
+        std::string_view local = sep != nullptr ? std::string_view(sep + 1) : std::string_view(name);
         switch (parent.kind) {
         case Kind::Document:
             if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
@@ -487,7 +489,7 @@ private:
         uint64_t& word = parent.Seen(static_cast<size_t>(index / 64));
         if (!array && (word & bit)) Fail("property given twice", p.name);
         word |= bit;
-        const Type* declared = Detail::TypeOf(p.type);
+        const Type* declared = Declared(p);
         long item = -1;
         if (array) {
             ArrayBase* a = FieldArray(parent, index, d, declared);
@@ -505,8 +507,7 @@ private:
     // Children usually come in declaration order, an array's items one after another: try the property
     // after the last one found, then that one again, before searching.
     int FindField(Frame& frame, std::string_view local) {
-        const auto& props = frame.dataType->GetProperties();
-        int n = static_cast<int>(props.size());
+        const int n = static_cast<int>(frame.propCount);
         // `local` ends where expat's name does, at a terminating zero.
         for (int i : {frame.lastField + 1, frame.lastField}) {
             if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0) return frame.lastField = i;
@@ -523,6 +524,16 @@ private:
         if (local != Detail::ItemName(element)) Fail("unexpected item " + std::string(local));
         if (a->GetLength() >= limits_.maxArrayLength) Fail(ArrayLimit());
         StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
+    }
+
+    // The type a property declares (Detail::TypeOf), remembered for the properties a message meets most.
+    const Type* Declared(const PropertyTypeInfo& p) {
+        const size_t h = (reinterpret_cast<uintptr_t>(&p) / sizeof(PropertyTypeInfo)) & (kDeclaredCache - 1);
+        if (declaredKeys_[h] == &p) return declaredTypes_[h];
+        const Type* type = Detail::TypeOf(p.type);
+        declaredKeys_[h] = &p;
+        declaredTypes_[h] = type;
+        return type;
     }
 
     // Codec::Includes and Codec::Knows, remembered for the few version words a message meets.
@@ -618,7 +629,8 @@ private:
 
     // Opens an element holding one value of `declared` (null: the value must name its type).
     void StartValue(const char* name, const Type* declared, const char** attrs, Slot slot, long index = -1) {
-        if (const char* nil = Attr(attrs, kXsiNs, "nil"); nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
+        const bool attributes = attrs[0] != nullptr;  // most values come without
+        if (const char* nil = attributes ? Attr(attrs, kXsiNs, "nil") : nullptr; nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
             // Absent: a required property or parameter given as nil is then missing.
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
@@ -627,7 +639,7 @@ private:
             return;
         }
         const Type* type = declared;
-        if (const char* xsi = Attr(attrs, kXsiNs, "type")) {
+        if (const char* xsi = attributes ? Attr(attrs, kXsiNs, "type") : nullptr) {
             const Type* named = ResolveQName(xsi);
             if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
                 bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
@@ -681,6 +693,7 @@ private:
         Frame& f = Push(Kind::Data, slot, name, index);
         f.dataType = type;
         f.props = props.data();
+        f.propCount = props.size();
         f.object = std::move(object);
         const size_t words = props.size() / 64 + 1;
         if (words > 2) f.seenMore.assign(words - 2, 0);
@@ -740,7 +753,7 @@ private:
         case Kind::Data: {
             const PropertyDesc& d = parent.props[slot.prop];
             if (slot.array) {
-                ArrayBase* a = FieldArray(parent, slot.prop, d, Detail::TypeOf(d.info->type));
+                ArrayBase* a = FieldArray(parent, slot.prop, d, Declared(*d.info));
                 Append(a, value.Get());
             } else {
                 StoreSlot(parent.object.Get(), d, value);
@@ -1014,6 +1027,9 @@ private:
     size_t topIndex_ = 0;
     std::vector<bool> paramSeen_;
     Message message_;
+    static constexpr size_t kDeclaredCache = 128;
+    const PropertyTypeInfo* declaredKeys_[kDeclaredCache] = {};
+    const Type* declaredTypes_[kDeclaredCache] = {};
     static constexpr size_t kVersionCache = 32;
     const char* versionKeys_[kVersionCache] = {};
     bool versionIncluded_[kVersionCache] = {};
