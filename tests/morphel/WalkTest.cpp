@@ -177,6 +177,11 @@ TEST(WalkTest, SizeThroughAnySizerAgreesWithTheIdentity) {
     bare->SetSource(std::string(100, 's'));
     EXPECT_EQ(bare->_GetSize(&Kitra::IdentitySizer) - keys - task->_GetSize(&Kitra::IdentitySizer),
               sizeof(std::string) + t->GetSource().GetValue().capacity());
+    // A reference counted in place agrees with its own size, a long identifier's buffer included.
+    const unsigned before = bare->_GetSize(&Kitra::IdentitySizer);
+    Ref<Kitra::MoRef> job(new Kitra::MoRef("morphel.server.job.Job", std::string(40, 'j')));
+    bare->SetJob(job.Get());
+    EXPECT_EQ(bare->_GetSize(&Kitra::IdentitySizer) - before, job->_GetSize(&Kitra::IdentitySizer));
 }
 
 }  // namespace

@@ -536,13 +536,16 @@ private:
         return type;
     }
 
-    // Codec::Includes and Codec::Knows, remembered for the few version words a message meets.
+    // Codec::Includes and Codec::Knows, remembered for the first few version words a message meets (a
+    // message meets few: its records' fields share the words of their module).
     bool Included(const char* version) {
-        const size_t h = (reinterpret_cast<uintptr_t>(version) >> 3) & (kVersionCache - 1);
-        if (version != nullptr && versionKeys_[h] == version) return versionIncluded_[h];
+        for (size_t i = 0; i < versionsKept_; ++i)
+            if (versionKeys_[i] == version) return versionIncluded_[i];
         const bool included = codec_.Includes(version);
-        versionKeys_[h] = version;
-        versionIncluded_[h] = included;
+        if (versionsKept_ < kVersionCache) {
+            versionKeys_[versionsKept_] = version;
+            versionIncluded_[versionsKept_++] = included;
+        }
         return included;
     }
     bool Knows(const Type* type) {
@@ -1030,7 +1033,8 @@ private:
     static constexpr size_t kDeclaredCache = 128;
     const PropertyTypeInfo* declaredKeys_[kDeclaredCache] = {};
     const Type* declaredTypes_[kDeclaredCache] = {};
-    static constexpr size_t kVersionCache = 32;
+    static constexpr size_t kVersionCache = 16;
+    size_t versionsKept_ = 0;
     const char* versionKeys_[kVersionCache] = {};
     bool versionIncluded_[kVersionCache] = {};
 
