@@ -116,13 +116,13 @@ TEST(WalkTest, DifferencesOfEveryStorageClassInFieldOrder) {
     // Differences of every storage class, the first and the last field included, come in field order.
     Ref<TaskInfo> a = MakeTask();
     Ref<TaskInfo> b(a->_Clone());
-    b->SetIncremental(true);                                                          // last field, optional bool
-    b->SetEventChainId(5);                                                            // int
-    b->SetRootTask(new Kitra::MoRef("morphel.task.Task", "task-1"));                  // reference, null in a
-    b->SetCancelled(true);                                                            // bool
-    b->SetUserName(std::string("operatoR"));                                          // optional text
-    b->SetKey("task-2026-11-23-000418");                                              // first field, text
-    b->SetQueueTime(Fundix::System::DateTime(2026, 11, 23, 4, 17, 0));                // date
+    b->SetIncremental(true);                                            // last field, optional bool
+    b->SetEventChainId(5);                                              // int
+    b->SetRootTask(new Kitra::MoRef("morphel.task.Task", "task-1"));    // reference, null in a
+    b->SetCancelled(true);                                              // bool
+    b->SetUserName(std::string("operatoR"));                            // optional text
+    b->SetKey("task-2026-11-23-000418");                                // first field, text
+    b->SetQueueTime(Fundix::System::DateTime(2026, 11, 23, 4, 17, 0));  // date
     EXPECT_EQ(Diff(a.Get(), b.Get(), "t"),
               (std::vector<std::string>{"t.key", "t.userName", "t.cancelled", "t.queueTime", "t.eventChainId",
                                         "t.rootTask", "t.incremental"}));
