@@ -358,9 +358,10 @@ uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a,
 [[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
                                      const std::string& prefix, PropertyDiffSet& diffs) {
     const PropertyTypeInfo& p = layout.properties[i];
+    const size_t name = std::strlen(p.name);
     std::string path;
-    path.reserve(prefix.size() + 1 + std::strlen(p.name));
-    path.append(prefix).append(1, '.').append(p.name);
+    path.reserve(prefix.size() + 1 + name);
+    path.append(prefix).append(1, '.').append(p.name, name);
     if (layout.fields[i].storage == Storage::Slot) {
         DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
                              At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
