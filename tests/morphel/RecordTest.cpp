@@ -243,6 +243,45 @@ void CheckTerminator(const Kitra::PropertyTypeInfo* p) {
     EXPECT_EQ(p->flags, Kitra::kFlagTerminator);
 }
 
+namespace {
+
+// The record names its class's field layout, whose runs hold every field once, grouped by storage class in
+// the order the size walk relies on.
+void CheckLayout(const Kitra::DataTypeInfo* info) {
+    const Kitra::FieldLayout* layout = info->layout;
+    if (info->properties == nullptr) {
+        EXPECT_EQ(layout, nullptr);
+        return;
+    }
+    ASSERT_NE(layout, nullptr);
+    EXPECT_EQ(layout->properties, info->properties);
+    uint32_t count = 0;
+    while (info->properties[count].name != nullptr) ++count;
+    ASSERT_EQ(layout->count, count);
+    std::vector<int> seen(count, 0);
+    const uint32_t* at = layout->runs;
+    size_t order = 0;
+    for (uint32_t runs = *at++; runs != 0; --runs) {
+        const uint32_t header = *at++;
+        const Kitra::Storage storage = Kitra::RunStorage(header);
+        ASSERT_GT(Kitra::RunCount(header), 0u);
+        while (order < std::size(Kitra::kRunOrder) && Kitra::kRunOrder[order] != storage) ++order;
+        ASSERT_LT(order++, std::size(Kitra::kRunOrder)) << "runs out of order";
+        for (uint32_t n = Kitra::RunCount(header); n != 0; --n, ++at) {
+            uint32_t i = 0;
+            if (storage == Kitra::Storage::Slot) i = *at;
+            else
+                while (i < count && layout->fields[i].offset != *at) ++i;
+            ASSERT_LT(i, count);
+            EXPECT_EQ(layout->fields[i].storage, storage);
+            ++seen[i];
+        }
+    }
+    EXPECT_EQ(seen, std::vector<int>(count, 1));
+}
+
+}  // namespace
+
 TEST(RecordTest, EveryDataRecordIsComplete) {
     std::map<uint32_t, size_t> flagCounts;
     std::vector<std::string> withExtra;
@@ -266,6 +305,7 @@ TEST(RecordTest, EveryDataRecordIsComplete) {
         } else {
             EXPECT_NE(info->properties[0].name, nullptr) << "an empty property list is a null word";
         }
+        CheckLayout(info);
         const Kitra::PropertyTypeInfo* p = info->properties;
         for (; p != nullptr && p->name != nullptr; ++p) {
             SCOPED_TRACE(p->name);

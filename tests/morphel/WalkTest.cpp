@@ -112,6 +112,28 @@ TEST(WalkTest, NestedRecordsAndArrays) {
     EXPECT_EQ(Diff(mine, theirs, "x"), std::vector<std::string>{"x.content"});
 }
 
+TEST(WalkTest, DifferencesOfEveryStorageClassInFieldOrder) {
+    // Differences of every storage class, the first and the last field included, come in field order.
+    Ref<TaskInfo> a = MakeTask();
+    Ref<TaskInfo> b(a->_Clone());
+    b->SetIncremental(true);                                            // last field, optional bool
+    b->SetEventChainId(5);                                              // int
+    b->SetRootTask(new Kitra::MoRef("morphel.task.Task", "task-1"));    // reference, null in a
+    b->SetCancelled(true);                                              // bool
+    b->SetUserName(std::string("operatoR"));                            // optional text
+    b->SetKey("task-2026-11-23-000418");                                // first field, text
+    b->SetQueueTime(Fundix::System::DateTime(2026, 11, 23, 4, 17, 0));  // date
+    EXPECT_EQ(Diff(a.Get(), b.Get(), "t"),
+              (std::vector<std::string>{"t.key", "t.userName", "t.cancelled", "t.queueTime", "t.eventChainId",
+                                        "t.rootTask", "t.incremental"}));
+    EXPECT_FALSE(a->_IsEqual(b.Get(), true));
+    Ref<TaskInfo> c(a->_Clone());
+    c->SetIncremental(false);
+    EXPECT_FALSE(a->_IsEqual(c.Get(), false));  // set in one only: a difference in the very last run
+    EXPECT_TRUE(c->_IsEqual(a.Get(), true));
+    EXPECT_EQ(Diff(a.Get(), c.Get()), std::vector<std::string>{".incremental"});
+}
+
 TEST(WalkTest, OptionalArraysForgivenOnlyWhenNullInTheirs) {
     using Filter = Morphel::Task::TaskFilterSpec;
     Ref<Kitra::Array<TaskInfo::State>> states(new Kitra::Array<TaskInfo::State>());
@@ -155,6 +177,11 @@ TEST(WalkTest, SizeThroughAnySizerAgreesWithTheIdentity) {
     bare->SetSource(std::string(100, 's'));
     EXPECT_EQ(bare->_GetSize(&Kitra::IdentitySizer) - keys - task->_GetSize(&Kitra::IdentitySizer),
               sizeof(std::string) + t->GetSource().GetValue().capacity());
+    // A reference counted in place agrees with its own size, a long identifier's buffer included.
+    const unsigned before = bare->_GetSize(&Kitra::IdentitySizer);
+    Ref<Kitra::MoRef> job(new Kitra::MoRef("morphel.server.job.Job", std::string(40, 'j')));
+    bare->SetJob(job.Get());
+    EXPECT_EQ(bare->_GetSize(&Kitra::IdentitySizer) - before, job->_GetSize(&Kitra::IdentitySizer));
 }
 
 }  // namespace

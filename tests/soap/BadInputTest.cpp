@@ -43,6 +43,8 @@ TEST(BadInput, VersionsMustAgree) {
     // Without a header, a version-4 field is foreign to a version-3 reader.
     EXPECT_EQ(Reject(Value("MorphelStorageInfoDiskInfo", "<gpt>true</gpt>"), 3),
               "property is not part of morphel.version.version3 @ gpt");
+    EXPECT_EQ(Reject(Value("MorphelStorageInfoDiskInfo", "<lvgName>x</lvgName><gpt>true</gpt>"), 3),
+              "property is not part of morphel.version.version3 @ gpt");
     EXPECT_EQ(Reject(Value("MorphelThrottlingParams", ""), 1),
               "type morphel.params.ThrottlingParams is not part of morphel.version.version1 @ ");
 }

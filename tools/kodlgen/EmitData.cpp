@@ -106,7 +106,7 @@ void ModuleEmitter::EmitDataSource(Printer& p, const TypeDecl* t) {
                      {"flat", flat}, {"member", MemberName(f)}, {"storage", StorageName(f)}});
         }
         p.Print(R"(});
-constinit const ::Kitra::FieldLayout $q$::_kLayout = {_kFields.properties, _kFields.fields, $n$};
+constinit const ::Kitra::FieldLayout $q$::_kLayout = {_kFields.properties, _kFields.fields, $n$, _kFields.runs};
 )",
                 {{"q", q}, {"n", std::to_string(t->fields.size())}});
     }

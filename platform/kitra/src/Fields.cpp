@@ -1,11 +1,8 @@
 // The generic field operations: one implementation per storage class, chosen from the property record.
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <mutex>
-#include <new>
-#include <vector>
 #include <typeinfo>
+#include <vector>
 
 #include <fundix/Exception.h>
 #include <kitra/Array.h>
@@ -13,8 +10,6 @@
 #include <kitra/Field.h>
 #include <kitra/MoRef.h>
 #include <kitra/Registry.h>
-
-#include "FieldProbe.h"
 
 namespace Kitra {
 
@@ -126,77 +121,7 @@ struct IsOptional<Optional<T>> : std::true_type {};
 
 }  // namespace
 
-namespace {
-
-// What a record's get function reports when asked for the probe index, which no property has.
-constexpr int kProbeIndex = -0x4C415954;  // "LAYT"
-struct LayoutProbe {
-    const FieldLayout* layout = nullptr;
-    const void* object = nullptr;
-};
-
-// What is worked out once per record or layout (static tables, so their addresses are the keys): kept in
-// open-addressed slots that are read without a lock and filled under one. A key's value never changes once
-// kept. When every slot is taken, a value is made for the one call and `kept` says so.
-template <class Key, class Value>
-class OnceTable {
-public:
-    template <class Make>
-    Value Get(const Key* key, Make make, bool* kept = nullptr) {
-        size_t h = Hash(key);
-        for (size_t n = 0; n < kSlots; ++n, h = (h + 1) & (kSlots - 1)) {
-            const Key* k = slots_[h].key.load(std::memory_order_acquire);
-            if (k == key) return slots_[h].value;
-            if (k == nullptr) break;
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        h = Hash(key);
-        for (size_t n = 0; n < kSlots; ++n, h = (h + 1) & (kSlots - 1)) {
-            const Key* k = slots_[h].key.load(std::memory_order_relaxed);
-            if (k == key) return slots_[h].value;
-            if (k != nullptr) continue;
-            slots_[h].value = make();
-            slots_[h].key.store(key, std::memory_order_release);
-            return slots_[h].value;
-        }
-        if (kept != nullptr) *kept = false;
-        return make();
-    }
-
-private:
-    static constexpr size_t kSlots = 4096;
-    static size_t Hash(const Key* key) {
-        return static_cast<size_t>((reinterpret_cast<uintptr_t>(key) >> 3) * 0x9E3779B97F4A7C15ull >> 52) &
-               (kSlots - 1);
-    }
-    struct Slot {
-        std::atomic<const Key*> key{nullptr};
-        Value value{};
-    };
-    Slot slots_[kSlots];
-    std::mutex mutex_;
-};
-
-OnceTable<DataTypeInfo, const FieldLayout*> gProbes;
-
-}  // namespace
-
-const FieldLayout* LayoutOf(const DataTypeInfo* record, DataObject* object) {
-    return gProbes.Get(record, [&]() -> const FieldLayout* {
-        LayoutProbe probe;
-        if (record->getProperty != nullptr) record->getProperty(object, kProbeIndex, &probe);
-        // Usable only where the declaring class's fields are laid out from the object's own address.
-        return probe.object == object ? probe.layout : nullptr;
-    });
-}
-
 void Get(const FieldLayout& layout, const void* object, int index, void* out) {
-    if (index == kProbeIndex && out != nullptr) {
-        auto* probe = static_cast<LayoutProbe*>(out);
-        probe->layout = &layout;
-        probe->object = object;
-        return;
-    }
     if (!InRange(layout, object, index) || out == nullptr) return;
     Dispatch(layout.fields[index].storage, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
@@ -329,8 +254,9 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     return x != nullptr && SameText(*x, *y);
 }
 
-// One field of two objects compared; `partial` as for Equal (Diff passes false).
-[[gnu::always_inline]] inline bool FieldEqual(const FieldDesc& f, const PropertyTypeInfo& p, const char* a,
+// One field of two objects compared; `partial` as for Equal (Diff passes false). The field's property record
+// is looked up only for counted values, the one storage class whose comparison needs it.
+[[gnu::always_inline]] inline bool FieldEqual(const FieldLayout& layout, const FieldDesc& f, const char* a,
                                               const char* b, bool partial) {
     a += f.offset;
     b += f.offset;
@@ -359,7 +285,7 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     case Storage::Slot: {
         const Any* x = KITRA_AT(RefSlot, a).Get();
         const Any* y = KITRA_AT(RefSlot, b).Get();
-        return x == y || SlotEqual(p, x, y, partial);
+        return x == y || SlotEqual(layout.properties[&f - layout.fields], x, y, partial);
     }
     }
 #undef KITRA_AT
@@ -368,74 +294,42 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     __builtin_unreachable();  // the generator writes only the storage classes above
 }
 
-// Per layout, worked out once from its records: the fields that may hold memory beyond the object
-// (strings and counted values), each with its offset and what it holds. Everything else a class holds is
-// in its own size. A lock-free table keyed by the layout's address, filled under a mutex.
-enum class Holds : uint32_t { Text, OptText, Ref, Value };
-struct Varying {
-    uint32_t offset;
-    Holds holds;
-};
-struct SizePlan {
-    uint32_t count;
-    Varying fields[1];  // `count` of them
-};
-
-OnceTable<FieldLayout, const SizePlan*> gPlans;
-
-const SizePlan* MakePlan(const FieldLayout& layout) {
-    std::vector<Varying> fields;
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        const FieldDesc& f = layout.fields[i];
-        const PropertyTypeInfo& p = layout.properties[i];
-        if (f.storage == Storage::String) fields.push_back({f.offset, Holds::Text});
-        else if (f.storage == Storage::OptString) fields.push_back({f.offset, Holds::OptText});
-        else if (f.storage == Storage::Slot)
-            fields.push_back({f.offset, p.type->kind == kKindManaged && !(p.flags & kFlagArray) ? Holds::Ref : Holds::Value});
-    }
-    void* memory = ::operator new(sizeof(SizePlan) + fields.size() * sizeof(Varying));
-    auto* plan = static_cast<SizePlan*>(memory);
-    plan->count = static_cast<uint32_t>(fields.size());
-    std::copy(fields.begin(), fields.end(), plan->fields);
-    return plan;
-}
-
-[[gnu::always_inline]] inline unsigned ExtraSize(const SizePlan* plan, const char* at, Sizer sizer) {
+// What the fields of one object hold beyond it, `identity` when `sizer` is the identity sizer: the first
+// runs of the layout, those of strings, optional strings and counted values.
+template <bool identity>
+unsigned HeldSize(const FieldLayout& layout, const char* object, Sizer sizer) {
     unsigned size = 0;
-    if (sizer == &IdentitySizer) {
-        for (const Varying* f = plan->fields, *end = f + plan->count; f != end; ++f) {
-            const char* field = at + f->offset;
-            switch (f->holds) {
-            case Holds::Text: size += TextHeap(*reinterpret_cast<const std::string*>(field)); break;
-            case Holds::OptText:
-                if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(field)->GetPtr())
-                    size += static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text);
-                break;
-            case Holds::Ref:
-                if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) {
+    const uint32_t* at = layout.runs;
+    for (uint32_t runs = *at++; runs != 0; --runs) {
+        const uint32_t header = *at++;
+        const uint32_t* end = at + RunCount(header);
+        switch (RunStorage(header)) {
+        case Storage::String:
+            for (; at != end; ++at) {
+                const auto& text = *reinterpret_cast<const std::string*>(object + *at);
+                size += identity ? TextHeap(text) : GetExtraSize(text, sizer);
+            }
+            break;
+        case Storage::OptString:
+            for (; at != end; ++at)
+                if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
+                    size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
+                                     : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
+            break;
+        case Storage::Slot:
+            for (; at != end; ++at) {
+                const Any* value = reinterpret_cast<const RefSlot*>(object + layout.fields[*at].offset)->Get();
+                if (value == nullptr) continue;
+                if (identity && &typeid(*value) == &typeid(MoRef)) {
+                    // MoRef's class record is made once, in this library, so its address identifies the class.
                     const auto* ref = static_cast<const MoRef*>(value);
                     size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) + TextHeap(ref->GetId());
+                } else {
+                    size += value->_GetSize(sizer);
                 }
-                break;
-            case Holds::Value:
-                if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) size += value->_GetSize(sizer);
-                break;
             }
-        }
-        return size;
-    }
-    for (const Varying* f = plan->fields, *end = f + plan->count; f != end; ++f) {
-        const char* field = at + f->offset;
-        switch (f->holds) {
-        case Holds::Text: size += GetExtraSize(*reinterpret_cast<const std::string*>(field), sizer); break;
-        case Holds::OptText:
-            if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(field)->GetPtr())
-                size += sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
             break;
-        case Holds::Ref:
-        case Holds::Value:
-            if (const Any* value = reinterpret_cast<const RefSlot*>(field)->Get()) size += value->_GetSize(sizer);
-            break;
+        default: return size;  // the runs that hold memory come first
         }
     }
     return size;
@@ -446,9 +340,8 @@ const SizePlan* MakePlan(const FieldLayout& layout) {
 bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
     auto* a = static_cast<const char*>(mine);
     auto* b = static_cast<const char*>(theirs);
-    const PropertyTypeInfo* p = layout.properties;
-    for (const FieldDesc *f = layout.fields, *end = f + layout.count; f != end; ++f, ++p)
-        if (!FieldEqual(*f, *p, a, b, partial)) return false;
+    for (const FieldDesc *f = layout.fields, *end = f + layout.count; f != end; ++f)
+        if (!FieldEqual(layout, *f, a, b, partial)) return false;
     return true;
 }
 
@@ -456,19 +349,19 @@ namespace {
 
 // The first field from `from` on at which the two objects differ, or the layout's count.
 uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a, const char* b) {
-    const PropertyTypeInfo* p = layout.properties + from;
     const FieldDesc* begin = layout.fields;
-    for (const FieldDesc *f = begin + from, *end = begin + layout.count; f != end; ++f, ++p)
-        if (!FieldEqual(*f, *p, a, b, false)) return static_cast<uint32_t>(f - begin);
+    for (const FieldDesc *f = begin + from, *end = begin + layout.count; f != end; ++f)
+        if (!FieldEqual(layout, *f, a, b, false)) return static_cast<uint32_t>(f - begin);
     return layout.count;
 }
 
 [[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
                                      const std::string& prefix, PropertyDiffSet& diffs) {
     const PropertyTypeInfo& p = layout.properties[i];
+    const size_t name = std::strlen(p.name);
     std::string path;
-    path.reserve(prefix.size() + 1 + std::strlen(p.name));
-    path.append(prefix).append(1, '.').append(p.name);
+    path.reserve(prefix.size() + 1 + name);
+    path.append(prefix).append(1, '.').append(p.name, name);
     if (layout.fields[i].storage == Storage::Slot) {
         DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
                              At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
@@ -493,12 +386,7 @@ unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
     // Only strings and counted values hold memory beyond the object; everything else is in the class's
     // own size, which the caller counts once.
     auto* at = static_cast<const char*>(object);
-    bool kept = true;
-    const SizePlan* plan = gPlans.Get(&layout, [&] { return MakePlan(layout); }, &kept);
-    unsigned size = ExtraSize(plan, at, sizer);
-    if (!kept) [[unlikely]]
-        ::operator delete(const_cast<SizePlan*>(plan));  // the table is full: a plan for this call only
-    return size;
+    return sizer == &IdentitySizer ? HeldSize<true>(layout, at, sizer) : HeldSize<false>(layout, at, sizer);
 }
 
 void NoGet(DataObject*, int, void*) {}

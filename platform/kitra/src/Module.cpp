@@ -36,7 +36,9 @@ Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* 
 
 unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
                 const Kitra::FieldLayout& layout, const void* object) {
-    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + Kitra::Fields::ExtraSize(layout, object, sizer);
+    const unsigned extra = Kitra::Fields::ExtraSize(layout, object, sizer);
+    if (sizer == &Kitra::IdentitySizer) return ownSize + (baseTotal - baseSize) + extra;
+    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + extra;
 }
 
 void RegisterModule(const ModuleInfo& module) {

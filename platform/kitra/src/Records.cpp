@@ -42,13 +42,13 @@ Any* NewMethodFaultArray() { return new (std::nothrow) DataArray<MethodFault>();
 Any* NewRuntimeFaultArray() { return new (std::nothrow) DataArray<RuntimeFault>(); }
 
 const DataTypeInfo kDynamicData = {&gDynamicDataTypeInfo, nullptr, nullptr, &Fields::NoGet, &Fields::NoSet,
-                                   &Fields::AlwaysSet, &Fields::NoInit, &NewDynamicData, &NewDynamicDataArray};
+                                   &Fields::AlwaysSet, &Fields::NoInit, &NewDynamicData, &NewDynamicDataArray, nullptr};
 const DataTypeInfo kMethodFault = {&gMethodFaultTypeInfo, &gDynamicDataTypeInfo, nullptr, &Fields::NoGet,
                                    &Fields::NoSet, &Fields::AlwaysSet, &Fields::NoInit, &NewMethodFault,
-                                   &NewMethodFaultArray};
+                                   &NewMethodFaultArray, nullptr};
 const DataTypeInfo kRuntimeFault = {&gRuntimeFaultTypeInfo, &gMethodFaultTypeInfo, nullptr, &Fields::NoGet,
                                     &Fields::NoSet, &Fields::AlwaysSet, &Fields::NoInit, &NewRuntimeFault,
-                                    &NewRuntimeFaultArray};
+                                    &NewRuntimeFaultArray, nullptr};
 ManagedMethod* gManagedObjectMethodObjects[1];
 const ManagedTypeInfo kManagedObject = {&gManagedObjectTypeInfo, nullptr, nullptr, nullptr, nullptr, nullptr,
                                         gManagedObjectMethodObjects};

@@ -117,7 +117,9 @@ const std::vector<PropertyDesc>& DataObjectType::GetProperties() const {
         if (const PropertyTypeInfo* p = dataInfo_->properties) {
             for (int i = 0; p[i].name != nullptr; ++i) all.push_back({&p[i], dataInfo_, i});
         }
-        properties_ = std::move(all);
+        // Unresolved (the base is not registered), the list is made again on each call: it is replaced only
+        // when it changed, which it does only when the base appears, so what callers hold stays valid.
+        if (all.size() != properties_.size()) properties_ = std::move(all);
         propertiesResolved_.store(dataInfo_->base == nullptr || base != nullptr, std::memory_order_release);
     }
     return properties_;

@@ -67,11 +67,27 @@ struct FieldDesc {
     Storage storage;
 };
 
+// A class's fields grouped by storage class: `runs[0]` runs follow, each a header (storage class in the top
+// byte, field count below) and then per field its offset, or for counted values (Storage::Slot) its index.
+// Strings, optional strings and counted values come first, in that order: the fields that may hold memory
+// beyond the object. Worked out at compile time from the field descriptions (Binding::FieldTable).
+constexpr uint32_t RunHeader(Storage storage, uint32_t count) { return uint32_t(storage) << 24 | count; }
+constexpr Storage RunStorage(uint32_t header) { return static_cast<Storage>(header >> 24); }
+constexpr uint32_t RunCount(uint32_t header) { return header & 0xFFFFFFu; }
+constexpr int kStorageCount = int(Storage::Slot) + 1;
+// The order of the runs.
+constexpr Storage kRunOrder[kStorageCount] = {
+    Storage::String, Storage::OptString, Storage::Slot,  Storage::I32,    Storage::OptI32, Storage::I64,   Storage::OptI64,
+    Storage::I16,    Storage::OptI16,    Storage::I8,    Storage::OptI8,  Storage::Bool,   Storage::OptBool, Storage::F32,
+    Storage::OptF32, Storage::F64,       Storage::OptF64, Storage::Date,  Storage::OptDate,
+};
+
 // How a generated class describes its own fields to the generic operations.
 struct FieldLayout {
     const PropertyTypeInfo* properties;
     const FieldDesc* fields;
     uint32_t count;
+    const uint32_t* runs;
 };
 
 namespace Fields {

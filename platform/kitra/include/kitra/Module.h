@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <type_traits>
 
 #include <kitra/Kitra.h>
 
@@ -50,19 +51,33 @@ struct FieldRow {
         : property{name, nullptr, extra, type, flags, version}, field{static_cast<uint32_t>(offset), storage} {}
 };
 
-// The property records (null-terminated, as the type's record expects them) and the field descriptions of
-// a class with `N` own fields, made at compile time from one row per field.
+// The property records (null-terminated, as the type's record expects them), the field descriptions and
+// the fields grouped by storage class (FieldLayout::runs) of a class with `N` own fields, made at compile
+// time from one row per field.
 template <size_t N>
 struct FieldTable {
+    static_assert(N < 0x1000000);
     PropertyTypeInfo properties[N + 1];
     FieldDesc fields[N];
+    uint32_t runs[1 + N + (N < kStorageCount ? N : kStorageCount)];
 
-    constexpr explicit FieldTable(const FieldRow (&rows)[N]) : properties{}, fields{} {
+    constexpr explicit FieldTable(const FieldRow (&rows)[N]) : properties{}, fields{}, runs{} {
         for (size_t i = 0; i < N; ++i) {
             properties[i] = rows[i].property;
             fields[i] = rows[i].field;
         }
         properties[N] = {nullptr, nullptr, nullptr, nullptr, kFlagTerminator, nullptr};
+        uint32_t* at = runs + 1;
+        for (Storage storage : kRunOrder) {
+            uint32_t* header = at;
+            for (size_t i = 0; i < N; ++i)
+                if (fields[i].storage == storage)
+                    *++at = storage == Storage::Slot ? static_cast<uint32_t>(i) : fields[i].offset;
+            if (at == header) continue;
+            *header = RunHeader(storage, static_cast<uint32_t>(at - header));
+            ++at;
+            ++runs[0];
+        }
     }
 };
 
@@ -98,16 +113,19 @@ template <class T>
 template <class T>
 constexpr DataTypeInfo DataRecord(const TypeInfo* type, const TypeInfo* base) {
     return {type, base, nullptr, &Fields::NoGet, &Fields::NoSet, &Fields::AlwaysSet, &Fields::NoInit,
-            &NewObject<T>, &NewObjectArray<T>};
+            &NewObject<T>, &NewObjectArray<T>, nullptr};
 }
 // The record of data type `T` whose own fields `fields` describes; `arrays` when one of them is an array
-// (whose initialisation then makes an empty array of the element type).
+// (whose initialisation then makes an empty array of the element type). The record points at `T`'s layout:
+// generated classes derive from one base each, so `T`'s part of any object of a class derived from it
+// starts at the object's own address.
 template <class T, bool arrays, size_t N>
 constexpr DataTypeInfo DataRecord(const TypeInfo* type, const TypeInfo* base, const FieldTable<N>& fields) {
+    static_assert(std::is_base_of_v<DataObject, T> && std::is_polymorphic_v<T>);
     InitPropertyFn init = &Fields::NoInit;
     if constexpr (arrays) init = &InitField<T>;
     return {type, base, fields.properties, &GetField<T>, &SetField<T>, &IsFieldSet<T>, init, &NewObject<T>,
-            &NewObjectArray<T>};
+            &NewObjectArray<T>, &T::_kLayout};
 }
 
 // ---- Registration

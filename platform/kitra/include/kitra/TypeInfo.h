@@ -16,6 +16,7 @@ class DataObject;
 class ManagedObject;
 class ManagedMethod;
 class StubAdapter;
+struct FieldLayout;
 class RequestContext;
 
 // Kinds of type records. The object model's own primitive records use kinds below kKindEnum, one per
@@ -107,6 +108,9 @@ struct DataTypeInfo {
     InitPropertyFn initProperty;
     CreateInstanceFn createInstance;
     CreateArrayFn createArray;
+    // The declaring class's field layout, over an object of that class or a class derived from it; null
+    // for a class without fields of its own.
+    const FieldLayout* layout;
 };
 
 // Server-side dispatch: calls method `index` of the type's method table on an implementation object.
@@ -135,12 +139,12 @@ static_assert(sizeof(TypeInfo) == 4 * sizeof(void*));
 static_assert(sizeof(PropertyTypeInfo) == 6 * sizeof(void*));
 static_assert(sizeof(ParamTypeInfo) == 5 * sizeof(void*));
 static_assert(sizeof(MethodTypeInfo) == 13 * sizeof(void*));
-static_assert(sizeof(DataTypeInfo) == 9 * sizeof(void*));
+static_assert(sizeof(DataTypeInfo) == 10 * sizeof(void*));
 static_assert(sizeof(ManagedTypeInfo) == 7 * sizeof(void*));
 static_assert(sizeof(EnumTypeInfo) == 2 * sizeof(void*));
 static_assert(sizeof(void*) != 4 || (sizeof(TypeInfo) == 16 && sizeof(PropertyTypeInfo) == 24 &&
                                      sizeof(ParamTypeInfo) == 20 && sizeof(MethodTypeInfo) == 52 &&
-                                     sizeof(DataTypeInfo) == 36 && sizeof(ManagedTypeInfo) == 28 &&
+                                     sizeof(DataTypeInfo) == 40 && sizeof(ManagedTypeInfo) == 28 &&
                                      sizeof(EnumTypeInfo) == 8));
 
 // The primitive records.

@@ -18,7 +18,6 @@
 #include <kitra/Primitive.h>
 #include <kitra/fault/types.h>
 
-#include "../FieldProbe.h"
 #include "Internal.h"
 
 namespace Kitra::Soap {
@@ -65,6 +64,8 @@ struct Frame {
     long index;        // item index within an array
     // Data
     const DataObjectType* dataType = nullptr;
+    const PropertyDesc* props = nullptr;  // dataType's properties, all levels
+    size_t propCount = 0;
     Fundix::Ref<DataObject> object;
     // The properties met so far, a bit each: in place for up to 128 properties (every record of the
     // interface), so that a record costs no allocation of its own beyond the object.
@@ -266,9 +267,11 @@ private:
 
     // ---- Structure
 
-    void Push(Frame frame) {
+    // Opens a frame in place on the stack (a frame is large: it is never moved while open).
+    template <class... Args>
+    Frame& Push(Args&&... args) {
         if (stack_.size() > limits_.maxDepth) Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
-        stack_.push_back(std::move(frame));
+        return stack_.emplace_back(std::forward<Args>(args)...);
     }
 
     const char* Attr(const XML_Char** attrs, std::string_view uri, std::string_view local) const {
@@ -279,19 +282,20 @@ private:
 
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
-        std::string_view uri = Uri(name);
-        std::string_view local = Local(name);
+        const char* sep = std::strchr(name, kSep);
+        std::string_view uri = sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
+        std::string_view local = sep != nullptr ? std::string_view(sep + 1) : std::string_view(name);
         switch (parent.kind) {
         case Kind::Document:
             if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
-            Push(Frame{Kind::Envelope});
+            Push(Kind::Envelope);
             return;
         case Kind::Envelope:
             if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
-                Push(Frame{Kind::Header});
+                Push(Kind::Header);
             } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
                 haveBody_ = true;
-                Push(Frame{Kind::Body});
+                Push(Kind::Body);
             } else {
                 Fail("unexpected element " + std::string(local) + " in the envelope");
             }
@@ -299,26 +303,26 @@ private:
         case Kind::Header:
             if (uri == kKodlNs && local == "versionId") {
                 text_.clear();
-                Push(Frame{Kind::VersionId});
+                Push(Kind::VersionId);
                 return;
             }
             if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand"); mu != nullptr && std::string_view(mu) == "1")
                 Fail("header " + std::string(local) + " is not understood");
-            Push(Frame{Kind::Skip});
+            Push(Kind::Skip);
             return;
         case Kind::Skip:
         case Kind::VersionId:
         case Kind::FaultText:
             if (parent.kind != Kind::Skip) Fail("unexpected element " + std::string(local));
-            Push(Frame{Kind::Skip});
+            Push(Kind::Skip);
             return;
         case Kind::Body: StartTop(uri, local, attrs); return;
         case Kind::Fault:
             if (!uri.empty()) Fail("unexpected element " + std::string(local) + " in a fault");
             if (local == "detail") {
-                Push(Frame{Kind::Detail});
+                Push(Kind::Detail);
             } else if (local == "faultcode" || local == "faultstring" || local == "faultactor") {
-                Push(Frame{Kind::FaultText});
+                Push(Kind::FaultText);
             } else {
                 Fail("unexpected element " + std::string(local) + " in a fault");
             }
@@ -384,7 +388,7 @@ private:
         topIndex_ = stack_.size();
         if (uri == kEnvelopeNs && local == "Fault") {
             message_.kind = MessageKind::Fault;
-            Push(Frame{Kind::Fault});
+            Push(Kind::Fault);
             return;
         }
         CheckNamespace(uri, local);
@@ -403,7 +407,7 @@ private:
                          std::string(local));
                 message_.method = const_cast<ManagedMethod*>(expected_);
             }
-            Push(Frame{message_.kind == MessageKind::Request ? Kind::Request : Kind::Response});
+            Push(message_.kind == MessageKind::Request ? Kind::Request : Kind::Response);
             return;
         }
         bool response = local.size() > 8 && local.substr(local.size() - 8) == "Response";
@@ -423,7 +427,7 @@ private:
             message_.arguments.resize(n);
             paramSeen_.assign(n, false);
         }
-        Push(Frame{response ? Kind::Response : Kind::Request});
+        Push(response ? Kind::Response : Kind::Request);
     }
 
     void CheckNamespace(std::string_view uri, std::string_view local) {
@@ -522,15 +526,15 @@ private:
         if (index < 0)
             Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(),
                  std::string(local).c_str());
-        const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(index)];
+        const PropertyDesc& d = parent.props[index];
         const PropertyTypeInfo& p = *d.info;
-        if (!codec_.Includes(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
+        if (!Included(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
         bool array = (p.flags & kFlagArray) != 0;
         uint64_t bit = uint64_t(1) << (index % 64);
         uint64_t& word = parent.Seen(static_cast<size_t>(index / 64));
         if (!array && (word & bit)) Fail("property given twice", p.name);
         word |= bit;
-        const Type* declared = Detail::TypeOf(p.type);
+        const Type* declared = Declared(p);
         long item = -1;
         if (array) {
             ArrayBase* a = FieldArray(parent, index, d, declared);
@@ -548,10 +552,10 @@ private:
     // Children usually come in declaration order, an array's items one after another: try the property
     // after the last one found, then that one again, before searching.
     int FindField(Frame& frame, std::string_view local) {
-        const auto& props = frame.dataType->GetProperties();
-        int n = static_cast<int>(props.size());
+        const int n = static_cast<int>(frame.propCount);
+        // `local` ends where expat's name does, at a terminating zero.
         for (int i : {frame.lastField + 1, frame.lastField}) {
-            if (i >= 0 && i < n && local == props[static_cast<size_t>(i)].info->name) return frame.lastField = i;
+            if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0) return frame.lastField = i;
         }
         int found = frame.dataType->FindProperty(local);
         if (found >= 0) frame.lastField = found;
@@ -565,6 +569,32 @@ private:
         if (local != Detail::ItemName(element)) Fail("unexpected item " + std::string(local));
         if (a->GetLength() >= limits_.maxArrayLength) Fail(ArrayLimit());
         StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
+    }
+
+    // The type a property declares (Detail::TypeOf), remembered for the properties a message meets most.
+    const Type* Declared(const PropertyTypeInfo& p) {
+        const size_t h = (reinterpret_cast<uintptr_t>(&p) / sizeof(PropertyTypeInfo)) & (kDeclaredCache - 1);
+        if (declaredKeys_[h] == &p) return declaredTypes_[h];
+        const Type* type = Detail::TypeOf(p.type);
+        declaredKeys_[h] = &p;
+        declaredTypes_[h] = type;
+        return type;
+    }
+
+    // Codec::Includes and Codec::Knows, remembered for the first few version words a message meets (a
+    // message meets few: its records' fields share the words of their module).
+    bool Included(const char* version) {
+        for (size_t i = 0; i < versionsKept_; ++i)
+            if (versionKeys_[i] == version) return versionIncluded_[i];
+        const bool included = codec_.Includes(version);
+        if (versionsKept_ < kVersionCache) {
+            versionKeys_[versionsKept_] = version;
+            versionIncluded_[versionsKept_++] = included;
+        }
+        return included;
+    }
+    bool Knows(const Type* type) {
+        return type->GetKind() == kKindArray ? codec_.Knows(type) : Included(type->GetVersion());
     }
 
     std::string ArrayLimit() const { return "array longer than " + std::to_string(limits_.maxArrayLength) + " items"; }
@@ -647,17 +677,17 @@ private:
 
     // Opens an element holding one value of `declared` (null: the value must name its type).
     void StartValue(const char* name, const Type* declared, const char** attrs, Slot slot, long index = -1) {
-        if (const char* nil = Attr(attrs, kXsiNs, "nil"); nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
+        const bool attributes = attrs[0] != nullptr;  // most values come without
+        if (const char* nil = attributes ? Attr(attrs, kXsiNs, "nil") : nullptr; nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
             // Absent: a required property or parameter given as nil is then missing.
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
                 parent.Seen(static_cast<size_t>(slot.prop / 64)) &= ~(uint64_t(1) << (slot.prop % 64));
-            Frame f(Kind::Nil, slot, name, index);
-            Push(std::move(f));
+            Push(Kind::Nil, slot, name, index);
             return;
         }
         const Type* type = declared;
-        if (const char* xsi = Attr(attrs, kXsiNs, "type")) {
+        if (const char* xsi = attributes ? Attr(attrs, kXsiNs, "type") : nullptr) {
             const Type* named = ResolveQName(xsi);
             if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
                 bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
@@ -668,7 +698,7 @@ private:
         } else if (declared == nullptr || declared->GetKind() == kKindAnyType) {
             Fail("a value of type anyType needs xsi:type", name);
         }
-        if (!codec_.Knows(type) && type->GetKind() != kKindManaged)
+        if (type->GetKind() != kKindManaged && !Knows(type))
             Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name, name);
         slot.type = type;
         if (const DataObjectType* data = type->AsDataObjectType()) {
@@ -676,45 +706,45 @@ private:
             return;
         }
         if (type->GetKind() == kKindArray) {
-            Frame f(Kind::AnyArray, slot, name, index);
-            f.anyArray = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
-            if (f.anyArray == nullptr) throw std::bad_alloc();
-            Push(std::move(f));
+            Fundix::Ref<ArrayBase> array = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
+            if (array == nullptr) throw std::bad_alloc();
+            Push(Kind::AnyArray, slot, name, index).anyArray = std::move(array);
             return;
         }
-        Frame f(Kind::Leaf, slot, name, index);
-        if (type->GetKind() == kKindManaged) {
-            const char* refType = Attr(attrs, "", "type");
-            if (refType == nullptr) Fail("a reference needs its type", name);
-            const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
-            bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
-            if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
-                // A place for any managed object may name a type of another library by its own name,
-                // as the writer sends it.
-                f.refName = refType;
-                text_.clear();
-                Push(std::move(f));
-                return;
-            }
-            if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
-            if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
-            if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
-                !t->IsA(declared))
-                Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
-            f.refType = t;
-        }
         text_.clear();
-        Push(std::move(f));
+        if (type->GetKind() != kKindManaged) {
+            Push(Kind::Leaf, slot, name, index);
+            return;
+        }
+        const char* refType = Attr(attrs, "", "type");
+        if (refType == nullptr) Fail("a reference needs its type", name);
+        const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
+        bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
+        if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
+            // A place for any managed object may name a type of another library by its own name,
+            // as the writer sends it.
+            Push(Kind::Leaf, slot, name, index).refName = refType;
+            return;
+        }
+        if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
+        if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+        if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
+            !t->IsA(declared))
+            Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
+        Push(Kind::Leaf, slot, name, index).refType = t;
     }
 
     void StartData(const char* name, const DataObjectType* type, Slot slot, long index = -1) {
-        Frame f(Kind::Data, slot, name, index);
+        Fundix::Ref<DataObject> object = type->CreateInstance();
+        if (object == nullptr) throw std::bad_alloc();
+        const std::vector<PropertyDesc>& props = type->GetProperties();
+        Frame& f = Push(Kind::Data, slot, name, index);
         f.dataType = type;
-        f.object = type->CreateInstance();
-        if (f.object == nullptr) throw std::bad_alloc();
-        const size_t words = type->GetProperties().size() / 64 + 1;
+        f.props = props.data();
+        f.propCount = props.size();
+        f.object = std::move(object);
+        const size_t words = props.size() / 64 + 1;
         if (words > 2) f.seenMore.assign(words - 2, 0);
-        Push(std::move(f));
     }
 
     // The missing-required rule, and empty arrays for absent required ones.
@@ -769,9 +799,9 @@ private:
         const Slot& slot = child.slot;
         switch (parent.kind) {
         case Kind::Data: {
-            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(slot.prop)];
+            const PropertyDesc& d = parent.props[slot.prop];
             if (slot.array) {
-                ArrayBase* a = FieldArray(parent, slot.prop, d, Detail::TypeOf(d.info->type));
+                ArrayBase* a = FieldArray(parent, slot.prop, d, Declared(*d.info));
                 Append(a, value.Get());
             } else {
                 StoreSlot(parent.object.Get(), d, value);
@@ -895,7 +925,7 @@ private:
         uint32_t kind = type->GetKind();
         Frame& parent = stack_[stack_.size() - 2];
         if (parent.kind == Kind::Data) {
-            const PropertyDesc& d = parent.dataType->GetProperties()[static_cast<size_t>(leaf.slot.prop)];
+            const PropertyDesc& d = parent.props[leaf.slot.prop];
             if (leaf.slot.array) {
                 ArrayBase* a = FieldArray(parent, leaf.slot.prop, d, type);
                 if (AppendText(a, kind, type)) return nullptr;
@@ -924,7 +954,7 @@ private:
     // The field of `d` in `object`, straight from its class's layout, when that layout is known and the
     // field is stored as `expected`; else null, and the caller goes through the record's functions.
     static char* FieldAt(DataObject* object, const PropertyDesc& d, Storage expected) {
-        const FieldLayout* layout = Fields::LayoutOf(d.owner, object);
+        const FieldLayout* layout = d.owner->layout;
         if (layout == nullptr || d.localIndex < 0 || static_cast<uint32_t>(d.localIndex) >= layout->count) return nullptr;
         const FieldDesc& f = layout->fields[d.localIndex];
         if (f.storage != expected) return nullptr;
@@ -1045,6 +1075,13 @@ private:
     size_t topIndex_ = 0;
     std::vector<bool> paramSeen_;
     Message message_;
+    static constexpr size_t kDeclaredCache = 128;
+    const PropertyTypeInfo* declaredKeys_[kDeclaredCache] = {};
+    const Type* declaredTypes_[kDeclaredCache] = {};
+    static constexpr size_t kVersionCache = 16;
+    size_t versionsKept_ = 0;
+    const char* versionKeys_[kVersionCache] = {};
+    bool versionIncluded_[kVersionCache] = {};
 
 public:
     const ManagedMethod* expected_ = nullptr;
