@@ -21,6 +21,8 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
+#include "Faults.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -32,19 +34,6 @@ using namespace std::chrono_literals;
 
 constexpr const char* kFail = "failIfActiveTask";
 constexpr const char* kCancel = "cancelActiveTask";
-
-template <class Fault, class F>
-Ref<Fault> ExpectFault(F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no fault";
-    } catch (const typename Fault::Exception& e) {
-        return e.GetFault();
-    } catch (const Fundix::Exception& e) {
-        ADD_FAILURE() << "raised " << e.GetMessage();
-    }
-    return nullptr;
-}
 
 // One service on loopback, its conversions taking the time a test asks for, and a client logged in to it.
 class OperationsTest : public ::testing::Test {

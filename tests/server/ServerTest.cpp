@@ -27,24 +27,12 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
+#include "Faults.h"
+
 namespace {
 
 using Fundix::Ref;
 using MorphelServer::Service;
-
-// The fault of class `Fault` that `f` raises, or null (and a failure) when it raises another or none.
-template <class Fault, class F>
-Ref<Fault> ExpectFault(F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no fault";
-    } catch (const typename Fault::Exception& e) {
-        return e.GetFault();
-    } catch (const Fundix::Exception& e) {
-        ADD_FAILURE() << "raised " << e.GetMessage();
-    }
-    return nullptr;
-}
 
 class ServerTest : public ::testing::Test {
 protected:
