@@ -14,6 +14,8 @@
 #include <morphel/fault/types.h>
 #include <morphel/params/types.h>
 
+#include "Postgres.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -79,14 +81,23 @@ MorphelServer::TaskRecord Task(const std::string& id) {
 
 class StateTest : public ::testing::TestWithParam<const char*> {
 protected:
+    void SetUp() override {
+        if (std::string(GetParam()) != "postgres") return;
+        auto& cluster = TestPostgres::Cluster::Get();
+        if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
+        conninfo_ = cluster.NewDatabase();
+        ASSERT_FALSE(conninfo_.empty());
+    }
     std::unique_ptr<MorphelServer::State> Open() {
         if (std::string(GetParam()) == "memory") return MorphelServer::NewMemoryState();
+        if (std::string(GetParam()) == "postgres") return MorphelServer::NewPostgresState(conninfo_);
         return MorphelServer::NewSqliteState(folder_.path + "/state.db");
     }
     TempFolder folder_;
+    std::string conninfo_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Stores, StateTest, ::testing::Values("memory", "sqlite"));
+INSTANTIATE_TEST_SUITE_P(Stores, StateTest, ::testing::Values("memory", "sqlite", "postgres"));
 
 TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
     auto state = Open();

@@ -52,7 +52,8 @@ void Usage(std::FILE* out) {
         "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
         "                ~/.local/state/morphel-server): the database state.db and the certificate\n"
         "  --database    the database file that keeps jobs, tasks, events and collectors (default\n"
-        "                <state folder>/state.db)\n"
+        "                <state folder>/state.db), or a postgresql://USER@HOST:PORT/DB database,\n"
+        "                which several servers may share (with sessions)\n"
         "  --memory      keep them in memory only: lost when the server stops\n"
         "  --max-events  the most events kept (default 10000; 0: no limit)\n"
         "  --max-event-age  the oldest events kept, a number with s, m, h or d (default 7d; 0: no limit)\n"
@@ -190,7 +191,12 @@ int main(int argc, char** argv) {
                 std::filesystem::permissions(stateFolder, std::filesystem::perms::owner_all);
                 database = (std::filesystem::path(stateFolder) / "state.db").string();
             }
-            options.state = MorphelServer::NewSqliteState(database);
+            if (MorphelServer::IsPostgresUri(database)) {
+                options.state = MorphelServer::NewPostgresState(database);
+                database = MorphelServer::DescribePostgres(database);
+            } else {
+                options.state = MorphelServer::NewSqliteState(database);
+            }
         } catch (const std::exception& e) {
             std::fprintf(stderr, "morphel-server: %s\n", e.what());
             return 1;

@@ -141,4 +141,21 @@ struct SqliteOptions {
 // newer server, or is held by another process.
 std::unique_ptr<State> NewSqliteState(const std::string& path, const SqliteOptions& options = {});
 
+struct PostgresOptions {
+    // The API version records are written in; each is read back in the version it was written in.
+    std::string version = "morphel.version.version4";
+};
+
+// The state in the PostgreSQL database `conninfo` names (a postgresql:// URI or key=value pairs), with the
+// same tables and record encoding as the SQLite store; the tables are created when missing. Several
+// processes may use one database at once: their transactions run one after another. Throws
+// std::runtime_error naming the server (host, port, database, user; never the password) when it cannot
+// be reached, holds no state database or was written by a newer server.
+std::unique_ptr<State> NewPostgresState(const std::string& conninfo, const PostgresOptions& options = {});
+
+// Whether `database` names a PostgreSQL database (postgresql:// or postgres://) rather than a file.
+bool IsPostgresUri(const std::string& database);
+// The server, port, database and user `conninfo` names, for messages: never its password.
+std::string DescribePostgres(const std::string& conninfo);
+
 }  // namespace MorphelServer
