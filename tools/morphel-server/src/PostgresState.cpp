@@ -51,6 +51,11 @@ constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
 // The advisory lock every transaction takes (an arbitrary number of this store's own).
 const char kLock[] = "SELECT pg_advisory_xact_lock(7262733206)";
+// Every process holds this one shared while it has the state open; it goes with its connection, so a
+// process that ended, however, holds it no more.
+const char kOpenLock[] = "SELECT pg_advisory_lock_shared(7262733207)";
+const char kTryAlone[] = "SELECT pg_try_advisory_lock(7262733207)";
+const char kUnlockAlone[] = "SELECT pg_advisory_unlock(7262733207)";
 
 // The server a connection string names, for messages: never the password. Null for a string libpq cannot
 // read (its message may quote any part of it).
@@ -91,6 +96,7 @@ public:
         if (PQstatus(conn_) != CONNECTION_OK)
             throw std::runtime_error(where_ + ": cannot be reached: " + Trimmed(PQerrorMessage(conn_)));
         Exec("SET client_min_messages = warning");
+        Exec(kOpenLock);
             InTransaction([&] {
                 Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
                 Result read = Run("SELECT version FROM schemaVersion", {});
@@ -103,7 +109,10 @@ public:
 
     void Transact(const std::function<void(StateTransaction&)>& work) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (PQstatus(conn_) != CONNECTION_OK) PQreset(conn_);  // lost: try once to connect again
+        if (PQstatus(conn_) != CONNECTION_OK) {  // lost: try once to connect again
+            PQreset(conn_);
+            if (PQstatus(conn_) == CONNECTION_OK) Exec(kOpenLock);
+        }
         try {
             InTransaction([&] {
                 ReadNewEvents();
@@ -119,6 +128,14 @@ public:
         if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
         pending_.clear();
         cacheDropped_ = pendingDropped_ = 0;
+    }
+
+    bool OpenElsewhere() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Result r = Run(kTryAlone, {});
+        if (Text(r, 0, 0) != "t") return true;
+        Exec(kUnlockAlone);
+        return false;
     }
 
 private:

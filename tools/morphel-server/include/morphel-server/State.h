@@ -110,6 +110,10 @@ public:
     // anything.
     virtual void Transact(const std::function<void(StateTransaction&)>& work) = 0;
 
+    // Whether another process has this state open now (a database several servers share); a server that
+    // starts fails the tasks left queued or running only when none has: they may still be running there.
+    virtual bool OpenElsewhere() { return false; }
+
     // Transact for a `work` that returns a value.
     template <class F>
     auto Run(F&& work) -> std::invoke_result_t<F&, StateTransaction&> {
