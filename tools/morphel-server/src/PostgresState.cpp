@@ -10,6 +10,7 @@
 // transaction it reads the events appended since its last one and forgets those another process dropped.
 #include <libpq-fe.h>
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <iterator>
@@ -45,12 +46,18 @@ const char* const kSchemaSteps[] = {
     " event TEXT NOT NULL);"
     "CREATE TABLE collectors (id TEXT PRIMARY KEY, owner TEXT NOT NULL, version TEXT NOT NULL,"
     " filter TEXT NOT NULL, after INTEGER NOT NULL, pageSize INTEGER NOT NULL);"
-    "CREATE INDEX collectorsByOwner ON collectors (owner);",
+    "CREATE INDEX collectorsByOwner ON collectors (owner);"
+    // The HTTP sessions of every server on the database; times in microseconds of the wall clock.
+    "CREATE TABLE sessions (key TEXT PRIMARY KEY, userName TEXT NOT NULL, vals BYTEA NOT NULL,"
+    " opened BIGINT NOT NULL, used BIGINT NOT NULL);"
+    "CREATE INDEX sessionsByUser ON sessions (userName);",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
 // The advisory lock every transaction takes (an arbitrary number of this store's own).
 const char kLock[] = "SELECT pg_advisory_xact_lock(7262733206)";
+// Sessions are changed under a lock of their own.
+const char kSessionsLock[] = "SELECT pg_advisory_xact_lock(7262733208)";
 // Every process holds this one shared while it has the state open; it goes with its connection, so a
 // process that ended, however, holds it no more.
 const char kOpenLock[] = "SELECT pg_advisory_lock_shared(7262733207)";
@@ -85,60 +92,18 @@ std::string Trimmed(const char* message) {
     return text;
 }
 
-class PostgresState : public State, private StateTransaction {
+// A connection to the server, one user at a time, with its statements' helpers.
+class Connection {
 public:
-    PostgresState(const std::string& conninfo, const PostgresOptions& options)
-        : connection_(Connect(conninfo), &PQfinish),
-          conn_(connection_.get()),
-          where_(*Describe(conninfo)),
-          codec_(where_, options.version) {
+    explicit Connection(const std::string& conninfo)
+        : connection_(Connect(conninfo), &PQfinish), conn_(connection_.get()), where_(*Describe(conninfo)) {
         if (conn_ == nullptr) throw std::runtime_error(where_ + ": cannot be reached: out of memory");
         if (PQstatus(conn_) != CONNECTION_OK)
             throw std::runtime_error(where_ + ": cannot be reached: " + Trimmed(PQerrorMessage(conn_)));
         Exec("SET client_min_messages = warning");
-        Exec(kOpenLock);
-            InTransaction([&] {
-                Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
-                Result read = Run("SELECT version FROM schemaVersion", {});
-                int64_t version = PQntuples(read.get()) != 0 ? Int(read, 0, 0) : 0;
-                MigrateSchema(where_, version, kSchemaSteps, [&](const char* sql) { Exec(sql); });
-                if (PQntuples(read.get()) == 0) Exec("INSERT INTO schemaVersion VALUES (0)");
-                Run("UPDATE schemaVersion SET version = $1", {std::to_string(kSchemaVersion)});
-            });
     }
 
-    void Transact(const std::function<void(StateTransaction&)>& work) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (PQstatus(conn_) != CONNECTION_OK) {  // lost: try once to connect again
-            PQreset(conn_);
-            if (PQstatus(conn_) == CONNECTION_OK) Exec(kOpenLock);
-        }
-        try {
-            InTransaction([&] {
-                ReadNewEvents();
-                work(*this);
-            });
-        } catch (...) {
-            pending_.clear();
-            cacheDropped_ = pendingDropped_ = 0;
-            throw;
-        }
-        cache_.erase(cache_.begin(), cache_.begin() + std::ptrdiff_t(cacheDropped_));
-        cache_.insert(cache_.end(), pending_.begin() + std::ptrdiff_t(pendingDropped_), pending_.end());
-        if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
-        pending_.clear();
-        cacheDropped_ = pendingDropped_ = 0;
-    }
-
-    bool OpenElsewhere() override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        Result r = Run(kTryAlone, {});
-        if (Text(r, 0, 0) != "t") return true;
-        Exec(kUnlockAlone);
-        return false;
-    }
-
-private:
+protected:
     static PGconn* Connect(const std::string& conninfo) {
         if (!Describe(conninfo)) throw std::runtime_error("PostgreSQL server: the connection string is malformed");
         return PQconnectdb(conninfo.c_str());
@@ -148,10 +113,10 @@ private:
 
     // Runs `body` between BEGIN and COMMIT under the lock; rolls back when it throws.
     template <class F>
-    void InTransaction(F&& body) {
+    void InTransaction(F&& body, const char* lock = kLock) {
         Exec("BEGIN");
         try {
-            Exec(kLock);
+            Exec(lock);
             body();
             Exec("COMMIT");
         } catch (...) {
@@ -170,7 +135,7 @@ private:
     }
     void Exec(const char* sql) { Check(Result(PQexec(conn_, sql), &PQclear), sql); }
     // A statement with text parameters ($1, ...); a parameter in `binary` goes as bytes (a bytea).
-    Result Run(const char* sql, const std::vector<std::optional<std::string>>& params, int binary = -1) {
+    Result Query(const char* sql, const std::vector<std::optional<std::string>>& params, int binary = -1) {
         std::vector<const char*> values;
         std::vector<int> lengths, formats;
         for (size_t i = 0; i < params.size(); ++i) {
@@ -199,12 +164,65 @@ private:
     }
     static bool Changed(const Result& r) { return std::string(PQcmdTuples(r.get())) != "0"; }
 
+    std::unique_ptr<PGconn, decltype(&PQfinish)> connection_;
+    PGconn* const conn_;
+    const std::string where_;
+};
+
+class PostgresState : public State, private Connection, private StateTransaction {
+public:
+    PostgresState(const std::string& conninfo, const PostgresOptions& options)
+        : Connection(conninfo), codec_(where_, options.version) {
+        Exec(kOpenLock);
+            InTransaction([&] {
+                Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
+                Result read = Query("SELECT version FROM schemaVersion", {});
+                int64_t version = PQntuples(read.get()) != 0 ? Int(read, 0, 0) : 0;
+                MigrateSchema(where_, version, kSchemaSteps, [&](const char* sql) { Exec(sql); });
+                if (PQntuples(read.get()) == 0) Exec("INSERT INTO schemaVersion VALUES (0)");
+                Query("UPDATE schemaVersion SET version = $1", {std::to_string(kSchemaVersion)});
+            });
+    }
+
+    void Transact(const std::function<void(StateTransaction&)>& work) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (PQstatus(conn_) != CONNECTION_OK) {  // lost: try once to connect again
+            PQreset(conn_);
+            if (PQstatus(conn_) == CONNECTION_OK) Exec(kOpenLock);
+        }
+        try {
+            InTransaction([&] {
+                ReadNewEvents();
+                work(*this);
+            });
+        } catch (...) {
+            pending_.clear();
+            cacheDropped_ = pendingDropped_ = 0;
+            throw;
+        }
+        cache_.erase(cache_.begin(), cache_.begin() + std::ptrdiff_t(cacheDropped_));
+        cache_.insert(cache_.end(), pending_.begin() + std::ptrdiff_t(pendingDropped_), pending_.end());
+        if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
+        pending_.clear();
+        cacheDropped_ = pendingDropped_ = 0;
+    }
+
+    bool OpenElsewhere() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Result r = Query(kTryAlone, {});
+        if (Text(r, 0, 0) != "t") return true;
+        Exec(kUnlockAlone);
+        return false;
+    }
+
+private:
+
     // Brings the cache to what the database holds: forgets the events dropped since, reads those appended.
     void ReadNewEvents() {
-        Result oldest = Run("SELECT min(key) FROM events", {});
+        Result oldest = Query("SELECT min(key) FROM events", {});
         int64_t first = IsNull(oldest, 0, 0) ? INT64_MAX : Int(oldest, 0, 0);
         while (!cache_.empty() && cache_.front()->GetKey() < first) cache_.pop_front();
-        Result added = Run("SELECT key, version, event FROM events WHERE key > $1 ORDER BY key",
+        Result added = Query("SELECT key, version, event FROM events WHERE key > $1 ORDER BY key",
                            {std::to_string(lastKey_)});
         for (int row = 0; row < PQntuples(added.get()); ++row)
             cache_.push_back(
@@ -213,7 +231,7 @@ private:
     }
 
     int64_t Count(const char* name) {
-        Result r = Run("UPDATE settings SET value = value + 1 WHERE name = $1 RETURNING value - 1", {name});
+        Result r = Query("UPDATE settings SET value = value + 1 WHERE name = $1 RETURNING value - 1", {name});
         if (PQntuples(r.get()) == 0) throw std::runtime_error(where_ + ": the counter " + name + " is missing");
         return Int(r, 0, 0);
     }
@@ -223,17 +241,17 @@ private:
     int64_t NextId() override { return Count("nextId"); }
     int32_t NextChainId() override { return int32_t(Count("nextChainId")); }
     int32_t GetMaxTask() override {
-        Result r = Run("SELECT value FROM settings WHERE name = 'maxTask'", {});
+        Result r = Query("SELECT value FROM settings WHERE name = 'maxTask'", {});
         return PQntuples(r.get()) != 0 ? int32_t(Int(r, 0, 0)) : 100;
     }
     void SetMaxTask(int32_t maxTask) override {
-        Run("UPDATE settings SET value = $1 WHERE name = 'maxTask'", {std::to_string(maxTask)});
+        Query("UPDATE settings SET value = $1 WHERE name = 'maxTask'", {std::to_string(maxTask)});
     }
 
     int32_t AppendEvent(Event* event) override {
         int32_t key = int32_t(Count("nextEventKey"));
         event->SetKey(key);
-        Run("INSERT INTO events (key, createdTime, version, event) VALUES ($1, $2, $3, $4)",
+        Query("INSERT INTO events (key, createdTime, version, event) VALUES ($1, $2, $3, $4)",
             {std::to_string(key), std::to_string(event->GetCreatedTime().GetUtcMicros()), codec_.Version(),
              codec_.Encode(event)});
         pending_.emplace_back(event);
@@ -264,12 +282,12 @@ private:
             return start == events.size();
         };
         if (drop(cache_, cacheDropped_)) drop(pending_, pendingDropped_);
-        if (dropped != 0) Run("DELETE FROM events WHERE key <= $1", {std::to_string(last)});
+        if (dropped != 0) Query("DELETE FROM events WHERE key <= $1", {std::to_string(last)});
         return dropped;
     }
 
     std::vector<std::string> Ids(const char* sql, const std::vector<std::optional<std::string>>& params = {}) {
-        Result r = Run(sql, params);
+        Result r = Query(sql, params);
         std::vector<std::string> ids;
         for (int row = 0; row < PQntuples(r.get()); ++row)
             ids.push_back(Text(r, row, 0));
@@ -294,27 +312,27 @@ private:
         return job;
     }
     std::optional<JobRecord> FindJob(const std::string& id) override {
-        return ReadJob(Run("SELECT id, version, info, spec, extraInfo FROM jobs WHERE id = $1", {id}));
+        return ReadJob(Query("SELECT id, version, info, spec, extraInfo FROM jobs WHERE id = $1", {id}));
     }
     std::optional<JobRecord> FindJobByName(const std::string& name) override {
-        return ReadJob(Run(
+        return ReadJob(Query(
             "SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = $1 ORDER BY id LIMIT 1", {name}));
     }
     void PutJob(const JobRecord& job) override {
         std::optional<std::string> extra;
         if (job.extraInfo != nullptr) extra = codec_.Encode(job.extraInfo.Get());
-        Run("INSERT INTO jobs (id, name, version, info, spec, extraInfo) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query("INSERT INTO jobs (id, name, version, info, spec, extraInfo) VALUES ($1, $2, $3, $4, $5, $6)"
             " ON CONFLICT (id) DO UPDATE SET name = EXCLUDED.name, version = EXCLUDED.version,"
             " info = EXCLUDED.info, spec = EXCLUDED.spec, extraInfo = EXCLUDED.extraInfo",
             {job.id, job.spec->GetName(), codec_.Version(), codec_.Encode(job.info.Get()),
              codec_.Encode(job.spec.Get()), extra});
     }
     bool EraseJob(const std::string& id) override {
-        return Changed(Run("DELETE FROM jobs WHERE id = $1", {id}));
+        return Changed(Query("DELETE FROM jobs WHERE id = $1", {id}));
     }
 
     std::optional<TaskRecord> FindTask(const std::string& id) override {
-        Result r = Run("SELECT jobId, version, info, disks, vmName FROM tasks WHERE id = $1", {id});
+        Result r = Query("SELECT jobId, version, info, disks, vmName FROM tasks WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         TaskRecord task;
         task.id = id;
@@ -332,7 +350,7 @@ private:
         return task;
     }
     void PutTask(const TaskRecord& task) override {
-        Run("INSERT INTO tasks (id, jobId, version, info, disks, vmName) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query("INSERT INTO tasks (id, jobId, version, info, disks, vmName) VALUES ($1, $2, $3, $4, $5, $6)"
             " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, version = EXCLUDED.version,"
             " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName",
             {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks), task.vmName},
@@ -342,13 +360,13 @@ private:
         return Ids("SELECT taskId FROM recentTasks ORDER BY position");
     }
     void AddRecentTask(const std::string& id, size_t keep) override {
-        Run("INSERT INTO recentTasks (taskId) VALUES ($1)", {id});
-        Run("DELETE FROM recentTasks WHERE position <= (SELECT max(position) FROM recentTasks) - $1",
+        Query("INSERT INTO recentTasks (taskId) VALUES ($1)", {id});
+        Query("DELETE FROM recentTasks WHERE position <= (SELECT max(position) FROM recentTasks) - $1",
             {std::to_string(keep)});
     }
 
     std::optional<CollectorRecord> FindCollector(const std::string& id) override {
-        Result r = Run("SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = $1", {id});
+        Result r = Query("SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         CollectorRecord c;
         c.filter = codec_.Decode<Morphel::Event::EventFilterSpec>(Text(r, 0, 0), Text(r, 0, 1), "collector " + id);
@@ -358,23 +376,20 @@ private:
         return c;
     }
     size_t CountCollectors() override {
-        Result r = Run("SELECT count(*) FROM collectors", {});
+        Result r = Query("SELECT count(*) FROM collectors", {});
         return size_t(Int(r, 0, 0));
     }
     void PutCollector(const std::string& id, const CollectorRecord& c) override {
-        Run("INSERT INTO collectors (id, owner, version, filter, after, pageSize) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query("INSERT INTO collectors (id, owner, version, filter, after, pageSize) VALUES ($1, $2, $3, $4, $5, $6)"
             " ON CONFLICT (id) DO UPDATE SET owner = EXCLUDED.owner, version = EXCLUDED.version,"
             " filter = EXCLUDED.filter, after = EXCLUDED.after, pageSize = EXCLUDED.pageSize",
             {id, c.owner, codec_.Version(), codec_.Encode(c.filter.Get()), std::to_string(c.after),
              std::to_string(c.pageSize)});
     }
     bool EraseCollector(const std::string& id) override {
-        return Changed(Run("DELETE FROM collectors WHERE id = $1", {id}));
+        return Changed(Query("DELETE FROM collectors WHERE id = $1", {id}));
     }
 
-    std::unique_ptr<PGconn, decltype(&PQfinish)> connection_;
-    PGconn* const conn_;
-    const std::string where_;
     RecordCodec codec_;
     std::mutex mutex_;
     // The events as of the last transaction, oldest first, and the key of the newest read; during a
@@ -385,7 +400,117 @@ private:
     size_t cacheDropped_ = 0, pendingDropped_ = 0;
 };
 
+// The sessions in the table `sessions`, read at each request, so that a login through one server is known
+// to every other on the database; an ended session is told to the server that noticed it.
+class PostgresSessions : public Kitra::Http::SessionStore, private Connection {
+public:
+    using SessionRef = Fundix::Ref<Kitra::Http::Session>;
+    using Ended = std::vector<SessionRef>;
+
+    PostgresSessions(const std::string& conninfo, const Kitra::Http::SessionLimits& limits)
+        : Connection(conninfo), limits_(limits) {}
+
+    SessionRef Find(const std::string& key, Ended& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        int64_t now = Now();
+        if (now - lastSweep_ >= 1000000) Sweep(now, ended);
+        Result r = Query("UPDATE sessions SET used = $2 WHERE key = $1 AND used > $3 AND opened > $4"
+                       " RETURNING key, userName, vals",
+                       {key, std::to_string(now), std::to_string(now - Micros(limits_.idle)),
+                        std::to_string(now - Micros(limits_.lifetime))});
+        if (PQntuples(r.get()) != 0) return Read(r, 0);
+        // Expired (or none): gone for every server.
+        Result gone = Query("DELETE FROM sessions WHERE key = $1 RETURNING key, userName, vals", {key});
+        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+        return nullptr;
+    }
+    void Add(const SessionRef& session, Ended& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        int64_t now = Now();
+        InTransaction(
+            [&] {
+                Sweep(now, ended);
+                // An account at its cap gives up its least recently used sessions.
+                Result own = Query("SELECT count(*) FROM sessions WHERE userName = $1", {session->GetUserName()});
+                int64_t over = Int(own, 0, 0) - int64_t(limits_.perUser) + 1;
+                if (over > 0) {
+                    Result dropped = Query(
+                        "DELETE FROM sessions WHERE key IN (SELECT key FROM sessions WHERE userName = $1"
+                        " ORDER BY used LIMIT $2) RETURNING key, userName, vals",
+                        {session->GetUserName(), std::to_string(over)});
+                    for (int row = 0; row < PQntuples(dropped.get()); ++row) ended.push_back(Read(dropped, row));
+                }
+                Query("INSERT INTO sessions (key, userName, vals, opened, used) VALUES ($1, $2, $3, $4, $4)",
+                    {session->GetKey(), session->GetUserName(), Values(*session), std::to_string(now)}, 2);
+            },
+            kSessionsLock);
+        Adopt(*session, session->GetValues());
+    }
+    bool Remove(const std::string& key, Ended& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Result gone = Query("DELETE FROM sessions WHERE key = $1 RETURNING key, userName, vals", {key});
+        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+        return PQntuples(gone.get()) != 0;
+    }
+    std::vector<SessionRef> List(Ended& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Sweep(Now(), ended);
+        Result r = Query("SELECT key, userName, vals FROM sessions ORDER BY key", {});
+        std::vector<SessionRef> all;
+        for (int row = 0; row < PQntuples(r.get()); ++row) all.push_back(Read(r, row));
+        return all;
+    }
+    void ValuesChanged(const Kitra::Http::Session& session) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Query("UPDATE sessions SET vals = $2 WHERE key = $1", {session.GetKey(), Values(session)}, 1);
+    }
+
+private:
+    static int64_t Now() {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    }
+    static int64_t Micros(std::chrono::milliseconds d) { return int64_t(d.count()) * 1000; }
+    static std::string Values(const Kitra::Http::Session& session) {
+        std::vector<std::string> items;
+        for (const auto& [name, value] : session.GetValues()) {
+            items.push_back(name);
+            items.push_back(value);
+        }
+        return Join(items);
+    }
+    // Columns: key, userName, vals.
+    SessionRef Read(const Result& r, int row) {
+        SessionRef session(new Kitra::Http::Session(Text(r, row, 0), Text(r, row, 1)));
+        std::map<std::string, std::string> values;
+        try {
+            auto items = Split(Bytes(r, row, 2));
+            for (size_t i = 0; i + 1 < items.size(); i += 2) values[items[i]] = items[i + 1];
+        } catch (const std::exception&) {
+            throw std::runtime_error(where_ + ": session values cannot be read");
+        }
+        Adopt(*session, std::move(values));
+        return session;
+    }
+    void Sweep(int64_t now, Ended& ended) {
+        lastSweep_ = now;
+        Result gone = Query("DELETE FROM sessions WHERE used <= $1 OR opened <= $2 RETURNING key, userName, vals",
+                          {std::to_string(now - Micros(limits_.idle)), std::to_string(now - Micros(limits_.lifetime))});
+        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+    }
+
+    const Kitra::Http::SessionLimits limits_;
+    std::mutex mutex_;
+    int64_t lastSweep_ = 0;
+};
+
 }  // namespace
+
+std::shared_ptr<Kitra::Http::SessionStore> NewPostgresSessionStore(const std::string& conninfo,
+                                                                   const Kitra::Http::SessionLimits& limits) {
+    return std::make_shared<PostgresSessions>(conninfo, limits);
+}
 
 std::string DescribePostgres(const std::string& conninfo) {
     return Describe(conninfo).value_or("PostgreSQL server (a malformed connection string)");

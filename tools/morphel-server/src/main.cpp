@@ -93,6 +93,7 @@ int main(int argc, char** argv) {
     int port = 8085;
     bool tls = false, plainHttp = false, memory = false;
     std::string database;
+    std::shared_ptr<Kitra::Http::SessionStore> sessions;  // shared with the other servers on the database
     std::string certFile, keyFile, stateFolder = Kitra::Http::Tls::DefaultStateFolder("morphel-server");
     MorphelServer::ServiceOptions options;
     try {
@@ -193,6 +194,9 @@ int main(int argc, char** argv) {
             }
             if (MorphelServer::IsPostgresUri(database)) {
                 options.state = MorphelServer::NewPostgresState(database);
+                Kitra::Http::ServerOptions defaults;
+                sessions = MorphelServer::NewPostgresSessionStore(
+                    database, {defaults.sessionIdle, defaults.sessionLifetime, defaults.sessionsPerUser});
                 database = MorphelServer::DescribePostgres(database);
             } else {
                 options.state = MorphelServer::NewSqliteState(database);
@@ -225,6 +229,7 @@ int main(int argc, char** argv) {
     serverOptions.versions = MorphelServer::Service::Versions();
     serverOptions.tls = identity;
     serverOptions.allowPlainHttp = plainHttp;
+    serverOptions.sessionStore = sessions;
     Kitra::Http::Server server(serverOptions);
     service.Attach(server);
     std::mutex logMutex;

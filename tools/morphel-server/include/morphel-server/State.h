@@ -21,6 +21,7 @@
 #include <fundix/Ref.h>
 #include <fundix/System/DateTime.h>
 #include <kitra/Any.h>
+#include <kitra/Http.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -156,6 +157,11 @@ struct PostgresOptions {
 // std::runtime_error naming the server (host, port, database, user; never the password) when it cannot
 // be reached, holds no state database or was written by a newer server.
 std::unique_ptr<State> NewPostgresState(const std::string& conninfo, const PostgresOptions& options = {});
+
+// The HTTP sessions in the database of NewPostgresState (which creates their table), so that a client
+// logged in through one server is known to every other server on it. Throws like NewPostgresState.
+std::shared_ptr<Kitra::Http::SessionStore> NewPostgresSessionStore(const std::string& conninfo,
+                                                                   const Kitra::Http::SessionLimits& limits);
 
 // Whether `database` names a PostgreSQL database (postgresql:// or postgres://) rather than a file.
 bool IsPostgresUri(const std::string& database);

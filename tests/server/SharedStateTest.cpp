@@ -1,0 +1,148 @@
+// Several servers on one PostgreSQL database: a client logged in through one is known to the others, and
+// each serves the jobs, tasks, collectors and events another created. Skips when no PostgreSQL can start.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <morphel-server/Service.h>
+#include <morphel-server/State.h>
+#include <morphel/event/types.h>
+#include <morphel/params/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
+#include <morphel/types.h>
+#include <dovra/fault/types.h>
+#include <kitra/fault/types.h>
+
+#include "Postgres.h"
+
+namespace {
+
+using Fundix::Ref;
+using Morphel::Task::TaskInfo;
+
+// One server process's part: its own connections to the database, its service and HTTP server.
+struct Host {
+    explicit Host(const std::string& conninfo) {
+        MorphelServer::ServiceOptions options;
+        options.state = MorphelServer::NewPostgresState(conninfo);
+        options.conversionTime = std::chrono::hours(1);  // the task stays queued
+        service = std::make_unique<MorphelServer::Service>(options);
+        state = options.state;
+        Kitra::Http::ServerOptions serverOptions;
+        serverOptions.versions = MorphelServer::Service::Versions();
+        serverOptions.sessionStore = MorphelServer::NewPostgresSessionStore(conninfo, {std::chrono::minutes(5),
+                                                                                        std::chrono::hours(1), 2});
+        server = std::make_unique<Kitra::Http::Server>(serverOptions);
+        service->Attach(*server);
+        server->Start();
+    }
+    // An adapter to this server carrying the session `key` (none when empty).
+    Ref<Kitra::Http::StubAdapter> Adapter(const std::string& key = "") {
+        Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server->GetUrl(), "morphel.version.version4"));
+        if (!key.empty()) adapter->SetSession(key);
+        return adapter;
+    }
+    std::string Login() {
+        auto adapter = Adapter();
+        Ref<Morphel::UserSession> session;
+        Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr)
+            .Login("demo", "demo", Fundix::Optional<std::string>(), session);
+        return adapter->GetSession();
+    }
+    std::shared_ptr<MorphelServer::State> state;
+    std::unique_ptr<MorphelServer::Service> service;
+    std::unique_ptr<Kitra::Http::Server> server;
+};
+
+Ref<Morphel::Server::Conversion::ConversionJobSpec> Spec() {
+    char host[256] = {};
+    gethostname(host, sizeof(host) - 1);
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+    spec->SetName("shared");
+    spec->SetSource(Ref<Morphel::ComputerSpec>(
+                        new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                                                      new Morphel::ComputerSpec::LiveComputerLocation(
+                                                          host, {}, {}, {}, "linux", {}, {}))
+                                                      .Get()))
+                        .Get());
+    spec->SetConversionParams(Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    return spec;
+}
+
+std::vector<int32_t> EventKeys(Kitra::Http::StubAdapter* adapter) {
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    Morphel::Event::EventManagerStub("EventManager", adapter, nullptr)
+        .QueryEvent(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), page);
+    std::vector<int32_t> keys;
+    for (size_t i = 0; i < page->GetLength(); ++i)
+        keys.push_back(page->Get(i)->GetKey());
+    return keys;
+}
+
+TEST(SharedState, TwoServersServeOneClientAlternately) {
+    auto& cluster = TestPostgres::Cluster::Get();
+    if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
+    const std::string conninfo = cluster.NewDatabase();
+    ASSERT_FALSE(conninfo.empty());
+    Host a(conninfo), b(conninfo);
+
+    // Logged in through A; the session, and a value set through B, known to both.
+    const std::string key = a.Login();
+    auto toA = a.Adapter(key), toB = b.Adapter(key);
+    Morphel::SessionManagerStub("SessionManager", toB.Get(), nullptr).SetLocale("de");
+    Ref<Morphel::UserSession> current;
+    Morphel::SessionManagerStub("SessionManager", toA.Get(), nullptr).GetCurrentSession(current);
+    EXPECT_EQ(current->GetKey(), key);
+    EXPECT_EQ(current->GetLocale(), "de");
+
+    // A job created through B; its task and job read through A.
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", toB.Get(), nullptr)
+        .CreateJob(Spec().Get(), nullptr, created);
+    Ref<TaskInfo> task;
+    Morphel::Task::TaskStub(created->GetActiveTask()->GetId(), toA.Get(), nullptr).GetInfo(task);
+    EXPECT_EQ(task->GetKey(), created->GetActiveTask()->GetId());
+    EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
+    Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), toA.Get(), nullptr).GetSpec(spec);
+    EXPECT_EQ(spec->GetName(), "shared");
+    EXPECT_THROW(Morphel::Task::TaskStub("Task-999", toA.Get(), nullptr).GetInfo(task),
+                 Kitra::Fault::ManagedObjectNotFound::Exception);
+
+    // The same events through either, and a collector made through B read through A.
+    auto keys = EventKeys(toA.Get());
+    EXPECT_EQ(EventKeys(toB.Get()), keys);
+    EXPECT_GE(keys.size(), 3u);  // two starts, the login, the job's creation
+    Ref<Kitra::MoRef> collector;
+    Morphel::Event::EventManagerStub("EventManager", toB.Get(), nullptr)
+        .CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), collector);
+    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+    Morphel::Event::EventHistoryCollectorStub(collector->GetId(), toA.Get(), nullptr).ReadNext(100, page);
+    EXPECT_EQ(page->GetLength(), keys.size());
+
+    // A third server starting on the state fails no task another still runs.
+    Host c(conninfo);
+    c.state->Transact([&](MorphelServer::StateTransaction& tx) {
+        EXPECT_EQ(tx.FindTask(task->GetKey())->info->GetState(), TaskInfo::State::queued);
+    });
+
+    // Logged out through B: gone for A.
+    Morphel::SessionManagerStub("SessionManager", toB.Get(), nullptr).Logout();
+    EXPECT_THROW(Morphel::Task::TaskStub(task->GetKey(), toA.Get(), nullptr).GetInfo(task),
+                 Dovra::Fault::NotAuthenticated::Exception);
+
+    // Two sessions an account: a third login, wherever, ends the least recently used.
+    const std::string first = a.Login(), second = b.Login();
+    Morphel::SessionManagerStub("SessionManager", b.Adapter(first).Get(), nullptr).GetCurrentSession(current);
+    c.Login();
+    EXPECT_THROW(
+        Morphel::SessionManagerStub("SessionManager", c.Adapter(second).Get(), nullptr).GetCurrentSession(current),
+        Dovra::Fault::NotAuthenticated::Exception);
+    Morphel::SessionManagerStub("SessionManager", a.Adapter(first).Get(), nullptr).GetCurrentSession(current);
+    EXPECT_EQ(current->GetKey(), first);
+}
+
+}  // namespace
