@@ -49,11 +49,11 @@ struct Host {
         if (!key.empty()) adapter->SetSession(key);
         return adapter;
     }
-    std::string Login() {
+    std::string Login(const std::string& locale = "en") {
         auto adapter = Adapter();
         Ref<Morphel::UserSession> session;
         Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr)
-            .Login("demo", "demo", Fundix::Optional<std::string>(), session);
+            .Login("demo", "demo", Fundix::Optional<std::string>(locale), session);
         return adapter->GetSession();
     }
     std::shared_ptr<MorphelServer::State> state;
@@ -93,11 +93,13 @@ TEST(SharedState, TwoServersServeOneClientAlternately) {
     ASSERT_FALSE(conninfo.empty());
     Host a(conninfo), b(conninfo);
 
-    // Logged in through A; the session, and a value set through B, known to both.
-    const std::string key = a.Login();
+    // Logged in through A; the session, with the values set at login and later through B, known to both.
+    const std::string key = a.Login("fr");
     auto toA = a.Adapter(key), toB = b.Adapter(key);
-    Morphel::SessionManagerStub("SessionManager", toB.Get(), nullptr).SetLocale("de");
     Ref<Morphel::UserSession> current;
+    Morphel::SessionManagerStub("SessionManager", toB.Get(), nullptr).GetCurrentSession(current);
+    EXPECT_EQ(current->GetLocale(), "fr");
+    Morphel::SessionManagerStub("SessionManager", toB.Get(), nullptr).SetLocale("de");
     Morphel::SessionManagerStub("SessionManager", toA.Get(), nullptr).GetCurrentSession(current);
     EXPECT_EQ(current->GetKey(), key);
     EXPECT_EQ(current->GetLocale(), "de");
@@ -166,7 +168,10 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     for (auto* state : {a.get(), b.get(), a.get(), b.get()})
         threads.emplace_back([&, state] {
             for (int i = 0; i < 25; ++i) {
-                int64_t id = state->Run([](MorphelServer::StateTransaction& tx) { return tx.NextId(); });
+                int64_t id = state->Run([](MorphelServer::StateTransaction& tx) {
+                    tx.SetMaxTask(tx.GetMaxTask() + 1);  // read, then written: no update lost
+                    return tx.NextId();
+                });
                 std::lock_guard<std::mutex> lock(mutex);
                 EXPECT_TRUE(ids.insert(id).second) << id;
             }
@@ -174,6 +179,7 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     for (auto& t : threads) t.join();
     EXPECT_EQ(ids.size(), 100u);
     EXPECT_EQ(*ids.rbegin(), 100);
+    EXPECT_EQ(b->Run([](MorphelServer::StateTransaction& tx) { return tx.GetMaxTask(); }), 200);
 
     auto append = [](MorphelServer::State& state, int n) {
         state.Transact([&](MorphelServer::StateTransaction& tx) {
@@ -199,6 +205,34 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     });
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{4, 5}));
     EXPECT_EQ(keys(*a), (std::vector<int32_t>{4, 5}));
+}
+
+// A session expires for every server: unused for longer than one allows, or older than it allows.
+TEST(SharedState, SessionsExpireByTheLimitsOfTheStoreThatLooks) {
+    auto& cluster = TestPostgres::Cluster::Get();
+    if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
+    const std::string conninfo = cluster.NewDatabase();
+    ASSERT_FALSE(conninfo.empty());
+    MorphelServer::NewPostgresState(conninfo);  // the tables
+    using namespace std::chrono_literals;
+    auto lasting = MorphelServer::NewPostgresSessionStore(conninfo, {1h, 1h, 4});
+    auto idle = MorphelServer::NewPostgresSessionStore(conninfo, {1ms, 1h, 4});
+    auto old = MorphelServer::NewPostgresSessionStore(conninfo, {1h, 1ms, 4});
+    std::vector<Ref<Kitra::Http::Session>> ended;
+    for (auto* expiring : {idle.get(), old.get()})
+        EXPECT_EQ(expiring->Find("none", ended), nullptr);  // swept: the next sweep a second away
+    for (auto* expiring : {idle.get(), old.get()}) {
+        Ref<Kitra::Http::Session> session(new Kitra::Http::Session(expiring == idle.get() ? "k1" : "k2", "ann"));
+        lasting->Add(session, ended);
+        std::this_thread::sleep_for(5ms);
+        ASSERT_NE(lasting->Find(session->GetKey(), ended), nullptr);  // touched: used now
+        std::this_thread::sleep_for(5ms);
+        EXPECT_EQ(expiring->Find(session->GetKey(), ended), nullptr);
+        ASSERT_EQ(ended.size(), 1u);
+        EXPECT_EQ(ended[0]->GetUserName(), "ann");
+        EXPECT_EQ(lasting->Find(session->GetKey(), ended), nullptr);
+        ended.clear();
+    }
 }
 
 // An unreachable server is named, its password never.
