@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <dovra/fault/types.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
 #include <morphel-server/Service.h>
 #include <morphel-server/State.h>
 #include <morphel/event/types.h>
@@ -17,8 +19,6 @@
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
-#include <dovra/fault/types.h>
-#include <kitra/fault/types.h>
 
 #include "Postgres.h"
 
@@ -37,15 +37,16 @@ struct Host {
         state = options.state;
         Kitra::Http::ServerOptions serverOptions;
         serverOptions.versions = MorphelServer::Service::Versions();
-        serverOptions.sessionStore = MorphelServer::NewPostgresSessionStore(conninfo, {std::chrono::minutes(5),
-                                                                                        std::chrono::hours(1), 2});
+        serverOptions.sessionStore = MorphelServer::NewPostgresSessionStore(
+            conninfo, {std::chrono::minutes(5), std::chrono::hours(1), 2});
         server = std::make_unique<Kitra::Http::Server>(serverOptions);
         service->Attach(*server);
         server->Start();
     }
     // An adapter to this server carrying the session `key` (none when empty).
     Ref<Kitra::Http::StubAdapter> Adapter(const std::string& key = "") {
-        Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server->GetUrl(), "morphel.version.version4"));
+        Ref<Kitra::Http::StubAdapter> adapter(
+            new Kitra::Http::StubAdapter(server->GetUrl(), "morphel.version.version4"));
         if (!key.empty()) adapter->SetSession(key);
         return adapter;
     }
@@ -64,7 +65,8 @@ struct Host {
 Ref<Morphel::Server::Conversion::ConversionJobSpec> Spec() {
     char host[256] = {};
     gethostname(host, sizeof(host) - 1);
-    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+        new Morphel::Server::Conversion::ConversionJobSpec());
     spec->SetName("shared");
     spec->SetSource(Ref<Morphel::ComputerSpec>(
                         new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
@@ -72,7 +74,8 @@ Ref<Morphel::Server::Conversion::ConversionJobSpec> Spec() {
                                                           host, {}, {}, {}, "linux", {}, {}))
                                                       .Get()))
                         .Get());
-    spec->SetConversionParams(Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    spec->SetConversionParams(
+        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
     return spec;
 }
 
@@ -113,7 +116,8 @@ TEST(SharedState, TwoServersServeOneClientAlternately) {
     EXPECT_EQ(task->GetKey(), created->GetActiveTask()->GetId());
     EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
     Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
-    Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), toA.Get(), nullptr).GetSpec(spec);
+    Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), toA.Get(), nullptr)
+        .GetSpec(spec);
     EXPECT_EQ(spec->GetName(), "shared");
     EXPECT_THROW(Morphel::Task::TaskStub("Task-999", toA.Get(), nullptr).GetInfo(task),
                  Kitra::Fault::ManagedObjectNotFound::Exception);
@@ -124,7 +128,8 @@ TEST(SharedState, TwoServersServeOneClientAlternately) {
     EXPECT_GE(keys.size(), 3u);  // two starts, the login, the job's creation
     Ref<Kitra::MoRef> collector;
     Morphel::Event::EventManagerStub("EventManager", toB.Get(), nullptr)
-        .CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), collector);
+        .CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
+                         collector);
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
     Morphel::Event::EventHistoryCollectorStub(collector->GetId(), toA.Get(), nullptr).ReadNext(100, page);
     EXPECT_EQ(page->GetLength(), keys.size());
@@ -144,9 +149,9 @@ TEST(SharedState, TwoServersServeOneClientAlternately) {
     const std::string first = a.Login(), second = b.Login();
     Morphel::SessionManagerStub("SessionManager", b.Adapter(first).Get(), nullptr).GetCurrentSession(current);
     c.Login();
-    EXPECT_THROW(
-        Morphel::SessionManagerStub("SessionManager", c.Adapter(second).Get(), nullptr).GetCurrentSession(current),
-        Dovra::Fault::NotAuthenticated::Exception);
+    EXPECT_THROW(Morphel::SessionManagerStub("SessionManager", c.Adapter(second).Get(), nullptr)
+                     .GetCurrentSession(current),
+                 Dovra::Fault::NotAuthenticated::Exception);
     Morphel::SessionManagerStub("SessionManager", a.Adapter(first).Get(), nullptr).GetCurrentSession(current);
     EXPECT_EQ(current->GetKey(), first);
 }
@@ -176,7 +181,8 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
                 EXPECT_TRUE(ids.insert(id).second) << id;
             }
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(ids.size(), 100u);
     EXPECT_EQ(*ids.rbegin(), 100);
     EXPECT_EQ(b->Run([](MorphelServer::StateTransaction& tx) { return tx.GetMaxTask(); }), 200);
@@ -193,7 +199,8 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     auto keys = [](MorphelServer::State& state) {
         return state.Run([](MorphelServer::StateTransaction& tx) {
             std::vector<int32_t> keys;
-            for (const auto& e : tx.SelectEvents(nullptr)) keys.push_back(e->GetKey());
+            for (const auto& e : tx.SelectEvents(nullptr))
+                keys.push_back(e->GetKey());
             return keys;
         });
     };
@@ -222,7 +229,8 @@ TEST(SharedState, SessionsExpireByTheLimitsOfTheStoreThatLooks) {
     for (auto* expiring : {idle.get(), old.get()})
         EXPECT_EQ(expiring->Find("none", ended), nullptr);  // swept: the next sweep a second away
     for (auto* expiring : {idle.get(), old.get()}) {
-        Ref<Kitra::Http::Session> session(new Kitra::Http::Session(expiring == idle.get() ? "k1" : "k2", "ann"));
+        Ref<Kitra::Http::Session> session(
+            new Kitra::Http::Session(expiring == idle.get() ? "k1" : "k2", "ann"));
         lasting->Add(session, ended);
         std::this_thread::sleep_for(5ms);
         ASSERT_NE(lasting->Find(session->GetKey(), ended), nullptr);  // touched: used now
@@ -244,7 +252,8 @@ TEST(SharedState, AConnectionFailureNamesTheServerAndHidesThePassword) {
             ADD_FAILURE() << "connected to " << conninfo;
         } catch (const std::runtime_error& e) {
             std::string message = e.what();
-            EXPECT_NE(message.find("PostgreSQL server 127.0.0.1:1 database morphel as ann"), std::string::npos)
+            EXPECT_NE(message.find("PostgreSQL server 127.0.0.1:1 database morphel as ann"),
+                      std::string::npos)
                 << message;
             EXPECT_EQ(message.find("s3cret"), std::string::npos) << message;
         }

@@ -41,7 +41,8 @@ const char* const kSchemaSteps[] = {
     "CREATE INDEX jobsByName ON jobs (name);"
     "CREATE TABLE tasks (id TEXT PRIMARY KEY, jobId TEXT NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL,"
     " disks BYTEA NOT NULL, vmName TEXT NOT NULL);"
-    "CREATE TABLE recentTasks (position BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY, taskId TEXT NOT NULL);"
+    "CREATE TABLE recentTasks (position BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY, taskId TEXT NOT "
+    "NULL);"
     "CREATE TABLE events (key INTEGER PRIMARY KEY, createdTime BIGINT NOT NULL, version TEXT NOT NULL,"
     " event TEXT NOT NULL);"
     "CREATE TABLE collectors (id TEXT PRIMARY KEY, owner TEXT NOT NULL, version TEXT NOT NULL,"
@@ -81,14 +82,15 @@ std::optional<std::string> Describe(const std::string& conninfo) {
         if (keyword == "user") user = o->val;
     }
     PQconninfoFree(options);
-    return "PostgreSQL server " + host + (port.empty() ? "" : ":" + port) + (db.empty() ? "" : " database " + db) +
-           (user.empty() ? "" : " as " + user);
+    return "PostgreSQL server " + host + (port.empty() ? "" : ":" + port) +
+           (db.empty() ? "" : " database " + db) + (user.empty() ? "" : " as " + user);
 }
 
 // libpq's messages end with a line break.
 std::string Trimmed(const char* message) {
     std::string text = message != nullptr ? message : "";
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
     return text;
 }
 
@@ -105,7 +107,8 @@ public:
 
 protected:
     static PGconn* Connect(const std::string& conninfo) {
-        if (!Describe(conninfo)) throw std::runtime_error("PostgreSQL server: the connection string is malformed");
+        if (!Describe(conninfo))
+            throw std::runtime_error("PostgreSQL server: the connection string is malformed");
         return PQconnectdb(conninfo.c_str());
     }
 
@@ -143,8 +146,8 @@ protected:
             lengths.push_back(params[i] ? int(params[i]->size()) : 0);
             formats.push_back(int(i) == binary ? 1 : 0);
         }
-        return Check(Result(PQexecParams(conn_, sql, int(params.size()), nullptr, values.data(), lengths.data(),
-                                         formats.data(), 0),
+        return Check(Result(PQexecParams(conn_, sql, int(params.size()), nullptr, values.data(),
+                                         lengths.data(), formats.data(), 0),
                             &PQclear),
                      sql);
     }
@@ -152,11 +155,13 @@ protected:
         return std::string(PQgetvalue(r.get(), row, column), size_t(PQgetlength(r.get(), row, column)));
     }
     static int64_t Int(const Result& r, int row, int column) { return std::stoll(Text(r, row, column)); }
-    static bool IsNull(const Result& r, int row, int column) { return PQgetisnull(r.get(), row, column) != 0; }
+    static bool IsNull(const Result& r, int row, int column) {
+        return PQgetisnull(r.get(), row, column) != 0;
+    }
     static std::string Bytes(const Result& r, int row, int column) {
         size_t length = 0;
-        unsigned char* bytes =
-            PQunescapeBytea(reinterpret_cast<const unsigned char*>(PQgetvalue(r.get(), row, column)), &length);
+        unsigned char* bytes = PQunescapeBytea(
+            reinterpret_cast<const unsigned char*>(PQgetvalue(r.get(), row, column)), &length);
         if (bytes == nullptr) throw std::runtime_error("malformed bytes");
         std::string out(reinterpret_cast<const char*>(bytes), length);
         PQfreemem(bytes);
@@ -174,14 +179,14 @@ public:
     PostgresState(const std::string& conninfo, const PostgresOptions& options)
         : Connection(conninfo), codec_(where_, options.version) {
         Exec(kOpenLock);
-            InTransaction([&] {
-                Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
-                Result read = Query("SELECT version FROM schemaVersion", {});
-                int64_t version = PQntuples(read.get()) != 0 ? Int(read, 0, 0) : 0;
-                MigrateSchema(where_, version, kSchemaSteps, [&](const char* sql) { Exec(sql); });
-                if (PQntuples(read.get()) == 0) Exec("INSERT INTO schemaVersion VALUES (0)");
-                Query("UPDATE schemaVersion SET version = $1", {std::to_string(kSchemaVersion)});
-            });
+        InTransaction([&] {
+            Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
+            Result read = Query("SELECT version FROM schemaVersion", {});
+            int64_t version = PQntuples(read.get()) != 0 ? Int(read, 0, 0) : 0;
+            MigrateSchema(where_, version, kSchemaSteps, [&](const char* sql) { Exec(sql); });
+            if (PQntuples(read.get()) == 0) Exec("INSERT INTO schemaVersion VALUES (0)");
+            Query("UPDATE schemaVersion SET version = $1", {std::to_string(kSchemaVersion)});
+        });
     }
 
     void Transact(const std::function<void(StateTransaction&)>& work) override {
@@ -216,23 +221,24 @@ public:
     }
 
 private:
-
     // Brings the cache to what the database holds: forgets the events dropped since, reads those appended.
     void ReadNewEvents() {
         Result oldest = Query("SELECT min(key) FROM events", {});
         int64_t first = IsNull(oldest, 0, 0) ? INT64_MAX : Int(oldest, 0, 0);
-        while (!cache_.empty() && cache_.front()->GetKey() < first) cache_.pop_front();
+        while (!cache_.empty() && cache_.front()->GetKey() < first)
+            cache_.pop_front();
         Result added = Query("SELECT key, version, event FROM events WHERE key > $1 ORDER BY key",
-                           {std::to_string(lastKey_)});
+                             {std::to_string(lastKey_)});
         for (int row = 0; row < PQntuples(added.get()); ++row)
-            cache_.push_back(
-                codec_.Decode<Event>(Text(added, row, 1), Text(added, row, 2), "event " + Text(added, row, 0)));
+            cache_.push_back(codec_.Decode<Event>(Text(added, row, 1), Text(added, row, 2),
+                                                  "event " + Text(added, row, 0)));
         if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
     }
 
     int64_t Count(const char* name) {
         Result r = Query("UPDATE settings SET value = value + 1 WHERE name = $1 RETURNING value - 1", {name});
-        if (PQntuples(r.get()) == 0) throw std::runtime_error(where_ + ": the counter " + name + " is missing");
+        if (PQntuples(r.get()) == 0)
+            throw std::runtime_error(where_ + ": the counter " + name + " is missing");
         return Int(r, 0, 0);
     }
 
@@ -252,8 +258,8 @@ private:
         int32_t key = int32_t(Count("nextEventKey"));
         event->SetKey(key);
         Query("INSERT INTO events (key, createdTime, version, event) VALUES ($1, $2, $3, $4)",
-            {std::to_string(key), std::to_string(event->GetCreatedTime().GetUtcMicros()), codec_.Version(),
-             codec_.Encode(event)});
+              {std::to_string(key), std::to_string(event->GetCreatedTime().GetUtcMicros()), codec_.Version(),
+               codec_.Encode(event)});
         pending_.emplace_back(event);
         return key;
     }
@@ -286,7 +292,8 @@ private:
         return dropped;
     }
 
-    std::vector<std::string> Ids(const char* sql, const std::vector<std::optional<std::string>>& params = {}) {
+    std::vector<std::string> Ids(const char* sql,
+                                 const std::vector<std::optional<std::string>>& params = {}) {
         Result r = Query(sql, params);
         std::vector<std::string> ids;
         for (int row = 0; row < PQntuples(r.get()); ++row)
@@ -306,8 +313,10 @@ private:
         JobRecord job;
         job.id = Text(r, 0, 0);
         std::string version = Text(r, 0, 1), what = "job " + job.id;
-        job.info = codec_.Decode<Morphel::Server::Conversion::ConversionJobInfo>(version, Text(r, 0, 2), what);
-        job.spec = codec_.Decode<Morphel::Server::Conversion::ConversionJobSpec>(version, Text(r, 0, 3), what);
+        job.info =
+            codec_.Decode<Morphel::Server::Conversion::ConversionJobInfo>(version, Text(r, 0, 2), what);
+        job.spec =
+            codec_.Decode<Morphel::Server::Conversion::ConversionJobSpec>(version, Text(r, 0, 3), what);
         if (!IsNull(r, 0, 4)) job.extraInfo = codec_.Decode<Kitra::Any>(version, Text(r, 0, 4), what);
         return job;
     }
@@ -315,13 +324,15 @@ private:
         return ReadJob(Query("SELECT id, version, info, spec, extraInfo FROM jobs WHERE id = $1", {id}));
     }
     std::optional<JobRecord> FindJobByName(const std::string& name) override {
-        return ReadJob(Query(
-            "SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = $1 ORDER BY id LIMIT 1", {name}));
+        return ReadJob(
+            Query("SELECT id, version, info, spec, extraInfo FROM jobs WHERE name = $1 ORDER BY id LIMIT 1",
+                  {name}));
     }
     void PutJob(const JobRecord& job) override {
         std::optional<std::string> extra;
         if (job.extraInfo != nullptr) extra = codec_.Encode(job.extraInfo.Get());
-        Query("INSERT INTO jobs (id, name, version, info, spec, extraInfo) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query(
+            "INSERT INTO jobs (id, name, version, info, spec, extraInfo) VALUES ($1, $2, $3, $4, $5, $6)"
             " ON CONFLICT (id) DO UPDATE SET name = EXCLUDED.name, version = EXCLUDED.version,"
             " info = EXCLUDED.info, spec = EXCLUDED.spec, extraInfo = EXCLUDED.extraInfo",
             {job.id, job.spec->GetName(), codec_.Version(), codec_.Encode(job.info.Get()),
@@ -350,10 +361,12 @@ private:
         return task;
     }
     void PutTask(const TaskRecord& task) override {
-        Query("INSERT INTO tasks (id, jobId, version, info, disks, vmName) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query(
+            "INSERT INTO tasks (id, jobId, version, info, disks, vmName) VALUES ($1, $2, $3, $4, $5, $6)"
             " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, version = EXCLUDED.version,"
             " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName",
-            {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks), task.vmName},
+            {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks),
+             task.vmName},
             4);
     }
     std::vector<std::string> RecentTasks() override {
@@ -362,14 +375,16 @@ private:
     void AddRecentTask(const std::string& id, size_t keep) override {
         Query("INSERT INTO recentTasks (taskId) VALUES ($1)", {id});
         Query("DELETE FROM recentTasks WHERE position <= (SELECT max(position) FROM recentTasks) - $1",
-            {std::to_string(keep)});
+              {std::to_string(keep)});
     }
 
     std::optional<CollectorRecord> FindCollector(const std::string& id) override {
-        Result r = Query("SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = $1", {id});
+        Result r =
+            Query("SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         CollectorRecord c;
-        c.filter = codec_.Decode<Morphel::Event::EventFilterSpec>(Text(r, 0, 0), Text(r, 0, 1), "collector " + id);
+        c.filter =
+            codec_.Decode<Morphel::Event::EventFilterSpec>(Text(r, 0, 0), Text(r, 0, 1), "collector " + id);
         c.after = int32_t(Int(r, 0, 2));
         c.pageSize = int32_t(Int(r, 0, 3));
         c.owner = Text(r, 0, 4);
@@ -380,7 +395,9 @@ private:
         return size_t(Int(r, 0, 0));
     }
     void PutCollector(const std::string& id, const CollectorRecord& c) override {
-        Query("INSERT INTO collectors (id, owner, version, filter, after, pageSize) VALUES ($1, $2, $3, $4, $5, $6)"
+        Query(
+            "INSERT INTO collectors (id, owner, version, filter, after, pageSize) VALUES ($1, $2, $3, $4, "
+            "$5, $6)"
             " ON CONFLICT (id) DO UPDATE SET owner = EXCLUDED.owner, version = EXCLUDED.version,"
             " filter = EXCLUDED.filter, after = EXCLUDED.after, pageSize = EXCLUDED.pageSize",
             {id, c.owner, codec_.Version(), codec_.Encode(c.filter.Get()), std::to_string(c.after),
@@ -414,14 +431,16 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         int64_t now = Now();
         if (now - lastSweep_ >= 1000000) Sweep(now, ended);
-        Result r = Query("UPDATE sessions SET used = $2 WHERE key = $1 AND used > $3 AND opened > $4"
-                       " RETURNING key, userName, vals",
-                       {key, std::to_string(now), std::to_string(now - Micros(limits_.idle)),
-                        std::to_string(now - Micros(limits_.lifetime))});
+        Result r = Query(
+            "UPDATE sessions SET used = $2 WHERE key = $1 AND used > $3 AND opened > $4"
+            " RETURNING key, userName, vals",
+            {key, std::to_string(now), std::to_string(now - Micros(limits_.idle)),
+             std::to_string(now - Micros(limits_.lifetime))});
         if (PQntuples(r.get()) != 0) return Read(r, 0);
         // Expired (or none): gone for every server.
         Result gone = Query("DELETE FROM sessions WHERE key = $1 RETURNING key, userName, vals", {key});
-        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+        for (int row = 0; row < PQntuples(gone.get()); ++row)
+            ended.push_back(Read(gone, row));
         return nullptr;
     }
     void Add(const SessionRef& session, Ended& ended) override {
@@ -431,17 +450,19 @@ public:
             [&] {
                 Sweep(now, ended);
                 // An account at its cap gives up its least recently used sessions.
-                Result own = Query("SELECT count(*) FROM sessions WHERE userName = $1", {session->GetUserName()});
+                Result own =
+                    Query("SELECT count(*) FROM sessions WHERE userName = $1", {session->GetUserName()});
                 int64_t over = Int(own, 0, 0) - int64_t(limits_.perUser) + 1;
                 if (over > 0) {
                     Result dropped = Query(
                         "DELETE FROM sessions WHERE key IN (SELECT key FROM sessions WHERE userName = $1"
                         " ORDER BY used LIMIT $2) RETURNING key, userName, vals",
                         {session->GetUserName(), std::to_string(over)});
-                    for (int row = 0; row < PQntuples(dropped.get()); ++row) ended.push_back(Read(dropped, row));
+                    for (int row = 0; row < PQntuples(dropped.get()); ++row)
+                        ended.push_back(Read(dropped, row));
                 }
                 Query("INSERT INTO sessions (key, userName, vals, opened, used) VALUES ($1, $2, $3, $4, $4)",
-                    {session->GetKey(), session->GetUserName(), Values(*session), std::to_string(now)}, 2);
+                      {session->GetKey(), session->GetUserName(), Values(*session), std::to_string(now)}, 2);
             },
             kSessionsLock);
         Adopt(*session, session->GetValues());
@@ -449,7 +470,8 @@ public:
     bool Remove(const std::string& key, Ended& ended) override {
         std::lock_guard<std::mutex> lock(mutex_);
         Result gone = Query("DELETE FROM sessions WHERE key = $1 RETURNING key, userName, vals", {key});
-        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+        for (int row = 0; row < PQntuples(gone.get()); ++row)
+            ended.push_back(Read(gone, row));
         return PQntuples(gone.get()) != 0;
     }
     std::vector<SessionRef> List(Ended& ended) override {
@@ -457,7 +479,8 @@ public:
         Sweep(Now(), ended);
         Result r = Query("SELECT key, userName, vals FROM sessions ORDER BY key", {});
         std::vector<SessionRef> all;
-        for (int row = 0; row < PQntuples(r.get()); ++row) all.push_back(Read(r, row));
+        for (int row = 0; row < PQntuples(r.get()); ++row)
+            all.push_back(Read(r, row));
         return all;
     }
     void ValuesChanged(const Kitra::Http::Session& session) override {
@@ -486,7 +509,8 @@ private:
         std::map<std::string, std::string> values;
         try {
             auto items = Split(Bytes(r, row, 2));
-            for (size_t i = 0; i + 1 < items.size(); i += 2) values[items[i]] = items[i + 1];
+            for (size_t i = 0; i + 1 < items.size(); i += 2)
+                values[items[i]] = items[i + 1];
         } catch (const std::exception&) {
             throw std::runtime_error(where_ + ": session values cannot be read");
         }
@@ -495,9 +519,11 @@ private:
     }
     void Sweep(int64_t now, Ended& ended) {
         lastSweep_ = now;
-        Result gone = Query("DELETE FROM sessions WHERE used <= $1 OR opened <= $2 RETURNING key, userName, vals",
-                          {std::to_string(now - Micros(limits_.idle)), std::to_string(now - Micros(limits_.lifetime))});
-        for (int row = 0; row < PQntuples(gone.get()); ++row) ended.push_back(Read(gone, row));
+        Result gone = Query(
+            "DELETE FROM sessions WHERE used <= $1 OR opened <= $2 RETURNING key, userName, vals",
+            {std::to_string(now - Micros(limits_.idle)), std::to_string(now - Micros(limits_.lifetime))});
+        for (int row = 0; row < PQntuples(gone.get()); ++row)
+            ended.push_back(Read(gone, row));
     }
 
     const Kitra::Http::SessionLimits limits_;

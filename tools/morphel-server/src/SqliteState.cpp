@@ -55,7 +55,8 @@ constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
 class SqliteState : public State, private StateTransaction {
 public:
-    SqliteState(const std::string& path, const SqliteOptions& options) : path_(path), codec_(path, options.version) {
+    SqliteState(const std::string& path, const SqliteOptions& options)
+        : path_(path), codec_(path, options.version) {
         // A new file is private to the user, as its log will be: job specifications may carry credentials.
         int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd >= 0) ::close(fd);

@@ -109,8 +109,9 @@ void MigrateSchema(const std::string& where, int64_t found, const char* const (&
                    const std::function<void(const char*)>& exec) {
     constexpr int64_t latest = int64_t(N);
     if (found > latest)
-        throw std::runtime_error(where + ": written by a newer server (schema version " + std::to_string(found) +
-                                 "; this server reads up to " + std::to_string(latest) + ")");
+        throw std::runtime_error(where + ": written by a newer server (schema version " +
+                                 std::to_string(found) + "; this server reads up to " +
+                                 std::to_string(latest) + ")");
     for (int64_t step = found < 0 ? 0 : found; step < latest; ++step)
         exec(steps[step]);
 }
