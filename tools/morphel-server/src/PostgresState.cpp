@@ -86,11 +86,17 @@ std::optional<std::string> Describe(const std::string& conninfo) {
            (db.empty() ? "" : " database " + db) + (user.empty() ? "" : " as " + user);
 }
 
-// libpq's messages end with a line break.
+// libpq's messages, on one line: they end with a line break and may go on on another.
 std::string Trimmed(const char* message) {
-    std::string text = message != nullptr ? message : "";
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-        text.pop_back();
+    std::string text;
+    for (const char* c = message != nullptr ? message : ""; *c != 0; ++c) {
+        bool space = *c == '\n' || *c == '\t' || *c == ' ';
+        if (!space)
+            text += *c;
+        else if (!text.empty() && text.back() != ' ')
+            text += ' ';
+    }
+    while (!text.empty() && text.back() == ' ') text.pop_back();
     return text;
 }
 
