@@ -96,19 +96,25 @@ std::string Trimmed(const char* message) {
         else if (!text.empty() && text.back() != ' ')
             text += ' ';
     }
-    while (!text.empty() && text.back() == ' ') text.pop_back();
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
     return text;
 }
 
 // A connection to the server, one user at a time, with its statements' helpers.
 class Connection {
 public:
-    explicit Connection(const std::string& conninfo)
-        : connection_(Connect(conninfo), &PQfinish), conn_(connection_.get()), where_(*Describe(conninfo)) {
+    // `setup` runs on each connection, the first and those after a loss.
+    Connection(const std::string& conninfo, std::vector<const char*> setup)
+        : connection_(Connect(conninfo), &PQfinish),
+          conn_(connection_.get()),
+          where_(*Describe(conninfo)),
+          setup_(std::move(setup)) {
         if (conn_ == nullptr) throw std::runtime_error(where_ + ": cannot be reached: out of memory");
         if (PQstatus(conn_) != CONNECTION_OK)
             throw std::runtime_error(where_ + ": cannot be reached: " + Trimmed(PQerrorMessage(conn_)));
-        Exec("SET client_min_messages = warning");
+        for (const char* sql : setup_)
+            Exec(sql);
     }
 
 protected:
@@ -119,6 +125,37 @@ protected:
     }
 
     using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
+
+    // Connects again once the connection is known lost (its settings and locks went with it); true when
+    // it is back.
+    bool Reconnect() {
+        if (PQstatus(conn_) == CONNECTION_OK || reconnecting_) return false;
+        reconnecting_ = true;
+        PQreset(conn_);
+        bool back = PQstatus(conn_) == CONNECTION_OK;
+        try {
+            for (const char* sql : setup_)
+                if (back) Exec(sql);
+        } catch (...) {
+            back = false;
+        }
+        reconnecting_ = false;
+        return back;
+    }
+    // Sends a statement; one sent outside a transaction that meets a lost connection (a server restarted
+    // since the last) is sent once more on a new one: the statements sent so are safe to repeat.
+    template <class F>
+    Result Send(const char* sql, F send) {
+        bool idle = PQtransactionStatus(conn_) == PQTRANS_IDLE;
+        Result r(send(), &PQclear);
+        if (!Ok(r) && idle && PQstatus(conn_) == CONNECTION_BAD && Reconnect()) r = Result(send(), &PQclear);
+        if (!Ok(r)) Fail(sql);
+        return r;
+    }
+    static bool Ok(const Result& r) {
+        auto status = PQresultStatus(r.get());
+        return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+    }
 
     // Runs `body` between BEGIN and COMMIT under the lock; rolls back when it throws.
     template <class F>
@@ -137,12 +174,9 @@ protected:
     [[noreturn]] void Fail(const std::string& what) {
         throw std::runtime_error(where_ + ": " + Trimmed(PQerrorMessage(conn_)) + " (" + what + ")");
     }
-    Result Check(Result result, const char* sql) {
-        auto status = PQresultStatus(result.get());
-        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) Fail(sql);
-        return result;
+    void Exec(const char* sql) {
+        Send(sql, [&] { return PQexec(conn_, sql); });
     }
-    void Exec(const char* sql) { Check(Result(PQexec(conn_, sql), &PQclear), sql); }
     // A statement with text parameters ($1, ...); a parameter in `binary` goes as bytes (a bytea).
     Result Query(const char* sql, const std::vector<std::optional<std::string>>& params, int binary = -1) {
         std::vector<const char*> values;
@@ -152,10 +186,10 @@ protected:
             lengths.push_back(params[i] ? int(params[i]->size()) : 0);
             formats.push_back(int(i) == binary ? 1 : 0);
         }
-        return Check(Result(PQexecParams(conn_, sql, int(params.size()), nullptr, values.data(),
-                                         lengths.data(), formats.data(), 0),
-                            &PQclear),
-                     sql);
+        return Send(sql, [&] {
+            return PQexecParams(conn_, sql, int(params.size()), nullptr, values.data(), lengths.data(),
+                                formats.data(), 0);
+        });
     }
     static std::string Text(const Result& r, int row, int column) {
         return std::string(PQgetvalue(r.get(), row, column), size_t(PQgetlength(r.get(), row, column)));
@@ -178,13 +212,15 @@ protected:
     std::unique_ptr<PGconn, decltype(&PQfinish)> connection_;
     PGconn* const conn_;
     const std::string where_;
+    const std::vector<const char*> setup_;
+    bool reconnecting_ = false;
 };
 
 class PostgresState : public State, private Connection, private StateTransaction {
 public:
     PostgresState(const std::string& conninfo, const PostgresOptions& options)
-        : Connection(conninfo), codec_(where_, options.version) {
-        Exec(kOpenLock);
+        : Connection(conninfo, {"SET client_min_messages = warning", kOpenLock}),
+          codec_(where_, options.version) {
         InTransaction([&] {
             Exec("CREATE TABLE IF NOT EXISTS schemaVersion (version BIGINT NOT NULL)");
             Result read = Query("SELECT version FROM schemaVersion", {});
@@ -197,10 +233,6 @@ public:
 
     void Transact(const std::function<void(StateTransaction&)>& work) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (PQstatus(conn_) != CONNECTION_OK) {  // lost: try once to connect again
-            PQreset(conn_);
-            if (PQstatus(conn_) == CONNECTION_OK) Exec(kOpenLock);
-        }
         try {
             InTransaction([&] {
                 ReadNewEvents();
@@ -431,7 +463,7 @@ public:
     using Ended = std::vector<SessionRef>;
 
     PostgresSessions(const std::string& conninfo, const Kitra::Http::SessionLimits& limits)
-        : Connection(conninfo), limits_(limits) {}
+        : Connection(conninfo, {"SET client_min_messages = warning"}), limits_(limits) {}
 
     SessionRef Find(const std::string& key, Ended& ended) override {
         std::lock_guard<std::mutex> lock(mutex_);
