@@ -25,12 +25,16 @@ public:
     // The connection string of a new, empty database.
     std::string NewDatabase() {
         std::string name = "t" + std::to_string(++databases_);
-        PGconn* conn = PQconnectdb(Conninfo("postgres").c_str());
-        PGresult* r = PQexec(conn, ("CREATE DATABASE " + name).c_str());
-        bool ok = PQresultStatus(r) == PGRES_COMMAND_OK;
+        return Run("postgres", "CREATE DATABASE " + name) ? Conninfo(name) : "";
+    }
+    // Runs `sql` in the database `db`; false when it fails.
+    bool Run(const std::string& db, const std::string& sql) {
+        PGconn* conn = PQconnectdb(Conninfo(db).c_str());
+        PGresult* r = PQexec(conn, sql.c_str());
+        bool ok = PQresultStatus(r) == PGRES_COMMAND_OK || PQresultStatus(r) == PGRES_TUPLES_OK;
         PQclear(r);
         PQfinish(conn);
-        return ok ? Conninfo(name) : "";
+        return ok;
     }
     std::string Conninfo(const std::string& db) const {
         return "host=" + folder_ + " port=5432 user=morphel dbname=" + db;

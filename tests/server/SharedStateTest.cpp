@@ -212,6 +212,18 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     });
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{4, 5}));
     EXPECT_EQ(keys(*a), (std::vector<int32_t>{4, 5}));
+
+    // Connections lost (the database server restarted): made again, with their locks.
+    auto sessions = MorphelServer::NewPostgresSessionStore(conninfo, {});
+    std::vector<Ref<Kitra::Http::Session>> ended;
+    sessions->Add(Ref<Kitra::Http::Session>(new Kitra::Http::Session("k", "ann")), ended);
+    ASSERT_TRUE(cluster.Run("postgres",
+                            "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" +
+                                conninfo.substr(conninfo.rfind('=') + 1) + "'"));
+    append(*a, 1);
+    EXPECT_EQ(keys(*b), (std::vector<int32_t>{4, 5, 6}));
+    EXPECT_TRUE(a->OpenElsewhere());
+    EXPECT_NE(sessions->Find("k", ended), nullptr);
 }
 
 // A session expires for every server: unused for longer than one allows, or older than it allows.
