@@ -213,17 +213,41 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{4, 5}));
     EXPECT_EQ(keys(*a), (std::vector<int32_t>{4, 5}));
 
+    // A work that throws leaves nothing, in the database or in a store's events.
+    EXPECT_THROW(a->Transact([](MorphelServer::StateTransaction& tx) {
+        Ref<Morphel::Event::Event> e(new Morphel::Event::GeneralEvent());
+        e->SetCreatedTime(Fundix::System::DateTime::Now());
+        tx.AppendEvent(e.Get());
+        tx.NextId();
+        throw std::runtime_error("no");
+    }),
+                 std::runtime_error);
+    EXPECT_EQ(keys(*a), (std::vector<int32_t>{4, 5}));
+    EXPECT_EQ(a->Run([](MorphelServer::StateTransaction& tx) { return tx.NextId(); }), 101);
+
     // Connections lost (the database server restarted): made again, with their locks.
     auto sessions = MorphelServer::NewPostgresSessionStore(conninfo, {});
     std::vector<Ref<Kitra::Http::Session>> ended;
     sessions->Add(Ref<Kitra::Http::Session>(new Kitra::Http::Session("k", "ann")), ended);
-    ASSERT_TRUE(cluster.Run("postgres",
-                            "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" +
-                                conninfo.substr(conninfo.rfind('=') + 1) + "'"));
+    ASSERT_TRUE(
+        cluster.Run("postgres", "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" +
+                                    conninfo.substr(conninfo.rfind('=') + 1) + "'"));
     append(*a, 1);
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{4, 5, 6}));
     EXPECT_TRUE(a->OpenElsewhere());
     EXPECT_NE(sessions->Find("k", ended), nullptr);
+
+    // A database a newer server wrote is refused, naming the server.
+    const std::string db = conninfo.substr(conninfo.rfind('=') + 1);
+    ASSERT_TRUE(cluster.Run(db, "UPDATE schemaVersion SET version = 99"));
+    try {
+        MorphelServer::NewPostgresState(conninfo);
+        ADD_FAILURE() << "a newer schema was taken";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("database " + db + " as morphel: written by a newer server"),
+                  std::string::npos)
+            << e.what();
+    }
 }
 
 // A session expires for every server: unused for longer than one allows, or older than it allows.
