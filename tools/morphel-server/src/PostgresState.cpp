@@ -18,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <unordered_map>
 
 #include <morphel-server/State.h>
 
@@ -55,10 +56,11 @@ const char* const kSchemaSteps[] = {
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
-// The advisory lock every transaction takes (an arbitrary number of this store's own).
-const char kLock[] = "SELECT pg_advisory_xact_lock(7262733206)";
+// Every transaction begins by taking an advisory lock (an arbitrary number of this store's own), in one
+// round trip.
+const char kBegin[] = "BEGIN; SELECT pg_advisory_xact_lock(7262733206)";
 // Sessions are changed under a lock of their own.
-const char kSessionsLock[] = "SELECT pg_advisory_xact_lock(7262733208)";
+const char kBeginSessions[] = "BEGIN; SELECT pg_advisory_xact_lock(7262733208)";
 // Every process holds this one shared while it has the state open; it goes with its connection, so a
 // process that ended, however, holds it no more.
 const char kOpenLock[] = "SELECT pg_advisory_lock_shared(7262733207)";
@@ -132,6 +134,7 @@ protected:
         if (PQstatus(conn_) == CONNECTION_OK || reconnecting_) return false;
         reconnecting_ = true;
         PQreset(conn_);
+        prepared_.clear();
         bool back = PQstatus(conn_) == CONNECTION_OK;
         try {
             for (const char* sql : setup_)
@@ -157,12 +160,11 @@ protected:
         return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
     }
 
-    // Runs `body` between BEGIN and COMMIT under the lock; rolls back when it throws.
+    // Runs `body` in a transaction `begin` begins (under its lock); rolls back when it throws.
     template <class F>
-    void InTransaction(F&& body, const char* lock = kLock) {
-        Exec("BEGIN");
+    void InTransaction(F&& body, const char* begin = kBegin) {
         try {
-            Exec(lock);
+            Exec(begin);
             body();
             Exec("COMMIT");
         } catch (...) {
@@ -186,9 +188,17 @@ protected:
             lengths.push_back(params[i] ? int(params[i]->size()) : 0);
             formats.push_back(int(i) == binary ? 1 : 0);
         }
-        return Send(sql, [&] {
-            return PQexecParams(conn_, sql, int(params.size()), nullptr, values.data(), lengths.data(),
-                                formats.data(), 0);
+        // Each statement is prepared once a connection, and planned no more each time.
+        return Send(sql, [&]() -> PGresult* {
+            auto it = prepared_.find(sql);
+            if (it == prepared_.end()) {
+                std::string name = "s" + std::to_string(prepared_.size());
+                Result prepared(PQprepare(conn_, name.c_str(), sql, int(params.size()), nullptr), &PQclear);
+                if (!Ok(prepared)) return prepared.release();
+                it = prepared_.emplace(sql, name).first;
+            }
+            return PQexecPrepared(conn_, it->second.c_str(), int(params.size()), values.data(),
+                                  lengths.data(), formats.data(), 0);
         });
     }
     static std::string Text(const Result& r, int row, int column) {
@@ -214,6 +224,7 @@ protected:
     const std::string where_;
     const std::vector<const char*> setup_;
     bool reconnecting_ = false;
+    std::unordered_map<const char*, std::string> prepared_;  // names, by the address of the statement's text
 };
 
 class PostgresState : public State, private Connection, private StateTransaction {
@@ -261,15 +272,18 @@ public:
 private:
     // Brings the cache to what the database holds: forgets the events dropped since, reads those appended.
     void ReadNewEvents() {
-        Result oldest = Query("SELECT min(key) FROM events", {});
-        int64_t first = IsNull(oldest, 0, 0) ? INT64_MAX : Int(oldest, 0, 0);
+        // One row at least: the oldest key (null when none), and the new events if any.
+        Result r = Query(
+            "SELECT oldest.key, e.key, e.version, e.event FROM (SELECT min(key) AS key FROM events) oldest"
+            " LEFT JOIN events e ON e.key > $1 ORDER BY e.key",
+            {std::to_string(lastKey_)});
+        int64_t first = IsNull(r, 0, 0) ? INT64_MAX : Int(r, 0, 0);
         while (!cache_.empty() && cache_.front()->GetKey() < first)
             cache_.pop_front();
-        Result added = Query("SELECT key, version, event FROM events WHERE key > $1 ORDER BY key",
-                             {std::to_string(lastKey_)});
-        for (int row = 0; row < PQntuples(added.get()); ++row)
-            cache_.push_back(codec_.Decode<Event>(Text(added, row, 1), Text(added, row, 2),
-                                                  "event " + Text(added, row, 0)));
+        for (int row = 0; row < PQntuples(r.get()); ++row)
+            if (!IsNull(r, row, 1))
+                cache_.push_back(
+                    codec_.Decode<Event>(Text(r, row, 2), Text(r, row, 3), "event " + Text(r, row, 1)));
         if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
     }
 
@@ -502,7 +516,7 @@ public:
                 Query("INSERT INTO sessions (key, userName, vals, opened, used) VALUES ($1, $2, $3, $4, $4)",
                       {session->GetKey(), session->GetUserName(), Values(*session), std::to_string(now)}, 2);
             },
-            kSessionsLock);
+            kBeginSessions);
         Adopt(*session, session->GetValues());
     }
     bool Remove(const std::string& key, Ended& ended) override {
