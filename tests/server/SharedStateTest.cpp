@@ -163,9 +163,11 @@ TEST(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
     if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
     const std::string conninfo = cluster.NewDatabase();
     ASSERT_FALSE(conninfo.empty());
-    std::shared_ptr<MorphelServer::State> a = MorphelServer::NewPostgresState(conninfo),
-                                          b = MorphelServer::NewPostgresState(conninfo);
+    std::shared_ptr<MorphelServer::State> a = MorphelServer::NewPostgresState(conninfo);
+    EXPECT_FALSE(a->OpenElsewhere());
+    std::shared_ptr<MorphelServer::State> b = MorphelServer::NewPostgresState(conninfo);
     EXPECT_TRUE(a->OpenElsewhere());
+    EXPECT_TRUE(b->OpenElsewhere());
 
     std::mutex mutex;
     std::set<int64_t> ids;
