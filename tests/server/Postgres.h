@@ -36,6 +36,11 @@ public:
         PQfinish(conn);
         return ok;
     }
+    // The same database as a postgresql:// URI.
+    std::string Uri(const std::string& conninfo) const {
+        return "postgresql:///" + conninfo.substr(conninfo.rfind('=') + 1) + "?host=" + folder_ +
+               "&port=5432&user=morphel";
+    }
     std::string Conninfo(const std::string& db) const {
         return "host=" + folder_ + " port=5432 user=morphel dbname=" + db;
     }
