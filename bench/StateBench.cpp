@@ -1,8 +1,10 @@
 // The reference service over each state store: createJob and getTaskInfo through the whole service path
 // (request decoded, session and privilege checked, dispatched, state read or written, answer encoded) with
-// the network left out, and a restart over a database file that holds 10,000 events.
+// the network left out, and a restart over a database file that holds 10,000 events. PostgreSQL is measured
+// when MORPHEL_BENCH_POSTGRES names a database (one of its own: the runs add to it).
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -52,19 +54,30 @@ struct Folder {
     std::string path;
 };
 
-// 0: memory; 1: a database file, each commit synced; 2: a database file synced at checkpoints.
+// The PostgreSQL database MORPHEL_BENCH_POSTGRES names, or empty.
+std::string PostgresDatabase() {
+    const char* conninfo = std::getenv("MORPHEL_BENCH_POSTGRES");
+    return conninfo != nullptr ? conninfo : "";
+}
+
+// 0: memory; 1: a database file, each commit synced; 2: a database file synced at checkpoints; 3: a
+// PostgreSQL database, sessions kept there too.
 std::shared_ptr<MorphelServer::State> Store(int kind, const std::string& folder) {
     if (kind == 0) return MorphelServer::NewMemoryState();
+    if (kind == 3) return MorphelServer::NewPostgresState(PostgresDatabase());
     MorphelServer::SqliteOptions options;
     options.syncEachCommit = kind == 1;
     return MorphelServer::NewSqliteState(folder + "/state.db", options);
 }
-const char* kStoreNames[] = {"memory", "sqlite (synchronous FULL)", "sqlite (synchronous NORMAL)"};
+const char* kStoreNames[] = {"memory", "sqlite (synchronous FULL)", "sqlite (synchronous NORMAL)",
+                             "postgresql (state and sessions)"};
 
 // The service over a store, attached to a server that is never started, and a client logged in to it.
 struct Hosted {
-    explicit Hosted(std::shared_ptr<MorphelServer::State> state)
+    explicit Hosted(std::shared_ptr<MorphelServer::State> state, bool postgresSessions = false)
         : service(Options(std::move(state))), server(ServerOptions()) {
+        if (postgresSessions)
+            server.SetSessionStore(MorphelServer::NewPostgresSessionStore(PostgresDatabase(), {}));
         service.Attach(server);
         adapter = new HandleAdapter(server);
         Ref<Morphel::SessionManagerStub> sessions(
@@ -113,20 +126,32 @@ struct Hosted {
 
 // Each job starts a simulated run on a thread of its own: the count is bounded.
 void CreateJob(benchmark::State& bench) {
+    if (bench.range(0) == 3 && PostgresDatabase().empty()) {
+        bench.SkipWithError("set MORPHEL_BENCH_POSTGRES to a PostgreSQL database to measure it");
+        return;
+    }
     Folder folder;
-    Hosted hosted(Store(int(bench.range(0)), folder.path));
+    Hosted hosted(Store(int(bench.range(0)), folder.path), bench.range(0) == 3);
     int n = 0;
     for (auto _ : bench)
-        benchmark::DoNotOptimize(hosted.CreateJob("job " + std::to_string(++n)));
+        benchmark::DoNotOptimize(
+            hosted.CreateJob("job " + std::to_string(getpid()) + "-" + std::to_string(++n)));
     bench.SetLabel(kStoreNames[bench.range(0)]);
     bench.SetItemsProcessed(bench.iterations());
 }
-BENCHMARK(CreateJob)->Arg(0)->Arg(1)->Arg(2)->Iterations(400)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(CreateJob)->Arg(0)->Arg(1)->Arg(2)->Arg(3)->Iterations(400)->UseRealTime()->Unit(
+    benchmark::kMicrosecond);
 
 void GetTaskInfo(benchmark::State& bench) {
+    if (bench.range(0) == 3 && PostgresDatabase().empty()) {
+        bench.SkipWithError("set MORPHEL_BENCH_POSTGRES to a PostgreSQL database to measure it");
+        return;
+    }
     Folder folder;
-    Hosted hosted(Store(int(bench.range(0)), folder.path));
-    Ref<Kitra::MoRef> task = hosted.CreateJob("one")->GetActiveTask();
+    Hosted hosted(Store(int(bench.range(0)), folder.path), bench.range(0) == 3);
+    static int runs = 0;  // a database outlives a run: each names its job anew
+    Ref<Kitra::MoRef> task =
+        hosted.CreateJob("one " + std::to_string(getpid()) + "-" + std::to_string(++runs))->GetActiveTask();
     for (auto _ : bench) {
         Ref<Morphel::Task::TaskInfo> info;
         hosted.tasks->GetTaskInfo(task.Get(), info);
@@ -135,7 +160,7 @@ void GetTaskInfo(benchmark::State& bench) {
     bench.SetLabel(kStoreNames[bench.range(0)]);
     bench.SetItemsProcessed(bench.iterations());
 }
-BENCHMARK(GetTaskInfo)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(GetTaskInfo)->Arg(0)->Arg(1)->Arg(3)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // Opening the file, reading its 10,000 events, starting the service over it and attaching it; the
 // events are those of conversions: task events with their task's record, disk events, job creations.

@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3
-          libexpat1-dev libxml2-dev libxml2-utils libboost-dev libssl-dev libcrypt-dev libsqlite3-dev)
+          libexpat1-dev libxml2-dev libxml2-utils libboost-dev libssl-dev libcrypt-dev libsqlite3-dev
+          libpq-dev postgresql)
 if [[ "${MORPHEL_SETUP_EXTRA:-}" != "" ]]; then
     read -r -a extra <<<"$MORPHEL_SETUP_EXTRA"
     packages+=("${extra[@]}")

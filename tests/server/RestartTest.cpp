@@ -1,6 +1,7 @@
 // A restart over a database file keeps every job, task, event and collector the server acknowledged, and
 // fails the tasks it cut off: after the service is destroyed and another attached to the same file, and
-// after the program is killed with SIGKILL and started again.
+// after the program is killed with SIGKILL and started again. And two programs on one PostgreSQL database
+// serve one client between them.
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -21,6 +22,8 @@
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
+
+#include "Postgres.h"
 
 namespace {
 
@@ -273,6 +276,26 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
     }
     int status = second.Kill(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// Two programs on one PostgreSQL database: a client logged in through one calls the other, which serves
+// the objects the first created.
+TEST(Restart, TwoProgramsOnOnePostgresDatabaseServeOneClient) {
+    auto& cluster = TestPostgres::Cluster::Get();
+    if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
+    const std::string conninfo = cluster.NewDatabase();
+    ASSERT_FALSE(conninfo.empty());
+    std::vector<std::string> args{"--listen", "127.0.0.1:0", "--database", cluster.Uri(conninfo)};
+    Program a(args), b(args);
+    ASSERT_FALSE(a.Url().empty());
+    ASSERT_FALSE(b.Url().empty());
+    Client throughA(a.Url());
+    Ref<Kitra::MoRef> task = throughA.CreateJob("shared")->GetActiveTask();
+    Ref<Kitra::Http::StubAdapter> toB(new Kitra::Http::StubAdapter(b.Url(), "morphel.version.version4"));
+    toB->SetSession(throughA.adapter->GetSession());
+    Ref<TaskInfo> info;
+    Morphel::Task::TaskStub(task->GetId(), toB.Get(), nullptr).GetInfo(info);
+    EXPECT_EQ(info->GetKey(), task->GetId());
 }
 
 }  // namespace

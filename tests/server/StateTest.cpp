@@ -1,6 +1,7 @@
-// The state stores, in memory and in a database file: keys, records as they were put, recent tasks, the
-// bounded event history and collectors by owner, as every store must keep them; and what only the file
-// does: it rolls back, survives reopening, reads older versions and fails clearly.
+// The state stores, in memory, in a database file and in PostgreSQL (skipped when no PostgreSQL can start,
+// see Postgres.h): keys, records as they were put, recent tasks, the bounded event history and collectors
+// by owner, as every store must keep them; and what only the file does: it rolls back, survives reopening,
+// reads older versions and fails clearly.
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 #include <morphel-server/State.h>
 #include <morphel/fault/types.h>
 #include <morphel/params/types.h>
+
+#include "Postgres.h"
 
 namespace {
 
@@ -79,14 +82,23 @@ MorphelServer::TaskRecord Task(const std::string& id) {
 
 class StateTest : public ::testing::TestWithParam<const char*> {
 protected:
+    void SetUp() override {
+        if (std::string(GetParam()) != "postgres") return;
+        auto& cluster = TestPostgres::Cluster::Get();
+        if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
+        conninfo_ = cluster.NewDatabase();
+        ASSERT_FALSE(conninfo_.empty());
+    }
     std::unique_ptr<MorphelServer::State> Open() {
         if (std::string(GetParam()) == "memory") return MorphelServer::NewMemoryState();
+        if (std::string(GetParam()) == "postgres") return MorphelServer::NewPostgresState(conninfo_);
         return MorphelServer::NewSqliteState(folder_.path + "/state.db");
     }
     TempFolder folder_;
+    std::string conninfo_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Stores, StateTest, ::testing::Values("memory", "sqlite"));
+INSTANTIATE_TEST_SUITE_P(Stores, StateTest, ::testing::Values("memory", "sqlite", "postgres"));
 
 TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
     auto state = Open();

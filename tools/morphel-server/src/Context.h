@@ -116,9 +116,10 @@ bool CancelConversion(Context& context, StateTransaction& tx, const std::string&
 
 // Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
 // (Events.cpp) that the state holds.
-void RegisterJob(Context& context, const std::string& id);
-void RegisterTask(Context& context, const std::string& id);
-void RegisterCollector(Context& context, const std::string& id);
+// Each returns the object it registered.
+Fundix::Ref<Kitra::ManagedObject> RegisterJob(Context& context, const std::string& id);
+Fundix::Ref<Kitra::ManagedObject> RegisterTask(Context& context, const std::string& id);
+Fundix::Ref<Kitra::ManagedObject> RegisterCollector(Context& context, const std::string& id);
 
 // The events `filter` selects (all for null), oldest first, without failed logins unless `failedLogins`
 // (Events.cpp). Failed logins name what strangers tried: only accounts that may end others' sessions

@@ -524,8 +524,10 @@ bool CancelConversion(Context& context, StateTransaction& tx, const std::string&
     return true;
 }
 
-void RegisterJob(Context& context, const std::string& id) {
-    context.Register(id, Ref<ConversionJobImpl>(new ConversionJobImpl(context, id)).Get());
+Ref<Kitra::ManagedObject> RegisterJob(Context& context, const std::string& id) {
+    Ref<Kitra::ManagedObject> job(new ConversionJobImpl(context, id));
+    context.Register(id, job.Get());
+    return job;
 }
 
 void AttachConversions(Context& context) {

@@ -148,8 +148,10 @@ private:
 
 }  // namespace
 
-void RegisterCollector(Context& context, const std::string& id) {
-    context.Register(id, Ref<EventHistoryCollectorImpl>(new EventHistoryCollectorImpl(context, id)).Get());
+Ref<Kitra::ManagedObject> RegisterCollector(Context& context, const std::string& id) {
+    Ref<Kitra::ManagedObject> collector(new EventHistoryCollectorImpl(context, id));
+    context.Register(id, collector.Get());
+    return collector;
 }
 
 std::vector<Ref<Event>> ReadableEvents(StateTransaction& tx, const EventFilterSpec* filter, bool failedLogins) {

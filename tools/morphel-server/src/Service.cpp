@@ -197,11 +197,12 @@ struct Service::Impl {
 
 Service::Service(ServiceOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {
     Context& context = impl_->context;
+    bool alone = !context.state->OpenElsewhere();
     context.state->Transact([&](StateTransaction& tx) {
         context.Log(tx,
                     Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(),
                     0, "", Morphel::Event::Event::Type::info, "Server started");
-        FailInterruptedTasks(context, tx);
+        if (alone) FailInterruptedTasks(context, tx);
     });
 }
 
@@ -220,6 +221,21 @@ void Service::Attach(Kitra::Http::Server& server) {
     AttachDiagnostics(context);
     server.SetSessionEndHandler(
         [&context](const Kitra::Http::Session& session) { EndCollectorsOf(context, session.GetKey()); });
+    // A job, task or collector another server on the same state created: served once it is asked for.
+    server.SetResolver([&context](const std::string& id) -> Ref<Kitra::ManagedObject> {
+        auto starts = [&](const char* prefix) { return id.rfind(prefix, 0) == 0; };
+        if (starts("ConversionJob-")) {
+            if (context.state->Run([&](StateTransaction& tx) { return tx.FindJob(id).has_value(); }))
+                return RegisterJob(context, id);
+        } else if (starts("Task-")) {
+            if (context.state->Run([&](StateTransaction& tx) { return tx.FindTask(id).has_value(); }))
+                return RegisterTask(context, id);
+        } else if (starts("EventHistoryCollector-")) {
+            if (context.state->Run([&](StateTransaction& tx) { return tx.FindCollector(id).has_value(); }))
+                return RegisterCollector(context, id);
+        }
+        return nullptr;
+    });
     server.SetPrivilegeCheck([&context](const Kitra::Http::Session& session, const std::string& privilege) {
         return context.accounts.Holds(session.GetUserName(), privilege);
     });

@@ -24,6 +24,7 @@
 #include <morphel-server/State.h>
 
 #include "EventFilter.h"
+#include "StoreEncoding.h"
 
 namespace MorphelServer {
 
@@ -52,29 +53,10 @@ const char* const kSchemaSteps[] = {
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
-// A list of strings as one blob: each its length in decimal, a colon, its bytes.
-std::string Join(const std::vector<std::string>& items) {
-    std::string out;
-    for (const auto& item : items)
-        out += std::to_string(item.size()) + ":" + item;
-    return out;
-}
-std::vector<std::string> Split(const std::string& blob) {
-    std::vector<std::string> items;
-    for (size_t at = 0; at < blob.size();) {
-        size_t colon = blob.find(':', at);
-        if (colon == std::string::npos) throw std::runtime_error("malformed list");
-        size_t length = std::stoul(blob.substr(at, colon - at));
-        if (length > blob.size() - colon - 1) throw std::runtime_error("malformed list");
-        items.push_back(blob.substr(colon + 1, length));
-        at = colon + 1 + length;
-    }
-    return items;
-}
-
 class SqliteState : public State, private StateTransaction {
 public:
-    SqliteState(const std::string& path, const SqliteOptions& options) : path_(path) {
+    SqliteState(const std::string& path, const SqliteOptions& options)
+        : path_(path), codec_(path, options.version) {
         // A new file is private to the user, as its log will be: job specifications may carry credentials.
         int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd >= 0) ::close(fd);
@@ -85,8 +67,6 @@ public:
             throw std::runtime_error(path + ": cannot be opened: " + message);
         }
         try {
-            writer_ = &CodecFor(options.version);
-            version_ = writer_->GetVersion().name;
             // Locked to this process (no shared memory for the log either); every commit synced, or only
             // the checkpoints.
             Exec("PRAGMA locking_mode = EXCLUSIVE");
@@ -100,7 +80,7 @@ public:
             Query events(*this, "SELECT key, version, event FROM events ORDER BY key");
             while (events.Step()) {
                 std::string what = "event " + std::to_string(events.Int(0));
-                cache_.push_back(Decode<Event>(events.Text(1), events.Text(2), what.c_str()));
+                cache_.push_back(Decode<Event>(events.Text(1), events.Text(2), what));
             }
         } catch (...) {
             Close();
@@ -213,12 +193,7 @@ private:
                 Query read(*this, "SELECT version FROM schemaVersion");
                 if (read.Step()) version = read.Int(0);
             }
-            if (version > kSchemaVersion)
-                throw std::runtime_error(path_ + ": written by a newer server (schema version " +
-                                         std::to_string(version) + "; this server reads up to " +
-                                         std::to_string(kSchemaVersion) + ")");
-            for (int64_t step = version; step < kSchemaVersion; ++step)
-                Exec(kSchemaSteps[step]);
+            MigrateSchema(path_, version, kSchemaSteps, [&](const char* sql) { Exec(sql); });
             if (version == 0) Query(*this, "INSERT INTO schemaVersion VALUES (0)").Run();
             Query(*this, "UPDATE schemaVersion SET version = ?").Bind(kSchemaVersion).Run();
             Exec("COMMIT");
@@ -230,39 +205,10 @@ private:
 
     // ---- Values in their wire form
 
-    const Kitra::Soap::Codec& CodecFor(const std::string& version) {
-        auto& codec = codecs_[version];
-        if (codec == nullptr) {
-            try {
-                codec = std::make_unique<Kitra::Soap::Codec>(version);
-            } catch (const Fundix::Exception&) {
-                codecs_.erase(version);
-                throw std::runtime_error(path_ + ": unknown API version " + version);
-            }
-        }
-        return *codec;
-    }
-    std::string Encode(const Kitra::Any* value) {
-        try {
-            return writer_->ToText(value);
-        } catch (const Kitra::Fault::InvalidArgument::Exception& e) {
-            const auto& property = e.GetFault()->GetInvalidProperty();
-            throw std::runtime_error(path_ + ": " + value->_GetType()->GetName() + " cannot be written: " +
-                                     (property.IsSet() ? property.GetValue() : std::string("invalid")));
-        } catch (const Kitra::Fault::NotInVersion::Exception&) {
-            throw std::runtime_error(path_ + ": " + value->_GetType()->GetName() + " cannot be written in " +
-                                     version_);
-        }
-    }
+    std::string Encode(const Kitra::Any* value) { return codec_.Encode(value); }
     template <class T>
-    Ref<T> Decode(const std::string& version, const std::string& text, const char* what) {
-        try {
-            return CodecFor(version).FromText<T>(text);
-        } catch (const Kitra::Fault::InvalidRequest::Exception& e) {
-            throw std::runtime_error(path_ + ": " + what + " cannot be read: " + e.GetFault()->GetReason());
-        } catch (const Fundix::Exception& e) {
-            throw std::runtime_error(path_ + ": " + what + " cannot be read: " + e.GetMessage());
-        }
+    Ref<T> Decode(const std::string& version, const std::string& text, const std::string& what) {
+        return codec_.template Decode<T>(version, text, what);
     }
 
     int64_t Count(const char* name) {
@@ -290,7 +236,7 @@ private:
         Query(*this, "INSERT INTO events (key, createdTime, version, event) VALUES (?, ?, ?, ?)")
             .Bind(key)
             .Bind(event->GetCreatedTime().GetUtcMicros())
-            .Bind(version_)
+            .Bind(codec_.Version())
             .Bind(Encode(event))
             .Run();
         pending_.emplace_back(event);
@@ -346,9 +292,9 @@ private:
         JobRecord job;
         job.id = q.Text(0);
         std::string version = q.Text(1), what = "job " + job.id;
-        job.info = Decode<Morphel::Server::Conversion::ConversionJobInfo>(version, q.Text(2), what.c_str());
-        job.spec = Decode<Morphel::Server::Conversion::ConversionJobSpec>(version, q.Text(3), what.c_str());
-        if (!q.IsNull(4)) job.extraInfo = Decode<Kitra::Any>(version, q.Text(4), what.c_str());
+        job.info = Decode<Morphel::Server::Conversion::ConversionJobInfo>(version, q.Text(2), what);
+        job.spec = Decode<Morphel::Server::Conversion::ConversionJobSpec>(version, q.Text(3), what);
+        if (!q.IsNull(4)) job.extraInfo = Decode<Kitra::Any>(version, q.Text(4), what);
         return job;
     }
     std::optional<JobRecord> FindJob(const std::string& id) override {
@@ -370,7 +316,7 @@ private:
                 "?, ?)");
         q.Bind(job.id)
             .Bind(job.spec->GetName())
-            .Bind(version_)
+            .Bind(codec_.Version())
             .Bind(Encode(job.info.Get()))
             .Bind(Encode(job.spec.Get()));
         if (job.extraInfo != nullptr)
@@ -393,12 +339,8 @@ private:
         task.id = id;
         task.jobId = q.Text(0);
         std::string what = "task " + id;
-        task.info = Decode<Morphel::Task::TaskInfo>(q.Text(1), q.Text(2), what.c_str());
-        try {
-            task.disks = Split(q.Text(3));
-        } catch (const std::exception&) {
-            throw std::runtime_error(path_ + ": " + what + " cannot be read: its disks are malformed");
-        }
+        task.info = Decode<Morphel::Task::TaskInfo>(q.Text(1), q.Text(2), what);
+        task.disks = codec_.DecodeList(q.Text(3), what);
         task.vmName = q.Text(4);
         return task;
     }
@@ -408,7 +350,7 @@ private:
               "?)")
             .Bind(task.id)
             .Bind(task.jobId)
-            .Bind(version_)
+            .Bind(codec_.Version())
             .Bind(Encode(task.info.Get()))
             .BindBlob(Join(task.disks))
             .Bind(task.vmName)
@@ -430,7 +372,7 @@ private:
         if (!q.Step()) return std::nullopt;
         CollectorRecord c;
         std::string what = "collector " + id;
-        c.filter = Decode<Morphel::Event::EventFilterSpec>(q.Text(0), q.Text(1), what.c_str());
+        c.filter = Decode<Morphel::Event::EventFilterSpec>(q.Text(0), q.Text(1), what);
         c.after = int32_t(q.Int(2));
         c.pageSize = int32_t(q.Int(3));
         c.owner = q.Text(4);
@@ -446,7 +388,7 @@ private:
               "?, ?, ?, ?)")
             .Bind(id)
             .Bind(c.owner)
-            .Bind(version_)
+            .Bind(codec_.Version())
             .Bind(Encode(c.filter.Get()))
             .Bind(c.after)
             .Bind(c.pageSize)
@@ -459,9 +401,7 @@ private:
     const std::string path_;
     sqlite3* db_ = nullptr;
     std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text
-    std::map<std::string, std::unique_ptr<Kitra::Soap::Codec>> codecs_;
-    const Kitra::Soap::Codec* writer_ = nullptr;
-    std::string version_;  // the writer's, in full
+    RecordCodec codec_;
     std::mutex mutex_;
     // The committed events, oldest first; during a transaction the events it appended and how many of
     // either it dropped.

@@ -126,8 +126,10 @@ void AttachTasks(Context& context) {
         RegisterTask(context, id);
 }
 
-void RegisterTask(Context& context, const std::string& id) {
-    context.Register(id, Ref<TaskImpl>(new TaskImpl(context, id)).Get());
+Ref<Kitra::ManagedObject> RegisterTask(Context& context, const std::string& id) {
+    Ref<Kitra::ManagedObject> task(new TaskImpl(context, id));
+    context.Register(id, task.Get());
+    return task;
 }
 
 }  // namespace MorphelServer

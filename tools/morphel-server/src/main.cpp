@@ -52,7 +52,8 @@ void Usage(std::FILE* out) {
         "  --state       the state folder (default $XDG_STATE_HOME/morphel-server or\n"
         "                ~/.local/state/morphel-server): the database state.db and the certificate\n"
         "  --database    the database file that keeps jobs, tasks, events and collectors (default\n"
-        "                <state folder>/state.db)\n"
+        "                <state folder>/state.db), or a postgresql://USER@HOST:PORT/DB database,\n"
+        "                which several servers may share (with sessions)\n"
         "  --memory      keep them in memory only: lost when the server stops\n"
         "  --max-events  the most events kept (default 10000; 0: no limit)\n"
         "  --max-event-age  the oldest events kept, a number with s, m, h or d (default 7d; 0: no limit)\n"
@@ -92,6 +93,7 @@ int main(int argc, char** argv) {
     int port = 8085;
     bool tls = false, plainHttp = false, memory = false;
     std::string database;
+    std::shared_ptr<Kitra::Http::SessionStore> sessions;  // shared with the other servers on the database
     std::string certFile, keyFile, stateFolder = Kitra::Http::Tls::DefaultStateFolder("morphel-server");
     MorphelServer::ServiceOptions options;
     try {
@@ -190,7 +192,15 @@ int main(int argc, char** argv) {
                 std::filesystem::permissions(stateFolder, std::filesystem::perms::owner_all);
                 database = (std::filesystem::path(stateFolder) / "state.db").string();
             }
-            options.state = MorphelServer::NewSqliteState(database);
+            if (MorphelServer::IsPostgresUri(database)) {
+                options.state = MorphelServer::NewPostgresState(database);
+                Kitra::Http::ServerOptions defaults;
+                sessions = MorphelServer::NewPostgresSessionStore(
+                    database, {defaults.sessionIdle, defaults.sessionLifetime, defaults.sessionsPerUser});
+                database = MorphelServer::DescribePostgres(database);
+            } else {
+                options.state = MorphelServer::NewSqliteState(database);
+            }
         } catch (const std::exception& e) {
             std::fprintf(stderr, "morphel-server: %s\n", e.what());
             return 1;
@@ -219,6 +229,7 @@ int main(int argc, char** argv) {
     serverOptions.versions = MorphelServer::Service::Versions();
     serverOptions.tls = identity;
     serverOptions.allowPlainHttp = plainHttp;
+    serverOptions.sessionStore = sessions;
     Kitra::Http::Server server(serverOptions);
     service.Attach(server);
     std::mutex logMutex;

@@ -111,25 +111,70 @@ private:
 
 // ---- Server
 
+class SessionStore;
+class MemorySessionStore;
+
 // A logged-in session. Implementations keep what they need with it (locale, user data) as text values.
 class Session : public Fundix::ObjectImpl {
 public:
     Session(std::string key, std::string userName);
     const std::string& GetKey() const { return key_; }
     const std::string& GetUserName() const { return userName_; }
+    // Sets a value; a store kept outside the process is told of it.
     void Set(const std::string& name, const std::string& value);
     std::string Get(const std::string& name) const;  // empty when unset
+    std::map<std::string, std::string> GetValues() const;
 
 private:
     friend class Server;
     friend class Call;
+    friend class SessionStore;
+    friend class MemorySessionStore;
+    SessionStore* store_ = nullptr;  // the store that handed it out, when it keeps values apart
     std::string key_;
     std::string userName_;
     mutable std::mutex mutex_;
     std::map<std::string, std::string> values_;
     std::chrono::steady_clock::time_point opened_;
-    std::chrono::steady_clock::time_point used_;  // guarded by the server's lock
+    std::chrono::steady_clock::time_point used_;  // guarded by the memory store's lock
 };
+
+// Where a server keeps its sessions: in memory (NewMemorySessionStore, the default), or outside the process
+// so that several servers share them. Each operation adds the sessions it found ended (expired, given up
+// for a newer login past the account's cap, removed) to `ended`, for the server to tell its session-end
+// handler. Called from the serving threads at once.
+class SessionStore {
+public:
+    virtual ~SessionStore() = default;
+    // The live session under `key`, touched (used now); null when there is none or it expired.
+    virtual Fundix::Ref<Session> Find(const std::string& key, std::vector<Fundix::Ref<Session>>& ended) = 0;
+    // Adds a new session; an account at its cap gives up its least recently used sessions first.
+    virtual void Add(const Fundix::Ref<Session>& session, std::vector<Fundix::Ref<Session>>& ended) = 0;
+    // Removes the session under `key`; false when there is none.
+    virtual bool Remove(const std::string& key, std::vector<Fundix::Ref<Session>>& ended) = 0;
+    // Every live session.
+    virtual std::vector<Fundix::Ref<Session>> List(std::vector<Fundix::Ref<Session>>& ended) = 0;
+    // A value of `session`, one this store handed out (see Adopt), changed.
+    virtual void ValuesChanged(const Session& session) { (void)session; }
+
+protected:
+    // Makes Session::Set of `session` tell this store (which must outlive the session's use), after
+    // giving it `values`.
+    void Adopt(Session& session, std::map<std::string, std::string> values = {}) {
+        session.values_ = std::move(values);
+        session.store_ = this;
+    }
+};
+
+// How long sessions live and how many an account holds at once.
+struct SessionLimits {
+    std::chrono::milliseconds idle{std::chrono::minutes(30)};  // unused this long: ended
+    std::chrono::milliseconds lifetime{std::chrono::hours(12)};  // this long after login: ended
+    size_t perUser = 16;
+};
+
+// Sessions in memory, lost with the process; the server's default.
+std::shared_ptr<SessionStore> NewMemorySessionStore(const SessionLimits& limits);
 
 class Server;
 
@@ -197,6 +242,8 @@ struct ServerOptions {
     std::chrono::milliseconds sessionIdle{std::chrono::minutes(30)};
     std::chrono::milliseconds sessionLifetime{std::chrono::hours(12)};
     size_t sessionsPerUser = 16;
+    // Where sessions are kept; null: in memory, with the limits above (a store of its own keeps its own).
+    std::shared_ptr<SessionStore> sessionStore;
 };
 
 class Server {
@@ -214,6 +261,10 @@ public:
     // noticed the end; an expired session is noticed by the next request that looks for sessions, at most
     // a second after it expired while the server has requests at all.
     using SessionEnded = std::function<void(const Session& session)>;
+    // Asked for the target of a call that no registered object answers (after the session check): the
+    // object `id` names, or null for none (the call then fails with ManagedObjectNotFound). It may register
+    // the object so that it is not asked again. Runs on the serving thread, outside the server's locks.
+    using Resolver = std::function<Fundix::Ref<ManagedObject>(const std::string& id)>;
 
     explicit Server(ServerOptions options);
     ~Server();
@@ -226,8 +277,11 @@ public:
     void SetFaults(NotAuthenticated notAuthenticated, NoPermission noPermission);
     void SetLogger(Logger logger);
     void SetSessionEndHandler(SessionEnded handler);
+    void SetResolver(Resolver resolver);
+    // Replaces the session store (before Start; the sessions of the one before are forgotten).
+    void SetSessionStore(std::shared_ptr<SessionStore> store);
     // Whether `key` names a session that has not ended (the session is not touched).
-    bool HasSession(const std::string& key) const;
+    bool HasSession(const std::string& key);
 
     // Binds and serves on threads of its own; returns the port. Throws Fundix::InvalidArgumentException when
     // it cannot bind, or for plain HTTP on an address other than loopback without allowPlainHttp.

@@ -46,23 +46,18 @@ struct Server::Impl {
 
     mutable std::mutex mutex;
     std::map<std::string, Fundix::Ref<ManagedObject>> objects;
-    std::map<std::string, Fundix::Ref<Session>> sessions;
+    std::shared_ptr<SessionStore> sessions;  // set before serving, then only read
     PrivilegeCheck privilegeCheck;
     NotAuthenticated notAuthenticated;
     NoPermission noPermission;
     Logger logger;
     SessionEnded sessionEnded;
-    std::chrono::steady_clock::time_point lastSweep;  // of expired sessions; guarded by mutex
+    Resolver resolver;
 
     std::unique_ptr<Listener> listener;
     std::string thumbprintSha1, thumbprintSha256;
 
     const Soap::Codec* CodecFor(const std::string& soapAction) const;
-    // The live session under `key`, touched; null when there is none or it expired (it is then dropped).
-    // Sweeps out the other expired sessions at most once a second.
-    Fundix::Ref<Session> FindSession(const std::string& key);
-    // Under mutex: removes the expired sessions and adds them to `ended`.
-    void DropExpired(std::vector<Fundix::Ref<Session>>& ended);
     // Outside mutex: tells the handler of each session in `ended`.
     void Ended(const std::vector<Fundix::Ref<Session>>& ended) const;
 };

@@ -84,8 +84,16 @@ std::string CookieValue(const std::string& header, const std::string& name) {
 Session::Session(std::string key, std::string userName) : key_(std::move(key)), userName_(std::move(userName)) {}
 
 void Session::Set(const std::string& name, const std::string& value) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        values_[name] = value;
+    }
+    if (store_ != nullptr) store_->ValuesChanged(*this);
+}
+
+std::map<std::string, std::string> Session::GetValues() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    values_[name] = value;
+    return values_;
 }
 
 std::string Session::Get(const std::string& name) const {
@@ -103,41 +111,85 @@ const Soap::Codec* Server::Impl::CodecFor(const std::string& soapAction) const {
     return nullptr;
 }
 
-Fundix::Ref<Session> Server::Impl::FindSession(const std::string& key) {
-    auto now = std::chrono::steady_clock::now();
-    std::vector<Fundix::Ref<Session>> ended;
-    Fundix::Ref<Session> found;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (now - lastSweep >= std::chrono::seconds(1)) DropExpired(ended);
-        auto it = sessions.find(key);
-        if (it != sessions.end()) {
-            Session& s = *it->second;
-            if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
+// The sessions in a map, their times on the steady clock. Expired sessions are swept out at most once a
+// second, and whenever a session is added or all are listed.
+class MemorySessionStore : public SessionStore {
+public:
+    explicit MemorySessionStore(const SessionLimits& limits) : limits_(limits) {}
+
+    Fundix::Ref<Session> Find(const std::string& key, std::vector<Fundix::Ref<Session>>& ended) override {
+        auto now = std::chrono::steady_clock::now();
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (now - lastSweep_ >= std::chrono::seconds(1)) DropExpired(now, ended);
+        auto it = sessions_.find(key);
+        if (it == sessions_.end()) return nullptr;
+        Session& s = *it->second;
+        if (Expired(s, now)) {
+            ended.push_back(it->second);
+            sessions_.erase(it);
+            return nullptr;
+        }
+        s.used_ = now;
+        return it->second;
+    }
+    void Add(const Fundix::Ref<Session>& session, std::vector<Fundix::Ref<Session>>& ended) override {
+        auto now = std::chrono::steady_clock::now();
+        session->opened_ = session->used_ = now;
+        std::lock_guard<std::mutex> lock(mutex_);
+        DropExpired(now, ended);
+        std::vector<std::map<std::string, Fundix::Ref<Session>>::iterator> own;
+        for (auto it = sessions_.begin(); it != sessions_.end(); ++it)
+            if (it->second->GetUserName() == session->GetUserName()) own.push_back(it);
+        while (!own.empty() && own.size() >= limits_.perUser) {
+            auto oldest = std::min_element(own.begin(), own.end(),
+                                           [](const auto& a, const auto& b) { return a->second->used_ < b->second->used_; });
+            ended.push_back((*oldest)->second);
+            sessions_.erase(*oldest);
+            own.erase(oldest);
+        }
+        sessions_[session->GetKey()] = session;
+    }
+    bool Remove(const std::string& key, std::vector<Fundix::Ref<Session>>& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = sessions_.find(key);
+        if (it == sessions_.end()) return false;
+        ended.push_back(it->second);
+        sessions_.erase(it);
+        return true;
+    }
+    std::vector<Fundix::Ref<Session>> List(std::vector<Fundix::Ref<Session>>& ended) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DropExpired(std::chrono::steady_clock::now(), ended);
+        std::vector<Fundix::Ref<Session>> all;
+        for (const auto& [key, session] : sessions_) all.push_back(session);
+        return all;
+    }
+
+private:
+    bool Expired(const Session& s, std::chrono::steady_clock::time_point now) const {
+        return now - s.used_ >= limits_.idle || now - s.opened_ >= limits_.lifetime;
+    }
+    // Under mutex_.
+    void DropExpired(std::chrono::steady_clock::time_point now, std::vector<Fundix::Ref<Session>>& ended) {
+        lastSweep_ = now;
+        for (auto it = sessions_.begin(); it != sessions_.end();) {
+            if (Expired(*it->second, now)) {
                 ended.push_back(it->second);
-                sessions.erase(it);
+                it = sessions_.erase(it);
             } else {
-                s.used_ = now;
-                found = it->second;
+                ++it;
             }
         }
     }
-    Ended(ended);
-    return found;
-}
 
-void Server::Impl::DropExpired(std::vector<Fundix::Ref<Session>>& ended) {
-    auto now = std::chrono::steady_clock::now();
-    lastSweep = now;
-    for (auto it = sessions.begin(); it != sessions.end();) {
-        const Session& s = *it->second;
-        if (now - s.used_ >= options.sessionIdle || now - s.opened_ >= options.sessionLifetime) {
-            ended.push_back(it->second);
-            it = sessions.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    const SessionLimits limits_;
+    std::mutex mutex_;
+    std::map<std::string, Fundix::Ref<Session>> sessions_;
+    std::chrono::steady_clock::time_point lastSweep_;
+};
+
+std::shared_ptr<SessionStore> NewMemorySessionStore(const SessionLimits& limits) {
+    return std::make_shared<MemorySessionStore>(limits);
 }
 
 void Server::Impl::Ended(const std::vector<Fundix::Ref<Session>>& ended) const {
@@ -149,25 +201,9 @@ void Server::Impl::Ended(const std::vector<Fundix::Ref<Session>>& ended) const {
 Session* Call::OpenSession(const std::string& userName) {
     if (session_ != nullptr) CloseSession();
     session_ = new Session(NewKey(), userName);
-    session_->opened_ = session_->used_ = std::chrono::steady_clock::now();
     Server::Impl& impl = *server_->impl_;
     std::vector<Fundix::Ref<Session>> ended;
-    {
-        std::lock_guard<std::mutex> lock(impl.mutex);
-        impl.DropExpired(ended);
-        // An account past its cap gives up its least recently used session.
-        std::vector<std::map<std::string, Fundix::Ref<Session>>::iterator> own;
-        for (auto it = impl.sessions.begin(); it != impl.sessions.end(); ++it)
-            if (it->second->GetUserName() == userName) own.push_back(it);
-        while (!own.empty() && own.size() >= impl.options.sessionsPerUser) {
-            auto oldest = std::min_element(own.begin(), own.end(),
-                                           [](const auto& a, const auto& b) { return a->second->used_ < b->second->used_; });
-            ended.push_back((*oldest)->second);
-            impl.sessions.erase(*oldest);
-            own.erase(oldest);
-        }
-        impl.sessions[session_->GetKey()] = session_;
-    }
+    impl.sessions->Add(session_, ended);
     impl.Ended(ended);
     sessionChanged_ = true;
     return session_.Get();
@@ -183,25 +219,15 @@ void Call::CloseSession() {
 bool Call::CloseSession(const std::string& key) {
     Server::Impl& impl = *server_->impl_;
     std::vector<Fundix::Ref<Session>> ended;
-    {
-        std::lock_guard<std::mutex> lock(impl.mutex);
-        auto it = impl.sessions.find(key);
-        if (it == impl.sessions.end()) return false;
-        ended.push_back(it->second);
-        impl.sessions.erase(it);
-    }
+    bool removed = impl.sessions->Remove(key, ended);
     impl.Ended(ended);
-    return true;
+    return removed;
 }
 
 std::vector<Fundix::Ref<Session>> Call::GetSessions() const {
     Server::Impl& impl = *server_->impl_;
-    std::vector<Fundix::Ref<Session>> all, ended;
-    {
-        std::lock_guard<std::mutex> lock(impl.mutex);
-        impl.DropExpired(ended);
-        for (const auto& [key, session] : impl.sessions) all.push_back(session);
-    }
+    std::vector<Fundix::Ref<Session>> ended;
+    auto all = impl.sessions->List(ended);
     impl.Ended(ended);
     return all;
 }
@@ -215,6 +241,9 @@ Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>()) {
         impl_->thumbprintSha1 = Tls::Thumbprint(options.tls.certificatePem, Tls::Digest::Sha1);
         impl_->thumbprintSha256 = Tls::Thumbprint(options.tls.certificatePem, Tls::Digest::Sha256);
     }
+    impl_->sessions = options.sessionStore != nullptr
+                          ? options.sessionStore
+                          : NewMemorySessionStore({options.sessionIdle, options.sessionLifetime, options.sessionsPerUser});
     impl_->options = std::move(options);
 }
 
@@ -241,13 +270,18 @@ void Server::SetLogger(Logger logger) { impl_->logger = std::move(logger); }
 
 void Server::SetSessionEndHandler(SessionEnded handler) { impl_->sessionEnded = std::move(handler); }
 
-bool Server::HasSession(const std::string& key) const {
-    auto now = std::chrono::steady_clock::now();
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->sessions.find(key);
-    if (it == impl_->sessions.end()) return false;
-    const Session& s = *it->second;
-    return now - s.used_ < impl_->options.sessionIdle && now - s.opened_ < impl_->options.sessionLifetime;
+void Server::SetSessionStore(std::shared_ptr<SessionStore> store) {
+    if (store == nullptr) throw Fundix::InvalidArgumentException("no session store");
+    impl_->sessions = std::move(store);
+}
+
+void Server::SetResolver(Resolver resolver) { impl_->resolver = std::move(resolver); }
+
+bool Server::HasSession(const std::string& key) {
+    std::vector<Fundix::Ref<Session>> ended;
+    std::vector<Fundix::Ref<Session>> live = impl_->sessions->List(ended);
+    impl_->Ended(ended);
+    return std::any_of(live.begin(), live.end(), [&](const Fundix::Ref<Session>& s) { return s->GetKey() == key; });
 }
 
 std::string Server::GetUrl() const {
@@ -275,8 +309,12 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
     call.codec_ = codec;
     call.peer_ = peer;
     std::string key = CookieValue(cookie, kSessionCookie);
-    if (!key.empty()) call.session_ = impl_->FindSession(key);
     try {
+        if (!key.empty()) {
+            std::vector<Fundix::Ref<Session>> ended;
+            call.session_ = impl_->sessions->Find(key, ended);
+            impl_->Ended(ended);
+        }
         Soap::Message request = codec->Decode(body);
         if (request.kind != Soap::MessageKind::Request)
             Fault::InvalidRequest::Exception("not a request", Fundix::Optional<std::string>()).Throw();
@@ -303,6 +341,7 @@ Server::Reply Server::Handle(const std::string& body, const std::string& soapAct
             auto it = impl_->objects.find(request.target->GetId());
             if (it != impl_->objects.end()) target = it->second;
         }
+        if (target == nullptr && impl_->resolver) target = impl_->resolver(request.target->GetId());
         if (target == nullptr) Fault::ManagedObjectNotFound::Exception(request.target.Get()).Throw();
         const ManagedTypeInfo* info = method->GetOwner()->GetManagedTypeInfo();
         if (info->invoke == nullptr) throw Fundix::InvalidArgumentException("no dispatch");

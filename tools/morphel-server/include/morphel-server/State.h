@@ -21,6 +21,7 @@
 #include <fundix/Ref.h>
 #include <fundix/System/DateTime.h>
 #include <kitra/Any.h>
+#include <kitra/Http.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -110,6 +111,10 @@ public:
     // anything.
     virtual void Transact(const std::function<void(StateTransaction&)>& work) = 0;
 
+    // Whether another process has this state open now (a database several servers share); a server that
+    // starts fails the tasks left queued or running only when none has: they may still be running there.
+    virtual bool OpenElsewhere() { return false; }
+
     // Transact for a `work` that returns a value.
     template <class F>
     auto Run(F&& work) -> std::invoke_result_t<F&, StateTransaction&> {
@@ -140,5 +145,27 @@ struct SqliteOptions {
 // std::runtime_error naming the file when it cannot be opened, is no state database, was written by a
 // newer server, or is held by another process.
 std::unique_ptr<State> NewSqliteState(const std::string& path, const SqliteOptions& options = {});
+
+struct PostgresOptions {
+    // The API version records are written in; each is read back in the version it was written in.
+    std::string version = "morphel.version.version4";
+};
+
+// The state in the PostgreSQL database `conninfo` names (a postgresql:// URI or key=value pairs), with the
+// same tables and record encoding as the SQLite store; the tables are created when missing. Several
+// processes may use one database at once: their transactions run one after another. Throws
+// std::runtime_error naming the server (host, port, database, user; never the password) when it cannot
+// be reached, holds no state database or was written by a newer server.
+std::unique_ptr<State> NewPostgresState(const std::string& conninfo, const PostgresOptions& options = {});
+
+// The HTTP sessions in the database of NewPostgresState (which creates their table), so that a client
+// logged in through one server is known to every other server on it. Throws like NewPostgresState.
+std::shared_ptr<Kitra::Http::SessionStore> NewPostgresSessionStore(const std::string& conninfo,
+                                                                   const Kitra::Http::SessionLimits& limits);
+
+// Whether `database` names a PostgreSQL database (postgresql:// or postgres://) rather than a file.
+bool IsPostgresUri(const std::string& database);
+// The server, port, database and user `conninfo` names, for messages: never its password.
+std::string DescribePostgres(const std::string& conninfo);
 
 }  // namespace MorphelServer
