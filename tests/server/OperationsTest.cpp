@@ -21,7 +21,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-#include "Faults.h"
+#include "Support.h"
 
 namespace {
 
@@ -69,12 +69,7 @@ protected:
 
     // A job converting this machine into a hosted machine "copy", with `extraInfo`.
     Ref<ConversionJobInfo> CreateJob(const std::string& name, Kitra::Any* extraInfo = nullptr) {
-        char host[256] = {};
-        gethostname(host, sizeof(host) - 1);
-        Ref<Morphel::ComputerSpec> source(new Morphel::ComputerSpec(
-            Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-                new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
-                .Get()));
+        Ref<Morphel::ComputerSpec> source = ThisMachine();
         Ref<Morphel::Params::TargetVmSpec> target(new Morphel::Params::TargetVmSpec());
         target->SetName("copy");
         target->SetLocation(Ref<Morphel::Params::TargetVmSpec::HostedVmLocation>(

@@ -25,6 +25,8 @@
 
 #include "Postgres.h"
 
+#include "Support.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -53,21 +55,8 @@ struct Client {
         events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
     }
     Ref<ConversionJobInfo> CreateJob(const std::string& name) {
-        char host[256] = {};
-        gethostname(host, sizeof(host) - 1);
-        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
-            new Morphel::Server::Conversion::ConversionJobSpec());
-        spec->SetName(name);
-        spec->SetSource(Ref<Morphel::ComputerSpec>(
-                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-                                                          new Morphel::ComputerSpec::LiveComputerLocation(
-                                                              host, {}, {}, {}, "linux", {}, {}))
-                                                          .Get()))
-                            .Get());
-        spec->SetConversionParams(
-            Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
         Ref<ConversionJobInfo> created;
-        conversions->CreateJob(spec.Get(), nullptr, created);
+        conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
         return created;
     }
     Ref<Kitra::Http::StubAdapter> adapter;

@@ -27,7 +27,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-#include "Faults.h"
+#include "Support.h"
 
 namespace {
 
@@ -86,13 +86,6 @@ protected:
         Ref<Morphel::UserSession> s;
         c.sessions->Login(user, password, Fundix::Optional<std::string>(), s);
         return s;
-    }
-
-    static Ref<Morphel::ComputerSpec> ThisMachine() {
-        char host[256] = {};
-        gethostname(host, sizeof(host) - 1);
-        return new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-            new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {})).Get());
     }
 
     // Clones one disk: `diskId` with the volume `volumeId`, into a hosted machine.

@@ -22,6 +22,8 @@
 
 #include "Postgres.h"
 
+#include "Support.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -62,23 +64,6 @@ struct Host {
     std::unique_ptr<Kitra::Http::Server> server;
 };
 
-Ref<Morphel::Server::Conversion::ConversionJobSpec> Spec() {
-    char host[256] = {};
-    gethostname(host, sizeof(host) - 1);
-    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
-        new Morphel::Server::Conversion::ConversionJobSpec());
-    spec->SetName("shared");
-    spec->SetSource(Ref<Morphel::ComputerSpec>(
-                        new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-                                                      new Morphel::ComputerSpec::LiveComputerLocation(
-                                                          host, {}, {}, {}, "linux", {}, {}))
-                                                      .Get()))
-                        .Get());
-    spec->SetConversionParams(
-        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
-    return spec;
-}
-
 std::vector<int32_t> EventKeys(Kitra::Http::StubAdapter* adapter) {
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
     Morphel::Event::EventManagerStub("EventManager", adapter, nullptr)
@@ -118,7 +103,7 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     // A job created through B; its task and job read through A.
     Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
     Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", toB.Get(), nullptr)
-        .CreateJob(Spec().Get(), nullptr, created);
+        .CreateJob(JobSpecOfThisMachine("shared").Get(), nullptr, created);
     Ref<TaskInfo> task;
     Morphel::Task::TaskStub(created->GetActiveTask()->GetId(), toA.Get(), nullptr).GetInfo(task);
     EXPECT_EQ(task->GetKey(), created->GetActiveTask()->GetId());

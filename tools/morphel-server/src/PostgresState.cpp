@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -22,7 +21,7 @@
 
 #include <morphel-server/State.h>
 
-#include "EventFilter.h"
+#include "EventCache.h"
 #include "StoreEncoding.h"
 
 namespace MorphelServer {
@@ -250,15 +249,11 @@ public:
                 work(*this);
             });
         } catch (...) {
-            pending_.clear();
-            cacheDropped_ = pendingDropped_ = 0;
+            events_.Rollback();
             throw;
         }
-        cache_.erase(cache_.begin(), cache_.begin() + std::ptrdiff_t(cacheDropped_));
-        cache_.insert(cache_.end(), pending_.begin() + std::ptrdiff_t(pendingDropped_), pending_.end());
-        if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
-        pending_.clear();
-        cacheDropped_ = pendingDropped_ = 0;
+        events_.Commit();
+        if (!events_.Committed().empty()) lastKey_ = events_.Committed().back()->GetKey();
     }
 
     bool OpenElsewhere() override {
@@ -278,13 +273,13 @@ private:
             " LEFT JOIN events e ON e.key > $1 ORDER BY e.key",
             {std::to_string(lastKey_)});
         int64_t first = IsNull(r, 0, 0) ? INT64_MAX : Int(r, 0, 0);
-        while (!cache_.empty() && cache_.front()->GetKey() < first)
-            cache_.pop_front();
+        while (!events_.Committed().empty() && events_.Committed().front()->GetKey() < first)
+            events_.Committed().pop_front();
         for (int row = 0; row < PQntuples(r.get()); ++row)
             if (!IsNull(r, row, 1))
-                cache_.push_back(
+                events_.Committed().push_back(
                     codec_.Decode<Event>(Text(r, row, 2), Text(r, row, 3), "event " + Text(r, row, 1)));
-        if (!cache_.empty()) lastKey_ = cache_.back()->GetKey();
+        if (!events_.Committed().empty()) lastKey_ = events_.Committed().back()->GetKey();
     }
 
     int64_t Count(const char* name) {
@@ -312,34 +307,15 @@ private:
         Query("INSERT INTO events (key, createdTime, version, event) VALUES ($1, $2, $3, $4)",
               {std::to_string(key), std::to_string(event->GetCreatedTime().GetUtcMicros()), codec_.Version(),
                codec_.Encode(event)});
-        pending_.emplace_back(event);
+        events_.Append(event);
         return key;
     }
-    template <class F>
-    void ForEachEvent(F&& f) {
-        for (size_t i = cacheDropped_; i < cache_.size(); ++i)
-            f(cache_[i]);
-        for (size_t i = pendingDropped_; i < pending_.size(); ++i)
-            f(pending_[i]);
-    }
     std::vector<Ref<Event>> SelectEvents(const Morphel::Event::EventFilterSpec* filter) override {
-        std::vector<Ref<Event>> out;
-        ForEachEvent([&](const Ref<Event>& e) {
-            if (Matches(filter, *e)) out.push_back(e);
-        });
-        return out;
+        return events_.Select(filter);
     }
     size_t DropEvents(size_t keep, Fundix::System::DateTime before) override {
-        size_t dropped = 0, kept = cache_.size() - cacheDropped_ + pending_.size() - pendingDropped_;
         int32_t last = 0;
-        auto drop = [&](const auto& events, size_t& start) {
-            while (start < events.size() && (kept > keep || events[start]->GetCreatedTime() < before)) {
-                last = events[start]->GetKey();
-                ++start, ++dropped, --kept;
-            }
-            return start == events.size();
-        };
-        if (drop(cache_, cacheDropped_)) drop(pending_, pendingDropped_);
+        size_t dropped = events_.Drop(keep, before, last);
         if (dropped != 0) Query("DELETE FROM events WHERE key <= $1", {std::to_string(last)});
         return dropped;
     }
@@ -461,12 +437,9 @@ private:
 
     RecordCodec codec_;
     std::mutex mutex_;
-    // The events as of the last transaction, oldest first, and the key of the newest read; during a
-    // transaction the events it appended and how many of either it dropped.
-    std::deque<Ref<Event>> cache_;
+    // The key of the newest event read into the cache.
     int64_t lastKey_ = 0;
-    std::vector<Ref<Event>> pending_;
-    size_t cacheDropped_ = 0, pendingDropped_ = 0;
+    EventCache events_;
 };
 
 // The sessions in the table `sessions`, read at each request, so that a login through one server is known

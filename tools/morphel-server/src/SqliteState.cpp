@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <deque>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -23,7 +22,7 @@
 #include <kitra/fault/types.h>
 #include <morphel-server/State.h>
 
-#include "EventFilter.h"
+#include "EventCache.h"
 #include "StoreEncoding.h"
 
 namespace MorphelServer {
@@ -57,7 +56,7 @@ class SqliteState : public State, private StateTransaction {
 public:
     SqliteState(const std::string& path, const SqliteOptions& options)
         : path_(path), codec_(path, options.version) {
-        // A new file is private to the user, as its log will be: job specifications may carry credentials.
+        // A new file is private to the user, as its log will be: a job's parameters may carry credentials.
         int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd >= 0) ::close(fd);
         if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
@@ -80,7 +79,7 @@ public:
             Query events(*this, "SELECT key, version, event FROM events ORDER BY key");
             while (events.Step()) {
                 std::string what = "event " + std::to_string(events.Int(0));
-                cache_.push_back(Decode<Event>(events.Text(1), events.Text(2), what));
+                events_.Committed().push_back(Decode<Event>(events.Text(1), events.Text(2), what));
             }
         } catch (...) {
             Close();
@@ -97,14 +96,10 @@ public:
             Exec("COMMIT");
         } catch (...) {
             sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);  // may have rolled back already
-            pending_.clear();
-            cacheDropped_ = pendingDropped_ = 0;
+            events_.Rollback();
             throw;
         }
-        cache_.erase(cache_.begin(), cache_.begin() + std::ptrdiff_t(cacheDropped_));
-        cache_.insert(cache_.end(), pending_.begin() + std::ptrdiff_t(pendingDropped_), pending_.end());
-        pending_.clear();
-        cacheDropped_ = pendingDropped_ = 0;
+        events_.Commit();
     }
 
 private:
@@ -239,35 +234,15 @@ private:
             .Bind(codec_.Version())
             .Bind(Encode(event))
             .Run();
-        pending_.emplace_back(event);
+        events_.Append(event);
         return key;
     }
-    // What the transaction sees: the cache and the events appended since it began, less those it dropped.
-    template <class F>
-    void ForEachEvent(F&& f) {
-        for (size_t i = cacheDropped_; i < cache_.size(); ++i)
-            f(cache_[i]);
-        for (size_t i = pendingDropped_; i < pending_.size(); ++i)
-            f(pending_[i]);
-    }
     std::vector<Ref<Event>> SelectEvents(const Morphel::Event::EventFilterSpec* filter) override {
-        std::vector<Ref<Event>> out;
-        ForEachEvent([&](const Ref<Event>& e) {
-            if (Matches(filter, *e)) out.push_back(e);
-        });
-        return out;
+        return events_.Select(filter);
     }
     size_t DropEvents(size_t keep, Fundix::System::DateTime before) override {
-        size_t dropped = 0, kept = cache_.size() - cacheDropped_ + pending_.size() - pendingDropped_;
         int32_t last = 0;
-        auto drop = [&](const auto& events, size_t& start) {
-            while (start < events.size() && (kept > keep || events[start]->GetCreatedTime() < before)) {
-                last = events[start]->GetKey();
-                ++start, ++dropped, --kept;
-            }
-            return start == events.size();
-        };
-        if (drop(cache_, cacheDropped_)) drop(pending_, pendingDropped_);
+        size_t dropped = events_.Drop(keep, before, last);
         if (dropped != 0) Query(*this, "DELETE FROM events WHERE key <= ?").Bind(last).Run();
         return dropped;
     }
@@ -403,11 +378,7 @@ private:
     std::unordered_map<const char*, sqlite3_stmt*> statements_;  // by the address of their text
     RecordCodec codec_;
     std::mutex mutex_;
-    // The committed events, oldest first; during a transaction the events it appended and how many of
-    // either it dropped.
-    std::deque<Ref<Event>> cache_;
-    std::vector<Ref<Event>> pending_;
-    size_t cacheDropped_ = 0, pendingDropped_ = 0;
+    EventCache events_;
 };
 
 }  // namespace
