@@ -124,107 +124,33 @@ TEST(RecordTest, SampleRecordsFieldByField) {
     EXPECT_EQ(note[2].flags, 6u);
 }
 
-std::vector<std::string> FaultNames(const Kitra::TypeInfo* const* faults) {
-    std::vector<std::string> names;
-    for (; faults != nullptr && *faults != nullptr; ++faults) names.emplace_back((*faults)->name);
-    return names;
-}
-
-TEST(RecordTest, SessionManagerMethodTable) {
-    struct Param {
-        const char* name;
-        const char* type;
-        uint32_t flags;
-    };
-    struct Method {
-        const char* name;
-        const char* wsdlName;
-        const char* privilege;
-        const char* result;  // null for none
-        const char* version;
-        uint32_t flags;
-        std::vector<Param> params;
-        std::vector<std::string> faults;
-        const char* wireConstant;
-    };
-    const std::string fault = "dovra.fault.";
-    const Method methods[] = {
-        {"login", "MorphelLogin", "System.Anonymous", "morphel.UserSession", v1, 0,
-         {{"userName", "string", 0}, {"password", "string", 0}, {"locale", "string", 2}},
-         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGIN},
-        {"loginExtension", "MorphelLoginExtension", "System.Anonymous", "morphel.UserSession", v1, 0,
-         {{"userName", "string", 0}, {"password", "string", 0}, {"locale", "string", 2}},
-         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGINEXTENSION},
-        {"loginSession", "MorphelLoginSession", "System.Anonymous", "morphel.UserSession", v1, 0,
-         {{"userName", "string", 0}, {"sessionId", "string", 0}, {"locale", "string", 2}},
-         {fault + "InvalidLogin", fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_LOGINSESSION},
-        {"loginBySSPI", "MorphelLoginSSPI", "System.Anonymous", "morphel.UserSession", v3, 0x100,
-         {{"base64Token", "string", 0}, {"locale", "string", 2}},
-         {fault + "SSPIChallenge", fault + "InvalidLogin", fault + "InvalidLocale"},
-         Morphel::SessionManager::METHOD_LOGINBYSSPI},
-        {"impersonate", "MorphelImpersonate", "System.Anonymous", "morphel.UserSession", v1, 0,
-         {{"locale", "string", 2}}, {fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_IMPERSONATE},
-        {"logout", "MorphelLogout", nullptr, nullptr, v1, 0, {}, {}, Morphel::SessionManager::METHOD_LOGOUT},
-        {"terminate", "MorphelTerminateSession", "Sessions.TerminateSession", nullptr, v1, 0,
-         {{"sessionId", "string", 1}}, {fault + "NotFound"}, Morphel::SessionManager::METHOD_TERMINATE},
-        {"setLocale", "MorphelSetLocale", nullptr, nullptr, v1, 0, {{"locale", "string", 0}},
-         {fault + "InvalidLocale"}, Morphel::SessionManager::METHOD_SETLOCALE},
-    };
-    const char* const properties[] = {"sessionList", "currentSession", "messageLocaleList", "supportedLocaleList",
-                                      "defaultLocale"};
-
+// Names, WSDL names, privileges, parameters, results and faults of every method are in the golden
+// catalogue; what it cannot show is where registration put the method objects.
+TEST(RecordTest, SessionManagerMethodObjects) {
     Kitra::ManagedObjectType* type = Kitra::GetType<Morphel::SessionManager>()->AsManagedObjectType();
     ASSERT_NE(type, nullptr);
     const Kitra::ManagedTypeInfo* info = type->GetManagedTypeInfo();
     EXPECT_EQ(info->methodObjects, gMorphelSessionManagerMethodObjects);
-    EXPECT_STREQ(info->base->name, "kodl.ManagedObject");
-    ASSERT_NE(info->methods, nullptr);
-
     size_t i = 0;
     for (const Kitra::MethodTypeInfo* m = info->methods; m->name != nullptr; ++m, ++i) {
-        ASSERT_LT(i, std::size(methods));
-        const Method& e = methods[i];
-        SCOPED_TRACE(e.name);
-        EXPECT_STREQ(m->name, e.name);
-        EXPECT_STREQ(m->wsdlName, e.wsdlName);
-        EXPECT_EQ(Str(m->privilege), Str(e.privilege));
-        EXPECT_EQ(m->reserved, 0u);
-        EXPECT_STREQ(m->result.name, "result");
-        EXPECT_EQ(m->result.privilege, nullptr);
-        EXPECT_EQ(Str(m->result.type ? m->result.type->name : nullptr), Str(e.result));
-        EXPECT_STREQ(m->result.version, e.result != nullptr ? e.version : "kodl.version.version0");
-        EXPECT_EQ(m->methodFlags, e.flags);
-        EXPECT_STREQ(m->version, e.version);
-        EXPECT_EQ(FaultNames(m->faults), e.faults);
-        size_t j = 0;
-        for (const Kitra::ParamTypeInfo* p = m->params; p != nullptr && p->name != nullptr; ++p, ++j) {
-            ASSERT_LT(j, e.params.size());
-            EXPECT_STREQ(p->name, e.params[j].name);
-            ASSERT_NE(p->type, nullptr);
-            EXPECT_STREQ(p->type->name, e.params[j].type);
-            EXPECT_EQ(p->flags, e.params[j].flags);
-            EXPECT_STREQ(p->version, e.version);
-        }
-        EXPECT_EQ(j, e.params.size());
-
-        // The method object made at registration sits in the exported table at the method's index.
         Kitra::ManagedMethod* object = gMorphelSessionManagerMethodObjects[i];
         ASSERT_NE(object, nullptr);
         EXPECT_EQ(object->GetMethodInfo(), m);
         EXPECT_EQ(object->GetIndex(), static_cast<int>(i));
-        EXPECT_EQ(object->GetWireName(), e.wireConstant);
+        EXPECT_EQ(object->GetWireName(), std::string("morphel.SessionManager.") + m->name);
     }
-    EXPECT_EQ(i, std::size(methods));
-    for (const char* name : properties) {
-        SCOPED_TRACE(name);
-        Kitra::ManagedMethod* object = gMorphelSessionManagerMethodObjects[i++];
+    EXPECT_EQ(i, 8u);
+    EXPECT_EQ(gMorphelSessionManagerMethodObjects[0]->GetWireName(), Morphel::SessionManager::METHOD_LOGIN);
+    EXPECT_EQ(gMorphelSessionManagerMethodObjects[6]->GetWireName(), Morphel::SessionManager::METHOD_TERMINATE);
+    // The properties follow the methods.
+    for (; i < 13; ++i) {
+        Kitra::ManagedMethod* object = gMorphelSessionManagerMethodObjects[i];
         ASSERT_NE(object, nullptr);
         EXPECT_TRUE(object->IsProperty());
-        EXPECT_STREQ(object->GetName(), name);
         EXPECT_NE(object->GetPropertyInfo()->flags & Kitra::kFlagExtra, 0u);
     }
+    EXPECT_STREQ(gMorphelSessionManagerMethodObjects[8]->GetName(), "sessionList");
     EXPECT_EQ(type->GetMethods().size(), 13u);
-    EXPECT_STREQ(gMorphelSessionManagerMethodObjects[8]->GetPrivilege(), "Sessions.TerminateSession");
     EXPECT_EQ(type->FindMethod("terminate"), gMorphelSessionManagerMethodObjects[6]);
 }
 

@@ -15,6 +15,7 @@
 
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
 #include <morphel-server/Service.h>
 #include <morphel/event/types.h>
 #include <morphel/fault/types.h>
@@ -165,6 +166,13 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         Ref<TaskInfo> info;
         c.tasks->GetTaskInfo(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", taskId)).Get(), info);
         ExpectInterrupted(*info);
+        // Sessions end with the server that held them, and their collectors with them.
+        Ref<Kitra::DataArray<Morphel::Event::Event>> page;
+        ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
+            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr).ReadNext(1, page);
+        });
+        options.state->Transact(
+            [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
     }
     server.Stop();
     size_t before = options.state->Run(
@@ -174,67 +182,6 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
                   [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
               before + 1);  // only its start
 }
-
-// The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running.
-class Program {
-public:
-    explicit Program(std::vector<std::string> args) {
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(fds[1], STDERR_FILENO);
-            close(fds[0]);
-            std::vector<char*> argv{const_cast<char*>("morphel-server")};
-            for (auto& a : args)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(MORPHEL_SERVER_PATH, argv.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        fd_ = fds[0];
-        // The line "morphel-server: serving URL", within 20 s.
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        std::string text;
-        while (url_.empty() && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0) continue;
-            char buffer[512];
-            ssize_t n = read(fd_, buffer, sizeof buffer);
-            if (n <= 0) break;
-            text.append(buffer, size_t(n));
-            size_t at = text.find("serving "), end = text.find('\n', at);
-            if (at != std::string::npos && end != std::string::npos) url_ = text.substr(at + 8, end - at - 8);
-        }
-    }
-    ~Program() {
-        if (pid_ > 0) Kill(SIGKILL);
-        if (fd_ >= 0) close(fd_);
-    }
-    const std::string& Url() const { return url_; }
-    // Sends `signal` and waits (up to 20 s) for the end; the wait status, or -1.
-    int Kill(int signal) {
-        kill(pid_, signal);
-        int status = -1;
-        for (int i = 0; i < 200; ++i) {
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return status;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return -1;
-    }
-
-private:
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    std::string url_;
-};
 
 TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
     TempFolder folder;

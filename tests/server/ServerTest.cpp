@@ -395,54 +395,6 @@ TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
     c.conversions->CreateJob(JobSpec("left running", Params("a", "b").Get()).Get(), nullptr, created);
 }
 
-TEST_F(ServerTest, AServiceOverAStateThatHoldsJobsServesThem) {
-    Client c = Connect();
-    Login(c, "demo", "demo");
-    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
-    c.conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
-    Ref<Kitra::MoRef> collectorRef;
-    c.events->CreateCollector(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
-                              collectorRef);
-
-    // As after a restart: another service and server over the same state.
-    MorphelServer::ServiceOptions options;
-    options.state = state_;
-    Service again(options);
-    Kitra::Http::ServerOptions serverOptions;
-    serverOptions.versions = Service::Versions();
-    Kitra::Http::Server server(serverOptions);
-    again.Attach(server);
-    server.Start();
-    Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
-    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
-    Ref<Morphel::UserSession> session;
-    sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-
-    Ref<Morphel::Server::Conversion::ConversionJobStub> job(
-        new Morphel::Server::Conversion::ConversionJobStub(created->GetJob()->GetId(), adapter.Get(), nullptr));
-    EXPECT_EQ(job->GetName(), "kept");
-    Ref<Morphel::Task::TaskStub> task(new Morphel::Task::TaskStub(created->GetActiveTask()->GetId(), adapter.Get(), nullptr));
-    Ref<Morphel::Task::TaskInfo> info;
-    task->GetInfo(info);
-    EXPECT_EQ(info->GetKey(), created->GetActiveTask()->GetId());
-    // A collector ends with its session, and sessions end with the server that held them.
-    Ref<Morphel::Event::EventHistoryCollectorStub> collector(
-        new Morphel::Event::EventHistoryCollectorStub(collectorRef->GetId(), adapter.Get(), nullptr));
-    Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { collector->ReadNext(1, page); });
-    state_->Transact([&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
-    ExpectFault<Dovra::Fault::DuplicateName>([&] {
-        Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions(
-            new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr));
-        conversions->CreateJob(JobSpec("kept", Params("a", "b").Get()).Get(), nullptr, created);
-    });
-    // The new service failed the task the first one runs; that run, going on, changes it no more.
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    task->GetInfo(info);
-    EXPECT_EQ(info->GetState(), Morphel::Task::TaskInfo::State::error);
-    server.Stop();
-}
-
 TEST_F(ServerTest, CollectorsAreCountedAndKeepTheirFilter) {
     Client c = Connect();
     Login(c, "demo", "demo");
@@ -521,41 +473,19 @@ TEST_F(ServerTest, CollectorViewsOverTheWholeHistory) {
 
 // The program: serves until SIGTERM, then stops cleanly.
 TEST(ServerProgram, ServesUntilTerminated) {
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        dup2(pipeFds[1], STDERR_FILENO);
-        close(pipeFds[0]);
-        execl(MORPHEL_SERVER_PATH, "morphel-server", "--listen", "127.0.0.1:0", "--user", "ann:pw",
-              "--memory", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(pipeFds[1]);
-    FILE* err = fdopen(pipeFds[0], "r");
-    char line[512];
-    std::string url;
-    while (url.empty() && std::fgets(line, sizeof(line), err) != nullptr) {
-        std::string text(line);
-        size_t at = text.find("serving ");
-        if (at != std::string::npos) url = text.substr(at + 8, text.find_last_not_of("\n") - at - 7);
-    }
-    ASSERT_FALSE(url.empty());
+    Program program({"--listen", "127.0.0.1:0", "--user", "ann:pw", "--memory"});
+    ASSERT_FALSE(program.Url().empty());
     {
-        Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version3"));
+        Ref<Kitra::Http::StubAdapter> adapter(new Kitra::Http::StubAdapter(program.Url(), "morphel.version.version3"));
         Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
         Ref<Morphel::UserSession> s;
         sessions->Login("ann", "pw", Fundix::Optional<std::string>(), s);
         ExpectFault<Dovra::Fault::InvalidLogin>([&] { sessions->Login("demo", "demo", Fundix::Optional<std::string>(), s); });
     }
-    ASSERT_NE(std::fgets(line, sizeof(line), err), nullptr);  // the request's log line
-    EXPECT_NE(std::string(line).find("morphel.SessionManager.login 200"), std::string::npos) << line;
-    kill(pid, SIGTERM);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    std::string line = program.NextLine();  // the request's log line
+    EXPECT_NE(line.find("morphel.SessionManager.login 200"), std::string::npos) << line;
+    int status = program.Kill(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    std::fclose(err);
 }
 
 TEST(ServerAccounts, ParsedFromFilesWithHashesAndPrivileges) {

@@ -1,7 +1,15 @@
-// What the server suite's tests share: expecting a fault of one class, and this machine as a source.
+// What the server suite's tests share: expecting a fault of one class, this machine as a source, and the
+// program run as a child process.
 #pragma once
 
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
 
 #include <string>
 
@@ -43,3 +51,77 @@ inline Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpecOfThis
     spec->SetConversionParams(Fundix::Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
     return spec;
 }
+
+// The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running.
+class Program {
+public:
+    explicit Program(std::vector<std::string> args) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(fds[1], STDERR_FILENO);
+            close(fds[0]);
+            std::vector<char*> argv{const_cast<char*>("morphel-server")};
+            for (auto& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(MORPHEL_SERVER_PATH, argv.data());
+            _exit(127);
+        }
+        close(fds[1]);
+        fd_ = fds[0];
+        // The line "morphel-server: serving URL", within 20 s.
+        while (url_.empty()) {
+            std::string line = NextLine();
+            if (line.empty()) break;
+            size_t at = line.find("serving ");
+            if (at != std::string::npos) url_ = line.substr(at + 8);
+        }
+    }
+    ~Program() {
+        if (pid_ > 0) Kill(SIGKILL);
+        if (fd_ >= 0) close(fd_);
+    }
+    const std::string& Url() const { return url_; }
+    // The next line the program writes to its standard error (without its end), within 20 s; empty when
+    // none comes.
+    std::string NextLine() {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        size_t end;
+        while ((end = text_.find('\n')) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 100) <= 0) continue;
+            char buffer[512];
+            ssize_t n = read(fd_, buffer, sizeof buffer);
+            if (n <= 0) break;
+            text_.append(buffer, size_t(n));
+        }
+        if (end == std::string::npos) return "";
+        std::string line = text_.substr(0, end);
+        text_.erase(0, end + 1);
+        return line;
+    }
+    // Sends `signal` and waits (up to 20 s) for the end; the wait status, or -1.
+    int Kill(int signal) {
+        kill(pid_, signal);
+        int status = -1;
+        for (int i = 0; i < 200; ++i) {
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return status;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    std::string url_;
+    std::string text_;  // read and not yet taken
+};
