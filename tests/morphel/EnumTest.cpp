@@ -64,32 +64,6 @@ TEST(EnumTest, TextsAndValuesOfTaskState) {
     EXPECT_THROW(type->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);
 }
 
-TEST(EnumTest, ParticularEnumerations) {
-    using JobState = Morphel::Server::Job::JobInfo::State;
-    EXPECT_EQ(static_cast<int32_t>(Kitra::FromText<JobState>("deactivated")), 2);
-    EXPECT_STREQ(Morphel::Server::Job::JobInfo::STATE_DEACTIVATED, "deactivated");
-    EXPECT_STREQ(Kitra::GetType<JobState>()->GetWsdlName(), "MorphelServerJobJobInfoState");
-
-    using Format = Morphel::DiagnosticManager::BundleFormat;
-    EXPECT_EQ(Kitra::GetType<Format>()->AsEnumType()->GetValues(), std::vector<std::string>{"zip"});
-    EXPECT_EQ(Kitra::FromText<Format>("zip"), Format::zip);
-    EXPECT_EQ(InvalidArgumentMessage([] { Kitra::ToText(static_cast<Format>(1)); }), "1");
-
-    using Backup = Morphel::Server::Protection::ProtectionJob::RunSpec::BackupType;
-    EXPECT_EQ(Kitra::FromText<Backup>("Full"), Backup::Full);
-    EXPECT_FALSE(Kitra::GetType<Backup>()->AsEnumType()->IsValidText("full"));
-    EXPECT_STREQ(Morphel::Server::Protection::ProtectionJob::RunSpec::BACKUPTYPE_FULL, "Full");
-
-    using Compatibility = Morphel::Agent::Internal::CompatibilityError;
-    EXPECT_STREQ(Morphel::Agent::Internal::COMPATIBILITYERROR_IMPORT_DEST_NOT_FOUND, "IMPORT_DEST_NOT_FOUND");
-    EXPECT_EQ(Kitra::FromText<Compatibility>("TOTAL_COMPATIBILITY_ERROR_VALUES"),
-              Compatibility::TOTAL_COMPATIBILITY_ERROR_VALUES);
-    EXPECT_EQ(static_cast<int32_t>(Compatibility::TOTAL_COMPATIBILITY_ERROR_VALUES), 28);
-    EXPECT_STREQ(Morphel::Server::Job::Job::ACTIVETASKHANDLING_FAILIFACTIVETASK, "failIfActiveTask");
-    EXPECT_STREQ(Morphel::Info::SERVICESTARTTYPE_MANUAL, "manual");
-    EXPECT_EQ(Kitra::ToText(Morphel::Info::ServiceStartType::manual), "manual");
-}
-
 TEST(EnumTest, EveryEnumerationAsRegistered) {
     struct Row {
         const char* wireName;
