@@ -1,5 +1,6 @@
 // The event manager and its history collectors: views over the events a filter selects.
 #include <algorithm>
+#include <set>
 
 #include <kitra/fault/types.h>
 #include <morphel/event/types.h>
@@ -184,14 +185,15 @@ void EndCollectorsOf(Context& context, const std::string& key) {
 void AttachEvents(Context& context) {
     context.Register(kEventManagerId, Ref<EventManagerImpl>(new EventManagerImpl(context)).Get());
     // Collectors whose session ended with an earlier run of the server go; the others are served again.
+    const std::set<std::string> live = context.server->GetSessionKeys();
     auto kept = context.state->Run([&](StateTransaction& tx) {
-        std::vector<std::string> live;
+        std::vector<std::string> ids;
         for (const auto& id : tx.CollectorIds()) {
             auto c = tx.FindCollector(id);
-            if (c && context.server->HasSession(c->owner)) live.push_back(id);
+            if (c && live.count(c->owner) != 0) ids.push_back(id);
             else tx.EraseCollector(id);
         }
-        return live;
+        return ids;
     });
     for (const auto& id : kept)
         RegisterCollector(context, id);

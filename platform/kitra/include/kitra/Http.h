@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -280,8 +281,8 @@ public:
     void SetResolver(Resolver resolver);
     // Replaces the session store (before Start; the sessions of the one before are forgotten).
     void SetSessionStore(std::shared_ptr<SessionStore> store);
-    // Whether `key` names a session that has not ended (the session is not touched).
-    bool HasSession(const std::string& key);
+    // The keys of the sessions that have not ended (none is touched).
+    std::set<std::string> GetSessionKeys();
 
     // Binds and serves on threads of its own; returns the port. Throws Fundix::InvalidArgumentException when
     // it cannot bind, or for plain HTTP on an address other than loopback without allowPlainHttp.

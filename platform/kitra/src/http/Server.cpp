@@ -277,11 +277,13 @@ void Server::SetSessionStore(std::shared_ptr<SessionStore> store) {
 
 void Server::SetResolver(Resolver resolver) { impl_->resolver = std::move(resolver); }
 
-bool Server::HasSession(const std::string& key) {
+std::set<std::string> Server::GetSessionKeys() {
     std::vector<Fundix::Ref<Session>> ended;
-    std::vector<Fundix::Ref<Session>> live = impl_->sessions->List(ended);
+    std::set<std::string> keys;
+    for (const auto& s : impl_->sessions->List(ended))
+        keys.insert(s->GetKey());
     impl_->Ended(ended);
-    return std::any_of(live.begin(), live.end(), [&](const Fundix::Ref<Session>& s) { return s->GetKey() == key; });
+    return keys;
 }
 
 std::string Server::GetUrl() const {
