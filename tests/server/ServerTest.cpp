@@ -365,7 +365,6 @@ TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
     Ref<Morphel::Task::TaskDescription> description;
     EXPECT_EQ(NotImplemented([&] { tasks->GetDescription(description); }),
               "morphel.task.TaskManager.description");
-    EXPECT_EQ(NotImplemented([&] { tasks->DestroyTask(created->GetActiveTask()); }), "morphel.task.TaskManager.destroyTask");
     EXPECT_EQ(NotImplemented([&] { c.conversions->GetRootFolder(none); }),
               "morphel.server.conversion.ConversionManager.rootFolder");
 

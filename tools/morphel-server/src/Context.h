@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +21,7 @@
 #include <morphel-server/Service.h>
 #include <morphel-server/State.h>
 #include <morphel/event/types.h>
+#include <morphel/params/types.h>
 #include <morphel/types.h>
 
 namespace MorphelServer {
@@ -39,6 +41,9 @@ Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
 // How many history collectors one session may hold at once. A session's collectors end with it (logout,
 // expiry, terminate); those of sessions that ended with a previous run of the server are dropped at start.
 inline constexpr int32_t kMaxCollectors = 32;
+
+// How many scheduled tasks one job may have.
+inline constexpr size_t kMaxScheduledTasksPerJob = 32;
 
 // Raises morphel.fault.NoHostConnection unless `source` names `machine` as a live computer (by its host
 // name, localhost or a loopback address); kodl.fault.InvalidArgument "source" for none (Query.cpp).
@@ -85,11 +90,17 @@ public:
     bool Spawn(std::function<void()> work);
     bool Sleep(std::chrono::milliseconds duration);
     bool Stopping();
+    // The scheduler's wait: like Sleep, but it also ends (true) once Wake has been called (as a schedule
+    // changes) since WakeCount answered `seen`.
+    bool Nap(std::chrono::milliseconds duration, uint64_t seen);
+    uint64_t WakeCount();
+    void Wake();
 
 private:
     std::mutex mutex_;
     std::condition_variable stopping_;
     bool stop_ = false;
+    uint64_t wakes_ = 0;
     // A finished thread is joined when the next starts.
     struct Worker {
         std::thread thread;
@@ -107,12 +118,46 @@ void AttachConversions(Context& context);
 void AttachTasks(Context& context);
 void AttachEvents(Context& context);
 void AttachDiagnostics(Context& context);
+// The scheduled task manager, and the scheduler's thread (Scheduler.cpp).
+void AttachScheduler(Context& context);
 
 // Ends the simulated conversion of the task `taskId` as cancelled when it is queued or running (false
 // otherwise): the task in the error state, cancelled, with a morphel.agent.internal.fault.Cancel; its job
 // without an active task, the cancel as its most recent error. The run's thread stops at its next step
 // (Conversion.cpp).
 bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId);
+
+// ---- Runs of jobs (Conversion.cpp) and scheduled runs (Scheduler.cpp)
+
+// A new task converting with `params` into a machine named after the target (else `name`), queued by
+// `user` in an event chain of its own; neither kept nor started (QueueTask does both).
+TaskRecord NewTask(Context& context, StateTransaction& tx, const std::string& jobId,
+                   const Morphel::Params::ConversionParams* params, const std::string& name,
+                   const std::string& user, const std::string& descriptionId);
+// Keeps `task`, lists it among the recent tasks and records it queued. Its run starts with LaunchRun once
+// the transaction has committed.
+void QueueTask(Context& context, StateTransaction& tx, const TaskRecord& task);
+// Starts a run of `job` for `user`: a new task queued as its active task, its last run started now. A
+// job's first run is described as its createJob, later ones as scheduled. `announce`, when not empty, is
+// recorded against the job in the task's chain before the task is queued. The caller puts the job.
+TaskRecord StartRun(Context& context, StateTransaction& tx, JobRecord& job, const std::string& user,
+                    const std::string& announce = "");
+// Starts the simulated conversion of a task that QueueTask kept, on a thread of its own, and registers the
+// task unless the caller may outlive the server (the scheduler: the server's resolver serves it then).
+void LaunchRun(Context& context, const std::string& taskId, bool registerTask = true);
+// Whether a task is queued or running.
+bool IsActive(const Morphel::Task::TaskInfo& info);
+
+// A reference to the scheduled task `id` (it has no managed type of its own).
+Fundix::Ref<Kitra::MoRef> ScheduledTaskRef(const std::string& id);
+// The scheduled task that `ref` names; dovra.fault.NotFound for none or an unknown one.
+ScheduledTaskRecord FindScheduledTask(StateTransaction& tx, const Kitra::MoRef* ref);
+// Makes the job's first run wait for `at` (its scheduled task made, or moved when it has one), or, for
+// none, ends that wait. Sets the job's scheduledTask and next run; the caller puts the job.
+void ScheduleFirstRun(Context& context, StateTransaction& tx, JobRecord& job,
+                      std::optional<Fundix::System::DateTime> at, const std::string& user);
+// Sets the job's nextRunStartTime: the earliest due time of its scheduled tasks (none without).
+void SetNextRun(StateTransaction& tx, JobRecord& job);
 
 // Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
 // (Events.cpp) that the state holds.

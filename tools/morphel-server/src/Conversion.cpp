@@ -1,9 +1,11 @@
-// The conversion manager and its jobs. Creating a job creates its one task, whose conversion is simulated
-// on a thread of its own: queued, running with progress 0 to 100 (an event as each disk starts and ends),
+// The conversion manager and its jobs. Each run of a job is a new task, whose conversion is simulated on a
+// thread of its own: queued, running with progress 0 to 100 (an event as each disk starts and ends),
 // success; or cancelled on the way (error).
 //
-// A job is "active" from its creation, "suspended" by suspend until resume, and "deactivated" by stop for
-// good. A conversion job runs once, at its creation: resuming it starts no new run.
+// A job is "active" from its creation (or "suspended" when its spec says startSuspended), "suspended" by
+// suspend until resume, and "deactivated" by stop for good. Its first run starts with it, or at its
+// firstRun (a scheduled task waits for it: the job has no task until then), or at resume for a job
+// created suspended; later runs come from scheduled tasks (Scheduler.cpp).
 #include <dovra/fault/types.h>
 #include <morphel/agent/internal/fault/types.h>
 #include <morphel/fault/types.h>
@@ -57,6 +59,21 @@ using JobRef = Morphel::Server::Conversion::ConversionJob;
 Ref<Kitra::MoRef> JobRefTo(const std::string& id) { return RefTo<JobRef>(id); }
 
 bool True(const Fundix::Optional<bool>& value) { return value.IsSet() && value.GetValue(); }
+
+// The name of the machine a job makes: its target's, else the job's.
+std::string TargetName(const ConversionJobSpec& spec) {
+    auto* cloning =
+        spec.GetConversionParams() != nullptr ? spec.GetConversionParams()->GetCloningParams() : nullptr;
+    if (cloning != nullptr && cloning->GetTarget() != nullptr) return cloning->GetTarget()->GetName();
+    return spec.GetName();
+}
+
+// Whether the job's first run starts at `now`: it is active, has not run, and its first run is due.
+bool FirstRunDue(const JobRecord& job, DateTime now) {
+    if (job.info->GetState() != ConversionJobInfo::STATE_ACTIVE || job.info->GetLastRunStartTime().IsSet())
+        return false;
+    return !job.spec->GetFirstRun().IsSet() || !(now < job.spec->GetFirstRun().GetValue());
+}
 
 // Raises dovra.fault.InvalidName for an empty `name` and dovra.fault.DuplicateName when a job other than
 // `self` has it.
@@ -139,12 +156,17 @@ public:
             return "suspended";
         });
     }
+    // Starts the first run when it has not happened and its time has come.
     void Resume() override {
-        Change([&](StateTransaction&, JobRecord& job) {
+        const std::string user = CurrentSession().GetUserName();
+        std::string taskId;
+        Change([&](StateTransaction& tx, JobRecord& job) {
             if (job.info->GetState() != ConversionJobInfo::STATE_SUSPENDED) ThrowInvalidState();
             job.info->SetState(ConversionJobInfo::STATE_ACTIVE);
+            if (FirstRunDue(job, DateTime::Now())) taskId = StartRun(context_, tx, job, user).id;
             return "resumed";
         });
+        if (!taskId.empty()) LaunchRun(context_, taskId);
     }
     // Stopping a deactivated job changes nothing (it stays deactivated: reading that apart is safe).
     void Stop(const std::string& activeTaskHandling) override {
@@ -157,10 +179,13 @@ public:
         });
     }
 
-    // The job's first run starts with it: a new first run is refused once that has happened.
+    // Until the first run starts it may move (firstRun) or start at once (doFirstRunNow; for a suspended
+    // job, at resume); once it has, a new first run is refused.
     void UpdateJobSpec(Morphel::Server::Job::Job::JobUpdateSpec* update,
                        Ref<Morphel::Server::Job::JobSpec>& result) override {
         if (update == nullptr) ThrowInvalidArgument("updateParams");
+        const std::string user = CurrentSession().GetUserName();
+        std::string taskId;
         Change([&](StateTransaction& tx, JobRecord& job) {
             if (update->GetName().IsSet()) CheckJobName(tx, update->GetName().GetValue(), id_);
             bool newFirstRun = update->GetFirstRun().IsSet() || True(update->IsDoFirstRunNow());
@@ -168,10 +193,17 @@ public:
                 Raise(new Morphel::Fault::FirstRunAlreadyStartedFault(JobRefTo(id_).Get()));
             if (update->GetName().IsSet()) job.spec->SetName(update->GetName().GetValue());
             if (update->GetDescription().IsSet()) job.spec->SetDescription(update->GetDescription());
-            if (update->GetFirstRun().IsSet()) job.spec->SetFirstRun(update->GetFirstRun());
+            if (newFirstRun) {
+                DateTime now = DateTime::Now();
+                DateTime at = True(update->IsDoFirstRunNow()) ? now : update->GetFirstRun().GetValue();
+                job.spec->SetFirstRun(at);
+                ScheduleFirstRun(context_, tx, job, now < at ? std::optional<DateTime>(at) : std::nullopt, user);
+                if (FirstRunDue(job, now)) taskId = StartRun(context_, tx, job, user).id;
+            }
             result = job.spec;  // the state keeps a copy
             return "updated";
         });
+        if (!taskId.empty()) LaunchRun(context_, taskId);
     }
 
     void UpdateExtraInfo(Kitra::Any* replacementInfo, Ref<Kitra::Any>& result) override {
@@ -302,10 +334,13 @@ public:
                 if (!cancel) ThrowInvalidState();
                 CancelConversion(context_, tx, active->GetId());
             }
+            for (const auto& scheduled : tx.ScheduledTaskIdsOf(found.id))
+                tx.EraseScheduledTask(scheduled);
             tx.EraseJob(found.id);
             return found.id;
         });
         context_.Unregister(id);
+        context_.Wake();
     }
 
     void GetJobInfo(Kitra::MoRef* conversionJob, Ref<ConversionJobInfo>& result) override {
@@ -320,11 +355,25 @@ public:
     }
     Fundix::Optional<int32_t> GetMaxCollector() override { return kMaxCollectors; }
 
+    // The job of a scheduled task.
+    void GetJobInfoFromScheduledTask(Kitra::MoRef* task, Ref<ConversionJobInfo>& result) override {
+        result = JobOf(task).info;
+    }
+    void GetJobSpecFromScheduledTask(Kitra::MoRef* task, Ref<ConversionJobSpec>& result) override {
+        result = JobOf(task).spec;
+    }
+    void GetJobExtraInfoFromScheduledTask(Kitra::MoRef* task, Ref<Kitra::Any>& result) override {
+        result = JobOf(task).extraInfo;
+    }
+
 private:
+    JobRecord JobOf(Kitra::MoRef* scheduled) {
+        return context_.state->Run(
+            [&](StateTransaction& tx) { return FindJob(tx, FindScheduledTask(tx, scheduled).jobId); });
+    }
+
     Context& context_;
 };
-
-void RunConversion(Context& context, const std::string& taskId);
 
 void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extraInfo,
                                       Ref<ConversionJobInfo>& result) {
@@ -336,50 +385,14 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         Raise(fault.Get());
     }
     CheckSource(context_.machine, spec->GetSource());
-    const Machine& machine = context_.machine;
     if (context_.Stopping()) ThrowInvalidState();
     // One transaction (one commit to wait for) checks the name, numbers, keeps and records the job.
     std::string jobId, taskId;
     context_.state->Transact([&](StateTransaction& tx) {
         CheckJobName(tx, spec->GetName(), "");
         jobId = "ConversionJob-" + std::to_string(tx.NextId());
-        taskId = "Task-" + std::to_string(tx.NextId());
+        taskId.clear();
         DateTime now = DateTime::Now();
-
-        TaskRecord task;
-        task.id = taskId;
-        task.jobId = jobId;
-        task.vmName = spec->GetName();
-        auto* cloning = spec->GetConversionParams() != nullptr
-                            ? spec->GetConversionParams()->GetCloningParams()
-                            : nullptr;
-        if (cloning != nullptr && cloning->GetTarget() != nullptr)
-            task.vmName = cloning->GetTarget()->GetName();
-        auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
-                          ? cloning->GetStorageParams()->GetTargetDiskParams()
-                          : nullptr;
-        for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
-            if (disks->Get(i)->GetSourceDiskId().IsSet())
-                task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
-        if (task.disks.empty())
-            for (const auto& d : machine.disks)
-                task.disks.push_back(d.id);
-
-        Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
-        info->SetKey(taskId);
-        info->SetTask(RefTo<Morphel::Task::Task>(taskId).Get());
-        info->SetName("convert");
-        info->SetDescriptionId("morphel.server.conversion.ConversionManager.createJob");
-        info->SetUserName(user);
-        info->SetSource(machine.hostname);
-        info->SetTarget(task.vmName);
-        info->SetState(Morphel::Task::TaskInfo::State::queued);
-        info->SetCancelled(false);
-        info->SetCancelable(true);
-        info->SetProgress(0);
-        info->SetQueueTime(now);
-        info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
-        task.info = info;
 
         JobRecord job;
         job.id = jobId;
@@ -388,39 +401,33 @@ void ConversionManagerImpl::CreateJob(ConversionJobSpec* spec, Kitra::Any* extra
         job.info = new ConversionJobInfo();
         job.info->SetKey(jobId);
         job.info->SetOwner(user);
-        job.info->SetState("active");
-        job.info->SetActiveTask(RefTo<Morphel::Task::Task>(taskId).Get());
+        job.info->SetState(True(spec->IsStartSuspended()) ? ConversionJobInfo::STATE_SUSPENDED
+                                                          : ConversionJobInfo::STATE_ACTIVE);
         job.info->SetCreationTime(now);
         job.info->SetLastModifiedTime(now);
         job.info->SetNumConsecutiveErrors(0);
-        job.info->SetLastRunStartTime(now);
-        job.info->SetJob(RefTo<Morphel::Server::Conversion::ConversionJob>(jobId).Get());
+        job.info->SetJob(JobRefTo(jobId).Get());
         job.info->SetTargetVm(TargetOf(*spec).Get());
-        job.info->SetSource(machine.hostname);
-        job.info->SetTarget(task.vmName);
+        job.info->SetSource(context_.machine.hostname);
+        job.info->SetTarget(TargetName(*spec));
         job.info->SetEditable(false);
 
-        info->SetEventChainId(tx.NextChainId());
-        tx.PutTask(task);
+        std::string created = "Conversion job '" + spec->GetName() + "' created";
+        if (FirstRunDue(job, now)) {
+            taskId = StartRun(context_, tx, job, user, created).id;
+        } else {
+            // The first run waits for its time, or for resume.
+            Ref<Morphel::Event::GeneralEvent> event(new Morphel::Event::GeneralEvent());
+            event->SetMessage(created);
+            context_.Log(tx, event.Get(), 0, user, Morphel::Event::Event::Type::info, created, jobId);
+            if (spec->GetFirstRun().IsSet() && now < spec->GetFirstRun().GetValue())
+                ScheduleFirstRun(context_, tx, job, spec->GetFirstRun().GetValue(), user);
+        }
         tx.PutJob(job);
-        tx.AddRecentTask(taskId, size_t(std::max(1, tx.GetMaxTask())));
-        std::string message = "Conversion job '" + spec->GetName() + "' created";
-        Ref<Morphel::Event::GeneralEvent> created(new Morphel::Event::GeneralEvent());
-        created->SetMessage(message);
-        context_.Log(tx, created.Get(), info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
-                     message, jobId);
-        context_.LogTask(tx, task, "Task queued");
         result = job.info;  // the state keeps a copy
     });
-    // The run outlives no context (its destructor joins it), and may outlive this manager.
-    context_.Spawn([&context = context_, taskId] { RunConversion(context, taskId); });
     RegisterJob(context_, jobId);
-    RegisterTask(context_, taskId);
-}
-
-bool Active(const Morphel::Task::TaskInfo& info) {
-    return info.GetState() == Morphel::Task::TaskInfo::State::queued ||
-           info.GetState() == Morphel::Task::TaskInfo::State::running;
+    if (!taskId.empty()) LaunchRun(context_, taskId);
 }
 
 // The simulated conversion of one task, in 20 steps over the configured time. It ends early when the task
@@ -434,7 +441,7 @@ void RunConversion(Context& context, const std::string& taskId) {
         bool active = false;
         context.state->Transact([&](StateTransaction& tx) {
             auto task = tx.FindTask(taskId);
-            active = task && Active(*task->info);
+            active = task && IsActive(*task->info);
             if (!active) return;
             change(tx, *task);
             tx.PutTask(*task);
@@ -499,9 +506,85 @@ void RunConversion(Context& context, const std::string& taskId) {
 
 }  // namespace
 
+bool IsActive(const Morphel::Task::TaskInfo& info) {
+    return info.GetState() == Morphel::Task::TaskInfo::State::queued ||
+           info.GetState() == Morphel::Task::TaskInfo::State::running;
+}
+
+TaskRecord NewTask(Context& context, StateTransaction& tx, const std::string& jobId,
+                   const Morphel::Params::ConversionParams* params, const std::string& name,
+                   const std::string& user, const std::string& descriptionId) {
+    TaskRecord task;
+    task.id = "Task-" + std::to_string(tx.NextId());
+    task.jobId = jobId;
+    task.vmName = name;
+    auto* cloning = params != nullptr ? params->GetCloningParams() : nullptr;
+    if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();
+    auto* disks = cloning != nullptr && cloning->GetStorageParams() != nullptr
+                      ? cloning->GetStorageParams()->GetTargetDiskParams()
+                      : nullptr;
+    for (size_t i = 0; disks != nullptr && i < disks->GetLength(); ++i)
+        if (disks->Get(i)->GetSourceDiskId().IsSet())
+            task.disks.push_back(disks->Get(i)->GetSourceDiskId().GetValue());
+    if (task.disks.empty())
+        for (const auto& d : context.machine.disks)
+            task.disks.push_back(d.id);
+
+    Ref<Morphel::Task::TaskInfo> info(new Morphel::Task::TaskInfo());
+    info->SetKey(task.id);
+    info->SetTask(RefTo<Morphel::Task::Task>(task.id).Get());
+    info->SetName("convert");
+    info->SetDescriptionId(descriptionId);
+    info->SetUserName(user);
+    info->SetSource(context.machine.hostname);
+    info->SetTarget(task.vmName);
+    info->SetState(Morphel::Task::TaskInfo::State::queued);
+    info->SetCancelled(false);
+    info->SetCancelable(true);
+    info->SetProgress(0);
+    info->SetQueueTime(DateTime::Now());
+    if (!jobId.empty()) info->SetJob(JobRefTo(jobId).Get());
+    info->SetEventChainId(tx.NextChainId());
+    task.info = info;
+    return task;
+}
+
+void QueueTask(Context& context, StateTransaction& tx, const TaskRecord& task) {
+    tx.PutTask(task);
+    tx.AddRecentTask(task.id, size_t(std::max(1, tx.GetMaxTask())));
+    context.LogTask(tx, task, "Task queued");
+}
+
+TaskRecord StartRun(Context& context, StateTransaction& tx, JobRecord& job, const std::string& user,
+                    const std::string& announce) {
+    bool first = !job.info->GetLastRunStartTime().IsSet();
+    TaskRecord task = NewTask(context, tx, job.id, job.spec->GetConversionParams(), job.spec->GetName(), user,
+                              first ? "morphel.server.conversion.ConversionManager.createJob"
+                                    : "morphel.task.ScheduledTaskManager.create");
+    if (!announce.empty()) {
+        Ref<Morphel::Event::GeneralEvent> event(new Morphel::Event::GeneralEvent());
+        event->SetMessage(announce);
+        context.Log(tx, event.Get(), task.info->GetEventChainId(), user, Morphel::Event::Event::Type::info,
+                    announce, job.id);
+    }
+    QueueTask(context, tx, task);
+    if (first) ScheduleFirstRun(context, tx, job, std::nullopt, user);
+    DateTime now = DateTime::Now();
+    job.info->SetActiveTask(RefTo<Morphel::Task::Task>(task.id).Get());
+    job.info->SetLastRunStartTime(now);
+    job.info->SetLastModifiedTime(now);
+    return task;
+}
+
+void LaunchRun(Context& context, const std::string& taskId, bool registerTask) {
+    // The run outlives no context (its destructor joins it), and may outlive the manager that started it.
+    context.Spawn([&context, taskId] { RunConversion(context, taskId); });
+    if (registerTask) RegisterTask(context, taskId);
+}
+
 bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId) {
     auto task = tx.FindTask(taskId);
-    if (!task || !Active(*task->info)) return false;
+    if (!task || !IsActive(*task->info)) return false;
     DateTime now = DateTime::Now();
     Ref<Morphel::Agent::Internal::Fault::Cancel> cancelled(new Morphel::Agent::Internal::Fault::Cancel());
     task->info->SetState(Morphel::Task::TaskInfo::State::error);

@@ -23,6 +23,12 @@ Ref<T> Copy(const Ref<T>& record) {
 TaskRecord Copy(const TaskRecord& task) {
     TaskRecord copy = task;
     copy.info = Copy(task.info);
+    copy.spec = Copy(task.spec);
+    return copy;
+}
+ScheduledTaskRecord Copy(const ScheduledTaskRecord& task) {
+    ScheduledTaskRecord copy = task;
+    copy.info = Copy(task.info);
     return copy;
 }
 JobRecord Copy(const JobRecord& job) {
@@ -124,6 +130,44 @@ private:
     }
     bool EraseCollector(const std::string& id) override { return collectors_.erase(id) != 0; }
 
+    std::vector<std::string> ScheduledTaskIds() override { return Keys(scheduled_); }
+    std::vector<std::string> ScheduledTaskIdsOf(const std::string& jobId) override {
+        std::vector<std::string> ids;
+        for (const auto& [id, task] : scheduled_)
+            if (task.jobId == jobId) ids.push_back(id);
+        return ids;
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) override {
+        return Find(scheduled_, id);
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) override {
+        for (const auto& [id, task] : scheduled_)
+            if (task.info->GetName() == name) return Copy(task);
+        return std::nullopt;
+    }
+    void PutScheduledTask(const ScheduledTaskRecord& task) override { scheduled_[task.id] = Copy(task); }
+    bool EraseScheduledTask(const std::string& id) override { return scheduled_.erase(id) != 0; }
+    std::vector<std::string> DueScheduledTasks(Fundix::System::DateTime time) override {
+        std::vector<std::pair<int64_t, std::string>> due;
+        for (const auto& [id, task] : scheduled_)
+            if (auto at = DueTime(*task.info); at && *at <= time) due.emplace_back(at->GetUtcMicros(), id);
+        std::sort(due.begin(), due.end());
+        std::vector<std::string> ids;
+        for (auto& [at, id] : due)
+            ids.push_back(std::move(id));
+        return ids;
+    }
+    std::optional<Fundix::System::DateTime> NextDueTime() override {
+        std::optional<Fundix::System::DateTime> next;
+        for (const auto& [id, task] : scheduled_)
+            if (auto at = DueTime(*task.info); at && (!next || *at < *next)) next = at;
+        return next;
+    }
+    bool EraseTask(const std::string& id) override {
+        recentTasks_.erase(std::remove(recentTasks_.begin(), recentTasks_.end(), id), recentTasks_.end());
+        return tasks_.erase(id) != 0;
+    }
+
     std::mutex mutex_;
     int64_t nextId_ = 1;
     int32_t nextChain_ = 1;
@@ -134,6 +178,7 @@ private:
     std::map<std::string, TaskRecord> tasks_;
     std::vector<std::string> recentTasks_;
     std::map<std::string, CollectorRecord> collectors_;
+    std::map<std::string, ScheduledTaskRecord> scheduled_;
 };
 
 }  // namespace

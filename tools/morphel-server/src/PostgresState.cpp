@@ -52,6 +52,13 @@ const char* const kSchemaSteps[] = {
     "CREATE TABLE sessions (key TEXT PRIMARY KEY, userName TEXT NOT NULL, vals BYTEA NOT NULL,"
     " opened BIGINT NOT NULL, used BIGINT NOT NULL);"
     "CREATE INDEX sessionsByUser ON sessions (userName);",
+    // 2: scheduled runs (due: the next run time in microseconds while enabled), tasks of their own
+    "CREATE TABLE scheduledTasks (id TEXT PRIMARY KEY, jobId TEXT NOT NULL, name TEXT NOT NULL, due BIGINT,"
+    " version TEXT NOT NULL, info TEXT NOT NULL);"
+    "CREATE INDEX scheduledTasksByJob ON scheduledTasks (jobId);"
+    "CREATE INDEX scheduledTasksByName ON scheduledTasks (name);"
+    "CREATE INDEX scheduledTasksByDue ON scheduledTasks (due);"
+    "ALTER TABLE tasks ADD COLUMN spec TEXT;",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
@@ -371,7 +378,7 @@ private:
     }
 
     std::optional<TaskRecord> FindTask(const std::string& id) override {
-        Result r = Query("SELECT jobId, version, info, disks, vmName FROM tasks WHERE id = $1", {id});
+        Result r = Query("SELECT jobId, version, info, disks, vmName, spec FROM tasks WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         TaskRecord task;
         task.id = id;
@@ -386,15 +393,18 @@ private:
         }
         task.disks = codec_.DecodeList(disks, what);
         task.vmName = Text(r, 0, 4);
+        if (!IsNull(r, 0, 5)) task.spec = codec_.Decode<Morphel::Task::TaskSpec>(Text(r, 0, 1), Text(r, 0, 5), what);
         return task;
     }
     void PutTask(const TaskRecord& task) override {
+        std::optional<std::string> spec;
+        if (task.spec != nullptr) spec = codec_.Encode(task.spec.Get());
         Query(
-            "INSERT INTO tasks (id, jobId, version, info, disks, vmName) VALUES ($1, $2, $3, $4, $5, $6)"
+            "INSERT INTO tasks (id, jobId, version, info, disks, vmName, spec) VALUES ($1, $2, $3, $4, $5, $6, $7)"
             " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, version = EXCLUDED.version,"
-            " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName",
+            " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName, spec = EXCLUDED.spec",
             {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks),
-             task.vmName},
+             task.vmName, spec},
             4);
     }
     std::vector<std::string> RecentTasks() override {
@@ -433,6 +443,55 @@ private:
     }
     bool EraseCollector(const std::string& id) override {
         return Changed(Query("DELETE FROM collectors WHERE id = $1", {id}));
+    }
+
+    std::vector<std::string> ScheduledTaskIds() override {
+        return Ids("SELECT id FROM scheduledTasks ORDER BY id");
+    }
+    std::vector<std::string> ScheduledTaskIdsOf(const std::string& jobId) override {
+        return Ids("SELECT id FROM scheduledTasks WHERE jobId = $1 ORDER BY id", {jobId});
+    }
+    // Columns: id, jobId, version, info.
+    std::optional<ScheduledTaskRecord> ReadScheduledTask(const Result& r) {
+        if (PQntuples(r.get()) == 0) return std::nullopt;
+        ScheduledTaskRecord task;
+        task.id = Text(r, 0, 0);
+        task.jobId = Text(r, 0, 1);
+        task.info = codec_.Decode<Dovra::Scheduler::ScheduledTaskInfo>(Text(r, 0, 2), Text(r, 0, 3),
+                                                                       "scheduled task " + task.id);
+        return task;
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) override {
+        return ReadScheduledTask(Query("SELECT id, jobId, version, info FROM scheduledTasks WHERE id = $1", {id}));
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) override {
+        return ReadScheduledTask(Query(
+            "SELECT id, jobId, version, info FROM scheduledTasks WHERE name = $1 ORDER BY id LIMIT 1", {name}));
+    }
+    void PutScheduledTask(const ScheduledTaskRecord& task) override {
+        std::optional<std::string> due;
+        if (auto at = DueTime(*task.info)) due = std::to_string(at->GetUtcMicros());
+        Query(
+            "INSERT INTO scheduledTasks (id, jobId, name, due, version, info) VALUES ($1, $2, $3, $4, $5, $6)"
+            " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, name = EXCLUDED.name, due = EXCLUDED.due,"
+            " version = EXCLUDED.version, info = EXCLUDED.info",
+            {task.id, task.jobId, task.info->GetName(), due, codec_.Version(), codec_.Encode(task.info.Get())});
+    }
+    bool EraseScheduledTask(const std::string& id) override {
+        return Changed(Query("DELETE FROM scheduledTasks WHERE id = $1", {id}));
+    }
+    std::vector<std::string> DueScheduledTasks(Fundix::System::DateTime time) override {
+        return Ids("SELECT id FROM scheduledTasks WHERE due <= $1 ORDER BY due, id",
+                   {std::to_string(time.GetUtcMicros())});
+    }
+    std::optional<Fundix::System::DateTime> NextDueTime() override {
+        Result r = Query("SELECT min(due) FROM scheduledTasks", {});
+        if (IsNull(r, 0, 0)) return std::nullopt;
+        return Fundix::System::DateTime::FromUtcMicros(Int(r, 0, 0));
+    }
+    bool EraseTask(const std::string& id) override {
+        Query("DELETE FROM recentTasks WHERE taskId = $1", {id});
+        return Changed(Query("DELETE FROM tasks WHERE id = $1", {id}));
     }
 
     RecordCodec codec_;

@@ -49,12 +49,15 @@ private:
         content->SetConversionManager(
             RefTo<Morphel::Server::Conversion::ConversionManager>(kConversionManagerId).Get());
         // Over HTTPS the content names the server's certificate, for clients to pin.
-        if (tls)
+        if (tls) {
+            static_cast<Morphel::ServerInstanceContent*>(content.Get())
+                ->SetScheduledTaskManager(RefTo<Morphel::Task::ScheduledTaskManager>(kScheduledTaskManagerId).Get());
             static_cast<Morphel::ServerInstanceContent*>(content.Get())
                 ->SetPelorServerInfo(Ref<Morphel::ServerInstanceContent::PelorServerInfo>(
                                          new Morphel::ServerInstanceContent::PelorServerInfo(
                                              server->GetUrl(), server->GetThumbprint()))
                                          .Get());
+        }
         return content;
     }
 

@@ -149,6 +149,25 @@ bool Context::Sleep(std::chrono::milliseconds duration) {
     return !stopping_.wait_for(lock, duration, [&] { return stop_; });
 }
 
+bool Context::Nap(std::chrono::milliseconds duration, uint64_t seen) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopping_.wait_for(lock, duration, [&] { return stop_ || wakes_ != seen; });
+    return !stop_;
+}
+
+uint64_t Context::WakeCount() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return wakes_;
+}
+
+void Context::Wake() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++wakes_;
+    }
+    stopping_.notify_all();
+}
+
 bool Context::Stopping() {
     std::lock_guard<std::mutex> lock(mutex_);
     return stop_;
@@ -219,6 +238,7 @@ void Service::Attach(Kitra::Http::Server& server) {
     AttachTasks(context);
     AttachEvents(context);
     AttachDiagnostics(context);
+    AttachScheduler(context);
     server.SetSessionEndHandler(
         [&context](const Kitra::Http::Session& session) { EndCollectorsOf(context, session.GetKey()); });
     // A job, task or collector another server on the same state created: served once it is asked for.

@@ -49,6 +49,13 @@ const char* const kSchemaSteps[] = {
     "CREATE TABLE collectors (id TEXT PRIMARY KEY, owner TEXT NOT NULL, version TEXT NOT NULL,"
     " filter TEXT NOT NULL, after INTEGER NOT NULL, pageSize INTEGER NOT NULL);"
     "CREATE INDEX collectorsByOwner ON collectors (owner);",
+    // 2: scheduled runs (due: the next run time in microseconds while enabled), tasks of their own
+    "CREATE TABLE scheduledTasks (id TEXT PRIMARY KEY, jobId TEXT NOT NULL, name TEXT NOT NULL, due INTEGER,"
+    " version TEXT NOT NULL, info TEXT NOT NULL);"
+    "CREATE INDEX scheduledTasksByJob ON scheduledTasks (jobId);"
+    "CREATE INDEX scheduledTasksByName ON scheduledTasks (name);"
+    "CREATE INDEX scheduledTasksByDue ON scheduledTasks (due);"
+    "ALTER TABLE tasks ADD COLUMN spec TEXT;",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
@@ -307,7 +314,7 @@ private:
     bool EraseJob(const std::string& id) override { return Erase("DELETE FROM jobs WHERE id = ?", id); }
 
     std::optional<TaskRecord> FindTask(const std::string& id) override {
-        Query q(*this, "SELECT jobId, version, info, disks, vmName FROM tasks WHERE id = ?");
+        Query q(*this, "SELECT jobId, version, info, disks, vmName, spec FROM tasks WHERE id = ?");
         q.Bind(id);
         if (!q.Step()) return std::nullopt;
         TaskRecord task;
@@ -317,19 +324,24 @@ private:
         task.info = Decode<Morphel::Task::TaskInfo>(q.Text(1), q.Text(2), what);
         task.disks = codec_.DecodeList(q.Text(3), what);
         task.vmName = q.Text(4);
+        if (!q.IsNull(5)) task.spec = Decode<Morphel::Task::TaskSpec>(q.Text(1), q.Text(5), what);
         return task;
     }
     void PutTask(const TaskRecord& task) override {
-        Query(*this,
-              "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName) VALUES (?, ?, ?, ?, ?, "
-              "?)")
-            .Bind(task.id)
+        Query q(*this,
+                "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName, spec) VALUES (?, ?, ?, ?, "
+                "?, ?, ?)");
+        q.Bind(task.id)
             .Bind(task.jobId)
             .Bind(codec_.Version())
             .Bind(Encode(task.info.Get()))
             .BindBlob(Join(task.disks))
-            .Bind(task.vmName)
-            .Run();
+            .Bind(task.vmName);
+        if (task.spec != nullptr)
+            q.Bind(Encode(task.spec.Get()));
+        else
+            q.BindNull();
+        q.Run();
     }
     std::vector<std::string> RecentTasks() override {
         return Ids("SELECT taskId FROM recentTasks ORDER BY position");
@@ -371,6 +383,63 @@ private:
     }
     bool EraseCollector(const std::string& id) override {
         return Erase("DELETE FROM collectors WHERE id = ?", id);
+    }
+
+    std::vector<std::string> ScheduledTaskIds() override {
+        return Ids("SELECT id FROM scheduledTasks ORDER BY id");
+    }
+    std::vector<std::string> ScheduledTaskIdsOf(const std::string& jobId) override {
+        return Ids("SELECT id FROM scheduledTasks WHERE jobId = ? ORDER BY id", &jobId);
+    }
+    // Columns: id, jobId, version, info.
+    std::optional<ScheduledTaskRecord> ReadScheduledTask(Query& q) {
+        if (!q.Step()) return std::nullopt;
+        ScheduledTaskRecord task;
+        task.id = q.Text(0);
+        task.jobId = q.Text(1);
+        task.info = Decode<Dovra::Scheduler::ScheduledTaskInfo>(q.Text(2), q.Text(3), "scheduled task " + task.id);
+        return task;
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) override {
+        Query q(*this, "SELECT id, jobId, version, info FROM scheduledTasks WHERE id = ?");
+        q.Bind(id);
+        return ReadScheduledTask(q);
+    }
+    std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) override {
+        Query q(*this, "SELECT id, jobId, version, info FROM scheduledTasks WHERE name = ? ORDER BY id LIMIT 1");
+        q.Bind(name);
+        return ReadScheduledTask(q);
+    }
+    void PutScheduledTask(const ScheduledTaskRecord& task) override {
+        Query q(*this,
+                "INSERT OR REPLACE INTO scheduledTasks (id, jobId, name, due, version, info) VALUES (?, ?, ?, ?, ?, "
+                "?)");
+        q.Bind(task.id).Bind(task.jobId).Bind(task.info->GetName());
+        if (auto due = DueTime(*task.info))
+            q.Bind(due->GetUtcMicros());
+        else
+            q.BindNull();
+        q.Bind(codec_.Version()).Bind(Encode(task.info.Get())).Run();
+    }
+    bool EraseScheduledTask(const std::string& id) override {
+        return Erase("DELETE FROM scheduledTasks WHERE id = ?", id);
+    }
+    std::vector<std::string> DueScheduledTasks(Fundix::System::DateTime time) override {
+        Query q(*this, "SELECT id FROM scheduledTasks WHERE due <= ? ORDER BY due, id");
+        q.Bind(time.GetUtcMicros());
+        std::vector<std::string> ids;
+        while (q.Step())
+            ids.push_back(q.Text(0));
+        return ids;
+    }
+    std::optional<Fundix::System::DateTime> NextDueTime() override {
+        Query q(*this, "SELECT min(due) FROM scheduledTasks");
+        if (!q.Step() || q.IsNull(0)) return std::nullopt;
+        return Fundix::System::DateTime::FromUtcMicros(q.Int(0));
+    }
+    bool EraseTask(const std::string& id) override {
+        Query(*this, "DELETE FROM recentTasks WHERE taskId = ?").Bind(id).Run();
+        return Erase("DELETE FROM tasks WHERE id = ?", id);
     }
 
     const std::string path_;

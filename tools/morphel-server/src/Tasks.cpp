@@ -1,4 +1,5 @@
-// The task manager and the tasks of conversion jobs. A task has no child tasks.
+// The task manager and the tasks: those of conversion jobs, and tasks of their own (createTask). A task has
+// no child tasks.
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -23,10 +24,12 @@ TaskRecord FindTask(StateTransaction& tx, const Kitra::MoRef* ref) {
     return FindTask(tx, ref->GetId());
 }
 
-// What the task converts, from its job's spec as it stands: the source, the machine made, the parameters
-// and what is done to the source; null once the job is gone.
+// What the task converts: a task of its own, the spec it was created with; a job's, from its job's spec as it
+// stands: the source, the machine made, the parameters and what is done to the source; null once the job is
+// gone.
 Ref<TaskSpec> SpecOf(StateTransaction& tx, const std::string& id) {
     TaskRecord task = FindTask(tx, id);
+    if (task.spec != nullptr) return task.spec;
     auto job = tx.FindJob(task.jobId);
     if (!job) return nullptr;
     Ref<TaskSpec> spec(new TaskSpec());
@@ -76,6 +79,35 @@ public:
         context_.state->Transact([&](StateTransaction& tx) { tx.SetMaxTask(maxTask); });
     }
     int32_t GetMaxCollector() override { return kMaxCollectors; }
+
+    // A task of its own, run as a job's run is: its spec names this machine as its source (else
+    // morphel.fault.NoHostConnection; kodl.fault.InvalidArgument "source" for none, "taskSpec" for no spec).
+    void CreateTask(TaskSpec* taskSpec, Ref<TaskInfo>& result) override {
+        if (taskSpec == nullptr) ThrowInvalidArgument("taskSpec");
+        const std::string user = CurrentSession().GetUserName();
+        CheckSource(context_.machine, taskSpec->GetSource());
+        std::string id;
+        context_.state->Transact([&](StateTransaction& tx) {
+            TaskRecord task = NewTask(context_, tx, "", taskSpec->GetConversionParams(), context_.machine.hostname,
+                                      user, "morphel.task.TaskManager.createTask");
+            task.spec = taskSpec;  // the state keeps a copy
+            QueueTask(context_, tx, task);
+            id = task.id;
+            result = task.info;
+        });
+        LaunchRun(context_, id);
+    }
+
+    // An ended task goes from the state and the recent tasks; its events stay.
+    void DestroyTask(Kitra::MoRef* task) override {
+        std::string id = context_.state->Run([&](StateTransaction& tx) {
+            TaskRecord found = FindTask(tx, task);
+            if (IsActive(*found.info)) ThrowInvalidState();
+            tx.EraseTask(found.id);
+            return found.id;
+        });
+        context_.Unregister(id);
+    }
 
 private:
     Context& context_;

@@ -39,6 +39,7 @@ inline constexpr const char* kConversionManagerId = "ConversionManager";
 inline constexpr const char* kTaskManagerId = "TaskManager";
 inline constexpr const char* kEventManagerId = "EventManager";
 inline constexpr const char* kDiagnosticManagerId = "DiagnosticManager";
+inline constexpr const char* kScheduledTaskManagerId = "ScheduledTaskManager";
 
 class Service {
 public:

@@ -22,19 +22,21 @@
 #include <fundix/System/DateTime.h>
 #include <kitra/Any.h>
 #include <kitra/Http.h>
+#include <dovra/scheduler/types.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
 
 namespace MorphelServer {
 
-// A task of a conversion job, with what its simulated run needs.
+// A task of a conversion job, or a task of its own (createTask), with what its simulated run needs.
 struct TaskRecord {
     std::string id;
-    std::string jobId;
+    std::string jobId;  // empty for a task of its own
     Fundix::Ref<Morphel::Task::TaskInfo> info;
     std::vector<std::string> disks;  // the source disks the run copies, in order
     std::string vmName;              // the machine the run makes
+    Fundix::Ref<Morphel::Task::TaskSpec> spec;  // what a task of its own converts; null for a job's
 };
 
 struct JobRecord {
@@ -53,6 +55,19 @@ struct CollectorRecord {
     int32_t pageSize = 10;
     std::string owner;  // the key of the session that created it
 };
+
+// A scheduled run of a conversion job: when it runs next and what it last started.
+struct ScheduledTaskRecord {
+    std::string id;  // ScheduledTask-<n>
+    std::string jobId;
+    Fundix::Ref<Dovra::Scheduler::ScheduledTaskInfo> info;  // never null
+};
+
+// When `info` is due: its next run time while it is enabled; none otherwise.
+inline std::optional<Fundix::System::DateTime> DueTime(const Dovra::Scheduler::ScheduledTaskInfo& info) {
+    if (!info.IsEnabled() || !info.GetNextRunTime().IsSet()) return std::nullopt;
+    return info.GetNextRunTime().GetValue();
+}
 
 // One transaction's view of the state.
 class StateTransaction {
@@ -99,6 +114,19 @@ public:
     virtual std::vector<std::string> CollectorIdsOf(const std::string& owner) = 0;
     virtual void PutCollector(const std::string& id, const CollectorRecord& collector) = 0;
     virtual bool EraseCollector(const std::string& id) = 0;
+
+    // ---- Scheduled runs, and tasks that go
+    virtual std::vector<std::string> ScheduledTaskIds() = 0;
+    virtual std::vector<std::string> ScheduledTaskIdsOf(const std::string& jobId) = 0;
+    virtual std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) = 0;
+    virtual std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) = 0;
+    virtual void PutScheduledTask(const ScheduledTaskRecord& task) = 0;  // adds or replaces by id
+    virtual bool EraseScheduledTask(const std::string& id) = 0;
+    // The scheduled tasks due (DueTime) at `time` or before, earliest first; the earliest due time of all.
+    virtual std::vector<std::string> DueScheduledTasks(Fundix::System::DateTime time) = 0;
+    virtual std::optional<Fundix::System::DateTime> NextDueTime() = 0;
+    // Erases the task and drops it from the recent tasks; its events stay.
+    virtual bool EraseTask(const std::string& id) = 0;
 };
 
 class State {
