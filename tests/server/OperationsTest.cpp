@@ -1,7 +1,9 @@
 // The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
-// updating and destroying a job, and what the task manager answers about a task.
+// updating and destroying a job, what the task manager answers about a task, tasks of their own, and
+// scheduled runs.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <dovra/fault/types.h>
+#include <dovra/scheduler/types.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
 #include <kitra/fault/types.h>
@@ -55,6 +58,8 @@ protected:
         conversions_ = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
                                                                               adapter_.Get(), nullptr);
         tasks_ = new Morphel::Task::TaskManagerStub("TaskManager", adapter_.Get(), nullptr);
+        scheduled_ =
+            new Morphel::Task::ScheduledTaskManagerStub("ScheduledTaskManager", adapter_.Get(), nullptr);
     }
     void TearDown() override {
         if (server_) server_->Stop();
@@ -67,8 +72,11 @@ protected:
         return new Stub(ref->GetId(), adapter_.Get(), nullptr);
     }
 
-    // A job converting this machine into a hosted machine "copy", with `extraInfo`.
-    Ref<ConversionJobInfo> CreateJob(const std::string& name, Kitra::Any* extraInfo = nullptr) {
+    // A job converting this machine into a hosted machine "copy", with `extraInfo`, its spec as `adjust`
+    // leaves it.
+    Ref<ConversionJobInfo> CreateJob(
+        const std::string& name, Kitra::Any* extraInfo = nullptr,
+        const std::function<void(Morphel::Server::Conversion::ConversionJobSpec&)>& adjust = {}) {
         Ref<Morphel::ComputerSpec> source = ThisMachine();
         Ref<Morphel::Params::TargetVmSpec> target(new Morphel::Params::TargetVmSpec());
         target->SetName("copy");
@@ -84,9 +92,41 @@ protected:
         spec->SetName(name);
         spec->SetSource(source.Get());
         spec->SetConversionParams(params.Get());
+        if (adjust) adjust(*spec);
         Ref<ConversionJobInfo> info;
         conversions_->CreateJob(spec.Get(), extraInfo, info);
         return info;
+    }
+
+    Ref<Morphel::Task::ScheduledTaskInfo> Scheduled(Kitra::MoRef* task) {
+        Ref<Morphel::Task::ScheduledTaskInfo> info;
+        scheduled_->Get(task, info);
+        return info;
+    }
+    // The job's info once `done` holds for it (a failure after ten seconds).
+    Ref<ConversionJobInfo> WaitForJob(ConversionJobStub* job,
+                                      const std::function<bool(const ConversionJobInfo&)>& done) {
+        auto deadline = std::chrono::steady_clock::now() + 10s;
+        Ref<ConversionJobInfo> info = JobInfo(job);
+        while (!done(*info) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(10ms);
+            info = JobInfo(job);
+        }
+        EXPECT_TRUE(done(*info)) << "job " << job->_GetId() << " never got there";
+        return info;
+    }
+    // The messages of the events recorded against `job`, oldest first.
+    std::vector<std::string> MessagesOf(Kitra::MoRef* job) {
+        Ref<Morphel::Event::EventFilterSpec> byJob(new Morphel::Event::EventFilterSpec());
+        byJob->SetJob(job);
+        Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+        Ref<Morphel::Event::EventManagerStub>(
+            new Morphel::Event::EventManagerStub("EventManager", adapter_.Get(), nullptr))
+            ->QueryEvent(byJob.Get(), events);
+        std::vector<std::string> messages;
+        for (size_t i = 0; events != nullptr && i < events->GetLength(); ++i)
+            messages.push_back(events->Get(i)->GetFullMessage().GetValue());
+        return messages;
     }
 
     Ref<TaskInfo> TaskOf(Kitra::MoRef* task) {
@@ -116,7 +156,24 @@ protected:
     Ref<Kitra::Http::StubAdapter> adapter_;
     Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions_;
     Ref<Morphel::Task::TaskManagerStub> tasks_;
+    Ref<Morphel::Task::ScheduledTaskManagerStub> scheduled_;
 };
+
+// A scheduled task's settings: enabled, running first at `runAt`, then every `interval` minutes.
+Ref<Dovra::Scheduler::ScheduledTaskSpec> Schedule(const std::string& name, Fundix::System::DateTime runAt,
+                                                  Fundix::Optional<int32_t> interval = {}) {
+    Ref<Dovra::Scheduler::ScheduledTaskSpec> spec(new Dovra::Scheduler::ScheduledTaskSpec());
+    spec->SetName(name);
+    spec->SetEnabled(true);
+    spec->SetRunAt(runAt);
+    spec->SetIntervalMinutes(interval);
+    return spec;
+}
+
+Fundix::System::DateTime InMillis(int64_t millis) {
+    return Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() +
+                                                   millis * 1000);
+}
 
 bool Running(const TaskInfo& info) { return info.GetState() == TaskInfo::State::running; }
 
@@ -375,6 +432,206 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     EXPECT_EQ(job->GetOverallStatus(), Status::green);
     task->Cancel();
     EXPECT_EQ(TaskOf(created->GetActiveTask())->GetState(), TaskInfo::State::success);
+}
+
+TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMoveOn) {
+    Start(60s);  // runs that end only when cancelled
+    Ref<ConversionJobInfo> created = CreateJob("nightly");
+    auto job = Make<ConversionJobStub>(created->GetJob());
+    Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
+    auto wrap = [&](Dovra::Scheduler::ScheduledTaskSpec* spec) {
+        return Ref<Morphel::Task::ScheduledTaskSpec>(new Morphel::Task::ScheduledTaskSpec(spec, nullptr));
+    };
+
+    // Faults of create, get and reconfigure.
+    Ref<Dovra::Scheduler::ScheduledTaskInfo> made;
+    Ref<Kitra::MoRef> unknown(new Kitra::MoRef("kodl.ManagedObject", "ScheduledTask-999"));
+    ExpectFault<Dovra::Fault::InvalidName>(
+        [&] { scheduled_->Create(created->GetJob(), wrap(Schedule("", InMillis(0)).Get()).Get(), made); });
+    auto noJob = ExpectFault<Kitra::Fault::InvalidArgument>(
+        [&] { scheduled_->Create(unknown.Get(), wrap(Schedule("x", InMillis(0)).Get()).Get(), made); });
+    ASSERT_NE(noJob, nullptr);
+    EXPECT_EQ(noJob->GetInvalidProperty().GetValue(), "obj");
+    ExpectFault<Dovra::Fault::NotFound>([&] { Scheduled(unknown.Get()); });
+    ExpectFault<Dovra::Fault::NotFound>(
+        [&] { scheduled_->Reconfigure(unknown.Get(), Schedule("x", InMillis(0)).Get()); });
+
+    // Due in a second, then every minute.
+    Fundix::System::DateTime runAt = InMillis(1000);
+    scheduled_->Create(created->GetJob(), wrap(Schedule("every minute", runAt, 1).Get()).Get(), made);
+    Ref<Kitra::MoRef> ref(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
+    EXPECT_EQ(made->GetKey().rfind("ScheduledTask-", 0), 0u);
+    EXPECT_EQ(made->GetState(), "scheduled");
+    EXPECT_EQ(made->GetNextRunTime().GetValue(), runAt);
+    EXPECT_EQ(made->GetLastModifiedUser(), "demo");
+    EXPECT_EQ(JobInfo(job.Get())->GetNextRunStartTime().GetValue(), runAt);
+    auto duplicate = ExpectFault<Dovra::Fault::DuplicateName>([&] {
+        scheduled_->Create(created->GetJob(), wrap(Schedule("every minute", runAt).Get()).Get(), made);
+    });
+    ASSERT_NE(duplicate, nullptr);
+    EXPECT_EQ(duplicate->GetObject()->GetId(), ref->GetId());
+    Ref<ConversionJobInfo> fromScheduled;
+    conversions_->GetJobInfoFromScheduledTask(ref.Get(), fromScheduled);
+    EXPECT_EQ(fromScheduled->GetKey(), created->GetKey());
+    ExpectFault<Dovra::Fault::NotFound>(
+        [&] { conversions_->GetJobInfoFromScheduledTask(unknown.Get(), fromScheduled); });
+
+    Ref<ConversionJobInfo> ran =
+        WaitForJob(job.Get(), [](const ConversionJobInfo& i) { return i.GetActiveTask() != nullptr; });
+    Ref<Morphel::Task::ScheduledTaskInfo> got = Scheduled(ref.Get());
+    EXPECT_EQ(got->GetJob()->GetId(), created->GetKey());
+    const auto& info = *got->GetInfo();
+    EXPECT_EQ(info.GetState(), "running");
+    ASSERT_NE(info.GetActiveTask(), nullptr);
+    EXPECT_EQ(info.GetActiveTask()->GetId(), ran->GetActiveTask()->GetId());
+    EXPECT_NE(ran->GetActiveTask()->GetId(), created->GetActiveTask()->GetId());
+    EXPECT_TRUE(info.GetPrevRunTime().IsSet());
+    EXPECT_EQ(info.GetNextRunTime().GetValue().GetUtcMicros(), runAt.GetUtcMicros() + 60'000'000);
+    EXPECT_EQ(ran->GetNextRunStartTime().GetValue(), info.GetNextRunTime().GetValue());
+    EXPECT_EQ(TaskOf(ran->GetActiveTask())->GetDescriptionId(), "morphel.task.ScheduledTaskManager.create");
+    ExpectFault<Dovra::Fault::InvalidState>(
+        [&] { scheduled_->Reconfigure(ref.Get(), Schedule("later", runAt).Get()); });
+
+    // Due at once while the job's run is active: skipped, and done.
+    scheduled_->Create(created->GetJob(), wrap(Schedule("once", InMillis(-1000)).Get()).Get(), made);
+    Ref<Kitra::MoRef> once(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
+    auto skipped = [&] {
+        auto messages = MessagesOf(created->GetJob());
+        return std::find(messages.begin(), messages.end(),
+                         "Scheduled task 'once' skipped a run: the job's task " +
+                             ran->GetActiveTask()->GetId() + " is still active") != messages.end();
+    };
+    for (auto deadline = std::chrono::steady_clock::now() + 10s;
+         !skipped() && std::chrono::steady_clock::now() < deadline;)
+        std::this_thread::sleep_for(10ms);
+    EXPECT_TRUE(skipped());
+    EXPECT_EQ(Scheduled(once.Get())->GetInfo()->GetState(), "completed");
+    EXPECT_FALSE(Scheduled(once.Get())->GetInfo()->GetPrevRunTime().IsSet());
+
+    // Once the run ends it may change: disabled, it starts nothing.
+    Make<Morphel::Task::TaskStub>(ran->GetActiveTask())->Cancel();
+    EXPECT_EQ(Scheduled(ref.Get())->GetInfo()->GetState(), "scheduled");
+    ExpectFault<Dovra::Fault::DuplicateName>(
+        [&] { scheduled_->Reconfigure(ref.Get(), Schedule("once", runAt).Get()); });
+    Ref<Dovra::Scheduler::ScheduledTaskSpec> off = Schedule("every minute", InMillis(-1000), 1);
+    off->SetEnabled(false);
+    scheduled_->Reconfigure(ref.Get(), off.Get());
+    EXPECT_EQ(Scheduled(ref.Get())->GetInfo()->GetState(), "disabled");
+    EXPECT_FALSE(JobInfo(job.Get())->GetNextRunStartTime().IsSet());
+
+    // The job's scheduled tasks go with it.
+    conversions_->DestroyJob(created->GetJob(), {});
+    ExpectFault<Dovra::Fault::NotFound>([&] { Scheduled(ref.Get()); });
+}
+
+TEST_F(OperationsTest, AFirstRunWaitsForItsTimeOrForResume) {
+    Start(60s);
+    auto activeTask = [](const ConversionJobInfo& i) { return i.GetActiveTask() != nullptr; };
+    // At its firstRun, through the scheduled task that waits for it; no task until then.
+    Fundix::System::DateTime at = InMillis(1000);
+    Ref<ConversionJobInfo> later = CreateJob("later", nullptr, [&](auto& spec) { spec.SetFirstRun(at); });
+    EXPECT_EQ(later->GetState(), "active");
+    EXPECT_EQ(later->GetActiveTask(), nullptr);
+    EXPECT_FALSE(later->GetLastRunStartTime().IsSet());
+    EXPECT_EQ(later->GetNextRunStartTime().GetValue(), at);
+    ASSERT_NE(later->GetScheduledTask(), nullptr);
+    Ref<ConversionJobInfo> byScheduled;
+    conversions_->GetJobInfoFromScheduledTask(later->GetScheduledTask(), byScheduled);
+    EXPECT_EQ(byScheduled->GetKey(), later->GetKey());
+    auto laterJob = Make<ConversionJobStub>(later->GetJob());
+    Ref<ConversionJobInfo> ran = WaitForJob(laterJob.Get(), activeTask);
+    EXPECT_TRUE(ran->GetLastRunStartTime().IsSet());
+    EXPECT_FALSE(ran->GetNextRunStartTime().IsSet());
+    EXPECT_EQ(Scheduled(later->GetScheduledTask())->GetInfo()->GetState(), "running");
+    EXPECT_EQ(TaskOf(ran->GetActiveTask())->GetDescriptionId(),
+              "morphel.server.conversion.ConversionManager.createJob");
+    using Update = Morphel::Server::Job::Job::JobUpdateSpec;
+    Ref<Update> update(new Update());
+    update->SetFirstRun(InMillis(3600'000));
+    Ref<Morphel::Server::Job::JobSpec> spec;
+    ExpectFault<Morphel::Fault::FirstRunAlreadyStartedFault>(
+        [&] { laterJob->UpdateJobSpec(update.Get(), spec); });
+
+    // Moved to an hour from now, then asked to run now.
+    Ref<ConversionJobInfo> moved =
+        CreateJob("moved", nullptr, [&](auto& spec) { spec.SetFirstRun(InMillis(60'000)); });
+    auto movedJob = Make<ConversionJobStub>(moved->GetJob());
+    movedJob->UpdateJobSpec(update.Get(), spec);
+    EXPECT_EQ(JobInfo(movedJob.Get())->GetNextRunStartTime().GetValue(), update->GetFirstRun().GetValue());
+    EXPECT_EQ(JobInfo(movedJob.Get())->GetActiveTask(), nullptr);
+    Ref<Update> now(new Update());
+    now->SetDoFirstRunNow(true);
+    movedJob->UpdateJobSpec(now.Get(), spec);
+    EXPECT_NE(JobInfo(movedJob.Get())->GetActiveTask(), nullptr);
+    EXPECT_EQ(Scheduled(moved->GetScheduledTask())->GetInfo()->GetState(), "completed");
+
+    // Created suspended: nothing runs until resume, even once its time has come.
+    Ref<ConversionJobInfo> held =
+        CreateJob("held", nullptr, [](auto& spec) { spec.SetStartSuspended(true); });
+    EXPECT_EQ(held->GetState(), "suspended");
+    EXPECT_EQ(held->GetActiveTask(), nullptr);
+    auto heldJob = Make<ConversionJobStub>(held->GetJob());
+    heldJob->UpdateJobSpec(now.Get(), spec);
+    EXPECT_EQ(JobInfo(heldJob.Get())->GetActiveTask(), nullptr);
+    heldJob->Resume();
+    Ref<ConversionJobInfo> resumed = JobInfo(heldJob.Get());
+    ASSERT_NE(resumed->GetActiveTask(), nullptr);
+    EXPECT_EQ(TaskOf(resumed->GetActiveTask())->GetState(), TaskInfo::State::queued);
+}
+
+TEST_F(OperationsTest, TasksOfTheirOwnRunAndEndedTasksGo) {
+    Start(1500ms);
+    Ref<TaskInfo> created;
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { tasks_->CreateTask(nullptr, created); });
+    Ref<Morphel::Task::TaskSpec> spec(new Morphel::Task::TaskSpec());
+    spec->SetConversionParams(
+        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    spec->SetSource(Ref<Morphel::ComputerSpec>(
+                        new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+                                                      new Morphel::ComputerSpec::LiveComputerLocation(
+                                                          "elsewhere.invalid", {}, {}, {}, "linux", {}, {}))
+                                                      .Get()))
+                        .Get());
+    ExpectFault<Morphel::Fault::NoHostConnection>([&] { tasks_->CreateTask(spec.Get(), created); });
+    spec->SetSource(ThisMachine().Get());
+    tasks_->CreateTask(spec.Get(), created);
+    EXPECT_EQ(created->GetState(), TaskInfo::State::queued);
+    EXPECT_EQ(created->GetJob(), nullptr);
+    Ref<Kitra::MoRef> ref = created->GetTask();
+    Ref<Kitra::DataArray<Kitra::MoRef>> recent;
+    tasks_->GetRecentTask(recent);
+    ASSERT_NE(recent, nullptr);
+    EXPECT_EQ(recent->Get(recent->GetLength() - 1)->GetId(), ref->GetId());
+    Ref<Morphel::Task::TaskSpec> kept;
+    tasks_->GetTaskSpec(ref.Get(), kept);
+    EXPECT_TRUE(kept->_IsEqual(spec.Get(), false));
+
+    ExpectFault<Dovra::Fault::InvalidState>([&] { tasks_->DestroyTask(ref.Get()); });  // queued or running
+    Ref<Kitra::MoRef> unknown(new Kitra::MoRef("morphel.task.Task", "Task-999"));
+    ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->DestroyTask(unknown.Get()); });
+    WaitFor(ref.Get(), [](const TaskInfo& i) { return i.GetState() == TaskInfo::State::success; });
+    Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+    Make<Morphel::Task::TaskStub>(ref.Get())->GetEvent(events);
+    ASSERT_NE(events, nullptr);
+    EXPECT_EQ(events->Get(events->GetLength() - 1)->GetFullMessage(), "Task completed");
+
+    // Gone from the state, the recent tasks and the server; its events stay.
+    tasks_->DestroyTask(ref.Get());
+    ExpectFault<Dovra::Fault::NotFound>([&] { TaskOf(ref.Get()); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->DestroyTask(ref.Get()); });
+    tasks_->GetRecentTask(recent);
+    for (size_t i = 0; recent != nullptr && i < recent->GetLength(); ++i)
+        EXPECT_NE(recent->Get(i)->GetId(), ref->GetId());
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
+        [&] { Make<Morphel::Task::TaskStub>(ref.Get())->GetEvent(events); });
+    Ref<Morphel::Event::EventFilterSpec> chain(new Morphel::Event::EventFilterSpec());
+    chain->SetEventChainId(created->GetEventChainId());
+    Ref<Kitra::DataArray<Morphel::Event::Event>> kept_events;
+    Ref<Morphel::Event::EventManagerStub>(
+        new Morphel::Event::EventManagerStub("EventManager", adapter_.Get(), nullptr))
+        ->QueryEvent(chain.Get(), kept_events);
+    ASSERT_NE(kept_events, nullptr);
+    EXPECT_EQ(kept_events->GetLength(), events->GetLength());
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -169,7 +170,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         // Sessions end with the server that held them, and their collectors with them.
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
         ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr).ReadNext(1, page);
+            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr)
+                .ReadNext(1, page);
         });
         options.state->Transact(
             [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
@@ -181,6 +183,59 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     EXPECT_EQ(options.state->Run(
                   [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
               before + 1);  // only its start
+}
+
+// A first run waiting for its time is kept; one that came due while no server ran starts at the next start.
+TEST(Restart, AScheduledRunDueWhileTheServerWasDownStartsWhenItStartsAgain) {
+    TempFolder folder;
+    const std::string path = folder.path + "/state.db";
+    auto at =
+        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'500'000);
+    std::string jobId, scheduledId;
+    auto serve = [&](const std::function<void(Client&)>& work) {
+        MorphelServer::ServiceOptions options;
+        options.state = MorphelServer::NewSqliteState(path);
+        options.conversionTime = std::chrono::hours(1);
+        MorphelServer::Service service(options);
+        Kitra::Http::ServerOptions serverOptions;
+        serverOptions.versions = MorphelServer::Service::Versions();
+        Kitra::Http::Server server(serverOptions);
+        service.Attach(server);
+        server.Start();
+        {
+            Client c(server.GetUrl());
+            work(c);
+        }
+        server.Stop();
+    };
+    serve([&](Client& c) {
+        auto spec = JobSpecOfThisMachine("later");
+        spec->SetFirstRun(at);
+        Ref<ConversionJobInfo> created;
+        c.conversions->CreateJob(spec.Get(), nullptr, created);
+        jobId = created->GetKey();
+        ASSERT_NE(created->GetScheduledTask(), nullptr);
+        scheduledId = created->GetScheduledTask()->GetId();
+    });
+    while (Fundix::System::DateTime::Now() <= at)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    serve([&](Client& c) {
+        Ref<Kitra::MoRef> job(new Kitra::MoRef("morphel.server.conversion.ConversionJob", jobId));
+        Ref<ConversionJobInfo> info;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            c.conversions->GetJobInfo(job.Get(), info);
+        } while (info->GetActiveTask() == nullptr && std::chrono::steady_clock::now() < deadline);
+        ASSERT_NE(info->GetActiveTask(), nullptr);
+        EXPECT_EQ(info->GetScheduledTask()->GetId(), scheduledId);
+        Ref<Morphel::Task::ScheduledTaskInfo> scheduled;
+        Morphel::Task::ScheduledTaskManagerStub("ScheduledTaskManager", c.adapter.Get(), nullptr)
+            .Get(info->GetScheduledTask(), scheduled);
+        EXPECT_EQ(scheduled->GetInfo()->GetRunAt().GetValue(), at);
+        EXPECT_EQ(scheduled->GetInfo()->GetState(), "running");
+        EXPECT_FALSE(scheduled->GetInfo()->GetNextRunTime().IsSet());
+    });
 }
 
 TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {

@@ -580,6 +580,8 @@ TEST(ServerTls, ContentCarriesTheThumbprintAndARejectionMapsToTheInterfacesFault
     root->RetrieveContent(content);
     auto* serverContent = dynamic_cast<Morphel::ServerInstanceContent*>(content.Get());
     ASSERT_NE(serverContent, nullptr);
+    ASSERT_NE(serverContent->GetScheduledTaskManager(), nullptr);
+    EXPECT_EQ(serverContent->GetScheduledTaskManager()->GetId(), MorphelServer::kScheduledTaskManagerId);
     ASSERT_NE(serverContent->GetPelorServerInfo(), nullptr);
     EXPECT_EQ(serverContent->GetPelorServerInfo()->GetServerThumbprint().GetValue(), server.GetThumbprint());
     EXPECT_EQ(serverContent->GetPelorServerInfo()->GetUrl(), server.GetUrl());

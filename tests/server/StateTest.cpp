@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dovra/scheduler/types.h>
 #include <morphel-server/State.h>
 #include <morphel/fault/types.h>
 #include <morphel/params/types.h>
@@ -182,6 +183,51 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_TRUE(tx.EraseCollector("c"));
         EXPECT_EQ(tx.CountCollectors(), 2u);
         EXPECT_EQ(tx.CollectorIds(), (std::vector<std::string>{"d", "e"}));
+
+        // Scheduled tasks by name, by job and by due time (enabled, with a next run); a task of its own
+        // keeps its spec; an erased task leaves the recent tasks.
+        auto scheduled = [](const std::string& id, const std::string& job, int64_t next, bool enabled) {
+            MorphelServer::ScheduledTaskRecord s{id, job, new Dovra::Scheduler::ScheduledTaskInfo()};
+            s.info->SetKey(id);
+            s.info->SetName("n" + id);
+            s.info->SetEnabled(enabled);
+            if (next != 0) s.info->SetNextRunTime(DateTime::FromUtcMicros(next));
+            return s;
+        };
+        EXPECT_FALSE(tx.NextDueTime().has_value());
+        tx.PutScheduledTask(scheduled("s1", "j1", 300, true));
+        tx.PutScheduledTask(scheduled("s2", "j1", 100, false));
+        tx.PutScheduledTask(scheduled("s3", "j2", 200, true));
+        tx.PutScheduledTask(scheduled("s4", "j2", 0, true));
+        EXPECT_EQ(tx.ScheduledTaskIds(), (std::vector<std::string>{"s1", "s2", "s3", "s4"}));
+        EXPECT_EQ(tx.ScheduledTaskIdsOf("j2"), (std::vector<std::string>{"s3", "s4"}));
+        EXPECT_EQ(tx.FindScheduledTaskByName("ns2")->id, "s2");
+        EXPECT_EQ(tx.DueScheduledTasks(DateTime::FromUtcMicros(300)), (std::vector<std::string>{"s3", "s1"}));
+        EXPECT_EQ(tx.DueScheduledTasks(DateTime::FromUtcMicros(299)), std::vector<std::string>{"s3"});
+        EXPECT_EQ(tx.NextDueTime()->GetUtcMicros(), 200);
+        auto found3 = tx.FindScheduledTask("s3");
+        ASSERT_TRUE(found3.has_value());
+        EXPECT_EQ(found3->jobId, "j2");
+        EXPECT_TRUE(found3->info->_IsEqual(scheduled("s3", "j2", 200, true).info.Get(), false));
+        found3->info->SetEnabled(false);
+        tx.PutScheduledTask(*found3);
+        EXPECT_EQ(tx.NextDueTime()->GetUtcMicros(), 300);
+        EXPECT_TRUE(tx.EraseScheduledTask("s1"));
+        EXPECT_FALSE(tx.EraseScheduledTask("s1"));
+        EXPECT_FALSE(tx.NextDueTime().has_value());
+
+        MorphelServer::TaskRecord own = Task("Task-3");
+        own.spec = new Morphel::Task::TaskSpec();
+        own.spec->SetConversionParams(
+            Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+        tx.PutTask(own);
+        EXPECT_TRUE(tx.FindTask("Task-3")->spec->_IsEqual(own.spec.Get(), false));
+        EXPECT_EQ(tx.FindTask("Task-2")->spec, nullptr);
+        tx.AddRecentTask("Task-3", 3);
+        EXPECT_TRUE(tx.EraseTask("Task-3"));
+        EXPECT_FALSE(tx.EraseTask("Task-3"));
+        EXPECT_FALSE(tx.FindTask("Task-3").has_value());
+        EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{"t5"});
     });
     // Values come out of Run as the transaction returned them.
     EXPECT_EQ(state->Run([](StateTransaction& tx) { return tx.NextId(); }), 3);

@@ -197,7 +197,8 @@ public:
                 DateTime now = DateTime::Now();
                 DateTime at = True(update->IsDoFirstRunNow()) ? now : update->GetFirstRun().GetValue();
                 job.spec->SetFirstRun(at);
-                ScheduleFirstRun(context_, tx, job, now < at ? std::optional<DateTime>(at) : std::nullopt, user);
+                ScheduleFirstRun(context_, tx, job, now < at ? std::optional<DateTime>(at) : std::nullopt,
+                                 user);
                 if (FirstRunDue(job, now)) taskId = StartRun(context_, tx, job, user).id;
             }
             result = job.spec;  // the state keeps a copy

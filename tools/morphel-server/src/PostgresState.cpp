@@ -393,14 +393,16 @@ private:
         }
         task.disks = codec_.DecodeList(disks, what);
         task.vmName = Text(r, 0, 4);
-        if (!IsNull(r, 0, 5)) task.spec = codec_.Decode<Morphel::Task::TaskSpec>(Text(r, 0, 1), Text(r, 0, 5), what);
+        if (!IsNull(r, 0, 5))
+            task.spec = codec_.Decode<Morphel::Task::TaskSpec>(Text(r, 0, 1), Text(r, 0, 5), what);
         return task;
     }
     void PutTask(const TaskRecord& task) override {
         std::optional<std::string> spec;
         if (task.spec != nullptr) spec = codec_.Encode(task.spec.Get());
         Query(
-            "INSERT INTO tasks (id, jobId, version, info, disks, vmName, spec) VALUES ($1, $2, $3, $4, $5, $6, $7)"
+            "INSERT INTO tasks (id, jobId, version, info, disks, vmName, spec)"
+            " VALUES ($1, $2, $3, $4, $5, $6, $7)"
             " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, version = EXCLUDED.version,"
             " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName, spec = EXCLUDED.spec",
             {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks),
@@ -462,20 +464,23 @@ private:
         return task;
     }
     std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) override {
-        return ReadScheduledTask(Query("SELECT id, jobId, version, info FROM scheduledTasks WHERE id = $1", {id}));
+        return ReadScheduledTask(
+            Query("SELECT id, jobId, version, info FROM scheduledTasks WHERE id = $1", {id}));
     }
     std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) override {
-        return ReadScheduledTask(Query(
-            "SELECT id, jobId, version, info FROM scheduledTasks WHERE name = $1 ORDER BY id LIMIT 1", {name}));
+        return ReadScheduledTask(
+            Query("SELECT id, jobId, version, info FROM scheduledTasks WHERE name = $1 ORDER BY id LIMIT 1",
+                  {name}));
     }
     void PutScheduledTask(const ScheduledTaskRecord& task) override {
         std::optional<std::string> due;
         if (auto at = DueTime(*task.info)) due = std::to_string(at->GetUtcMicros());
         Query(
             "INSERT INTO scheduledTasks (id, jobId, name, due, version, info) VALUES ($1, $2, $3, $4, $5, $6)"
-            " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, name = EXCLUDED.name, due = EXCLUDED.due,"
-            " version = EXCLUDED.version, info = EXCLUDED.info",
-            {task.id, task.jobId, task.info->GetName(), due, codec_.Version(), codec_.Encode(task.info.Get())});
+            " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, name = EXCLUDED.name,"
+            " due = EXCLUDED.due, version = EXCLUDED.version, info = EXCLUDED.info",
+            {task.id, task.jobId, task.info->GetName(), due, codec_.Version(),
+             codec_.Encode(task.info.Get())});
     }
     bool EraseScheduledTask(const std::string& id) override {
         return Changed(Query("DELETE FROM scheduledTasks WHERE id = $1", {id}));

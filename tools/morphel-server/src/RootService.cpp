@@ -51,7 +51,8 @@ private:
         // Over HTTPS the content names the server's certificate, for clients to pin.
         if (tls) {
             static_cast<Morphel::ServerInstanceContent*>(content.Get())
-                ->SetScheduledTaskManager(RefTo<Morphel::Task::ScheduledTaskManager>(kScheduledTaskManagerId).Get());
+                ->SetScheduledTaskManager(
+                    RefTo<Morphel::Task::ScheduledTaskManager>(kScheduledTaskManagerId).Get());
             static_cast<Morphel::ServerInstanceContent*>(content.Get())
                 ->SetPelorServerInfo(Ref<Morphel::ServerInstanceContent::PelorServerInfo>(
                                          new Morphel::ServerInstanceContent::PelorServerInfo(

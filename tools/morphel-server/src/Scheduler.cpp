@@ -15,6 +15,7 @@
 
 #include <dovra/fault/types.h>
 #include <dovra/scheduler/types.h>
+#include <dovra/types.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -87,7 +88,8 @@ void Configure(ScheduledTaskInfo& info, const ScheduledTaskSpec& spec, const std
 }
 
 void LogJob(Context& context, StateTransaction& tx, const std::string& jobId, const std::string& user,
-            const std::string& message, Morphel::Event::Event::Type type = Morphel::Event::Event::Type::info) {
+            const std::string& message,
+            Morphel::Event::Event::Type type = Morphel::Event::Event::Type::info) {
     Ref<Morphel::Event::GeneralEvent> event(new Morphel::Event::GeneralEvent());
     event->SetMessage(message);
     context.Log(tx, event.Get(), 0, user, type, message, jobId);
@@ -118,12 +120,13 @@ void Fire(Context& context, StateTransaction& tx, const std::string& id, DateTim
     else if (auto* active = job->info->GetActiveTask())
         why = "the job's task " + active->GetId() + " is still active";
     if (why.empty()) {
-        TaskRecord task = StartRun(context, tx, *job,  user,
-                                   Named(*scheduled->info) + " started a run of conversion job '" +
-                                       job->spec->GetName() + "'");
+        TaskRecord task = StartRun(
+            context, tx, *job, user,
+            Named(*scheduled->info) + " started a run of conversion job '" + job->spec->GetName() + "'");
         started.push_back(task.id);
         scheduled = tx.FindScheduledTask(id);  // the start of a first run ends the wait for it
-        scheduled->info->SetActiveTask(RefTo<Morphel::Task::Task>(task.id).Get());
+        // The base API's task type: the id is the task's, served as a morphel.task.Task.
+        scheduled->info->SetActiveTask(RefTo<Dovra::Task>(task.id).Get());
         scheduled->info->SetPrevRunTime(now);
     } else {
         LogJob(context, tx, job->id, user, Named(*scheduled->info) + " skipped a run: " + why,
@@ -210,7 +213,8 @@ public:
             ScheduledTaskRecord scheduled = FindScheduledTask(tx, task);
             Refresh(tx, *scheduled.info);
             return Ref<Morphel::Task::ScheduledTaskInfo>(new Morphel::Task::ScheduledTaskInfo(
-                scheduled.info.Get(), RefTo<Morphel::Server::Conversion::ConversionJob>(scheduled.jobId).Get()));
+                scheduled.info.Get(),
+                RefTo<Morphel::Server::Conversion::ConversionJob>(scheduled.jobId).Get()));
         });
     }
 

@@ -329,8 +329,8 @@ private:
     }
     void PutTask(const TaskRecord& task) override {
         Query q(*this,
-                "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName, spec) VALUES (?, ?, ?, ?, "
-                "?, ?, ?)");
+                "INSERT OR REPLACE INTO tasks (id, jobId, version, info, disks, vmName, spec)"
+                " VALUES (?, ?, ?, ?, ?, ?, ?)");
         q.Bind(task.id)
             .Bind(task.jobId)
             .Bind(codec_.Version())
@@ -397,7 +397,8 @@ private:
         ScheduledTaskRecord task;
         task.id = q.Text(0);
         task.jobId = q.Text(1);
-        task.info = Decode<Dovra::Scheduler::ScheduledTaskInfo>(q.Text(2), q.Text(3), "scheduled task " + task.id);
+        task.info =
+            Decode<Dovra::Scheduler::ScheduledTaskInfo>(q.Text(2), q.Text(3), "scheduled task " + task.id);
         return task;
     }
     std::optional<ScheduledTaskRecord> FindScheduledTask(const std::string& id) override {
@@ -406,14 +407,15 @@ private:
         return ReadScheduledTask(q);
     }
     std::optional<ScheduledTaskRecord> FindScheduledTaskByName(const std::string& name) override {
-        Query q(*this, "SELECT id, jobId, version, info FROM scheduledTasks WHERE name = ? ORDER BY id LIMIT 1");
+        Query q(*this,
+                "SELECT id, jobId, version, info FROM scheduledTasks WHERE name = ? ORDER BY id LIMIT 1");
         q.Bind(name);
         return ReadScheduledTask(q);
     }
     void PutScheduledTask(const ScheduledTaskRecord& task) override {
         Query q(*this,
-                "INSERT OR REPLACE INTO scheduledTasks (id, jobId, name, due, version, info) VALUES (?, ?, ?, ?, ?, "
-                "?)");
+                "INSERT OR REPLACE INTO scheduledTasks (id, jobId, name, due, version, info)"
+                " VALUES (?, ?, ?, ?, ?, ?)");
         q.Bind(task.id).Bind(task.jobId).Bind(task.info->GetName());
         if (auto due = DueTime(*task.info))
             q.Bind(due->GetUtcMicros());

@@ -88,8 +88,8 @@ public:
         CheckSource(context_.machine, taskSpec->GetSource());
         std::string id;
         context_.state->Transact([&](StateTransaction& tx) {
-            TaskRecord task = NewTask(context_, tx, "", taskSpec->GetConversionParams(), context_.machine.hostname,
-                                      user, "morphel.task.TaskManager.createTask");
+            TaskRecord task = NewTask(context_, tx, "", taskSpec->GetConversionParams(),
+                                      context_.machine.hostname, user, "morphel.task.TaskManager.createTask");
             task.spec = taskSpec;  // the state keeps a copy
             QueueTask(context_, tx, task);
             id = task.id;

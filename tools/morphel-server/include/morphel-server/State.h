@@ -18,11 +18,11 @@
 #include <type_traits>
 #include <vector>
 
+#include <dovra/scheduler/types.h>
 #include <fundix/Ref.h>
 #include <fundix/System/DateTime.h>
 #include <kitra/Any.h>
 #include <kitra/Http.h>
-#include <dovra/scheduler/types.h>
 #include <morphel/event/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -34,8 +34,8 @@ struct TaskRecord {
     std::string id;
     std::string jobId;  // empty for a task of its own
     Fundix::Ref<Morphel::Task::TaskInfo> info;
-    std::vector<std::string> disks;  // the source disks the run copies, in order
-    std::string vmName;              // the machine the run makes
+    std::vector<std::string> disks;             // the source disks the run copies, in order
+    std::string vmName;                         // the machine the run makes
     Fundix::Ref<Morphel::Task::TaskSpec> spec;  // what a task of its own converts; null for a job's
 };
 
