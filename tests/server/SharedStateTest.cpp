@@ -149,6 +149,33 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     EXPECT_EQ(current->GetKey(), first);
 }
 
+// A run that comes due for two servers' schedulers at once is started by one of them only.
+TEST_F(SharedState, AScheduledRunStartsOnce) {
+    Host a(conninfo);
+    auto to = a.Adapter(a.Login());
+    auto spec = JobSpecOfThisMachine("once");
+    spec->SetFirstRun(
+        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'500'000));
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", to.Get(), nullptr)
+        .CreateJob(spec.Get(), nullptr, created);
+    Host b(conninfo);  // its scheduler reads the due time at its start
+    auto ran = [&] {
+        return a.state->Run([&](MorphelServer::StateTransaction& tx) {
+            return tx.FindJob(created->GetKey())->info->GetActiveTask() != nullptr;
+        });
+    };
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         !ran() && std::chrono::steady_clock::now() < deadline;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // for a second start, were there one
+    a.state->Transact([&](MorphelServer::StateTransaction& tx) {
+        EXPECT_EQ(tx.TaskIds().size(), 1u);
+        EXPECT_FALSE(
+            tx.FindScheduledTask(created->GetScheduledTask()->GetId())->info->GetNextRunTime().IsSet());
+    });
+}
+
 // Two processes' stores on one database, each with threads of its own: no number is handed out twice, and
 // each sees the events the other appended and dropped.
 TEST_F(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
