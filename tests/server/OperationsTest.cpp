@@ -519,6 +519,14 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
     EXPECT_EQ(Scheduled(ref.Get())->GetInfo()->GetState(), "disabled");
     EXPECT_FALSE(JobInfo(job.Get())->GetNextRunStartTime().IsSet());
 
+    // A job holds a bounded number of them.
+    for (size_t i = 2; i < MorphelServer::kMaxScheduledTasksPerJob; ++i) {
+        off->SetName("off " + std::to_string(i));
+        scheduled_->Create(created->GetJob(), wrap(off.Get()).Get(), made);
+    }
+    ExpectFault<Kitra::Fault::InvalidArgument>(
+        [&] { scheduled_->Create(created->GetJob(), wrap(Schedule("one more", runAt).Get()).Get(), made); });
+
     // The job's scheduled tasks go with it.
     conversions_->DestroyJob(created->GetJob(), {});
     ExpectFault<Dovra::Fault::NotFound>([&] { Scheduled(ref.Get()); });

@@ -42,9 +42,6 @@ Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
 // expiry, terminate); those of sessions that ended with a previous run of the server are dropped at start.
 inline constexpr int32_t kMaxCollectors = 32;
 
-// How many scheduled tasks one job may have.
-inline constexpr size_t kMaxScheduledTasksPerJob = 32;
-
 // Raises morphel.fault.NoHostConnection unless `source` names `machine` as a live computer (by its host
 // name, localhost or a loopback address); kodl.fault.InvalidArgument "source" for none (Query.cpp).
 void CheckSource(const Machine& machine, Morphel::ComputerSpec* source);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,6 +31,10 @@ struct ServiceOptions {
 // The description of the fault of a task that the server's restart cut off.
 inline constexpr const char* kInterruptedTask =
     "The server restarted while the task ran; the task did not finish";
+
+// How many scheduled tasks one job may have: ScheduledTaskManager.create refuses more
+// (kodl.fault.InvalidArgument "obj").
+inline constexpr size_t kMaxScheduledTasksPerJob = 32;
 
 // The managed objects the service registers, by identifier.
 inline constexpr const char* kServiceInstanceId = "ServiceInstance";
