@@ -1,6 +1,7 @@
-// What the reference service keeps between calls - conversion jobs, their tasks, the event history, the
-// history collectors' positions and a few counters and settings - behind one small interface, so that
-// where it lives (memory, a database file, a database server) can change without touching the managers.
+// What the reference service keeps between calls - conversion jobs, their tasks and scheduled tasks, the
+// event history, the history collectors' positions and a few counters and settings - behind one small
+// interface, so that where it lives (memory, a database file, a database server) can change without
+// touching the managers.
 //
 // Every read and write happens inside a transaction (State::Transact). Records go in and come out as
 // copies, as they would through a store outside the process: a manager that changes one writes it back
