@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -170,8 +169,7 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         // Sessions end with the server that held them, and their collectors with them.
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
         ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr)
-                .ReadNext(1, page);
+            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr).ReadNext(1, page);
         });
         options.state->Transact(
             [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
@@ -185,63 +183,14 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
               before + 1);  // only its start
 }
 
-// A first run waiting for its time is kept; one that came due while no server ran starts at the next start.
-TEST(Restart, AScheduledRunDueWhileTheServerWasDownStartsWhenItStartsAgain) {
-    TempFolder folder;
-    const std::string path = folder.path + "/state.db";
-    auto at =
-        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'500'000);
-    std::string jobId, scheduledId;
-    auto serve = [&](const std::function<void(Client&)>& work) {
-        MorphelServer::ServiceOptions options;
-        options.state = MorphelServer::NewSqliteState(path);
-        options.conversionTime = std::chrono::hours(1);
-        MorphelServer::Service service(options);
-        Kitra::Http::ServerOptions serverOptions;
-        serverOptions.versions = MorphelServer::Service::Versions();
-        Kitra::Http::Server server(serverOptions);
-        service.Attach(server);
-        server.Start();
-        {
-            Client c(server.GetUrl());
-            work(c);
-        }
-        server.Stop();
-    };
-    serve([&](Client& c) {
-        auto spec = JobSpecOfThisMachine("later");
-        spec->SetFirstRun(at);
-        Ref<ConversionJobInfo> created;
-        c.conversions->CreateJob(spec.Get(), nullptr, created);
-        jobId = created->GetKey();
-        ASSERT_NE(created->GetScheduledTask(), nullptr);
-        scheduledId = created->GetScheduledTask()->GetId();
-    });
-    while (Fundix::System::DateTime::Now() <= at)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    serve([&](Client& c) {
-        Ref<Kitra::MoRef> job(new Kitra::MoRef("morphel.server.conversion.ConversionJob", jobId));
-        Ref<ConversionJobInfo> info;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            c.conversions->GetJobInfo(job.Get(), info);
-        } while (info->GetActiveTask() == nullptr && std::chrono::steady_clock::now() < deadline);
-        ASSERT_NE(info->GetActiveTask(), nullptr);
-        EXPECT_EQ(info->GetScheduledTask()->GetId(), scheduledId);
-        Ref<Morphel::Task::ScheduledTaskInfo> scheduled;
-        Morphel::Task::ScheduledTaskManagerStub("ScheduledTaskManager", c.adapter.Get(), nullptr)
-            .Get(info->GetScheduledTask(), scheduled);
-        EXPECT_EQ(scheduled->GetInfo()->GetRunAt().GetValue(), at);
-        EXPECT_EQ(scheduled->GetInfo()->GetState(), "running");
-        EXPECT_FALSE(scheduled->GetInfo()->GetNextRunTime().IsSet());
-    });
-}
-
+// And a first run that came due while no server ran starts when one does again.
 TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
     TempFolder folder;
     std::vector<std::string> args{"--listen", "127.0.0.1:0", "--state", folder.path};
     Ref<Kitra::MoRef> jobRef, taskRef;
+    Ref<ConversionJobInfo> later;
+    auto at =
+        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'000'000);
     {
         Program first(args);
         ASSERT_FALSE(first.Url().empty());
@@ -249,9 +198,14 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         auto created = c.CreateJob("survivor");
         jobRef = created->GetJob();
         taskRef = created->GetActiveTask();
+        auto spec = JobSpecOfThisMachine("later");
+        spec->SetFirstRun(at);
+        c.conversions->CreateJob(spec.Get(), nullptr, later);
         int status = first.Kill(SIGKILL);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     }
+    while (Fundix::System::DateTime::Now() <= at)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_TRUE(std::filesystem::exists(folder.path + "/state.db"));
     Program second(args);
     ASSERT_FALSE(second.Url().empty());
@@ -264,6 +218,14 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         Ref<TaskInfo> info;
         c.tasks->GetTaskInfo(taskRef.Get(), info);
         ExpectInterrupted(*info);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            c.conversions->GetJobInfo(later->GetJob(), job);
+        } while (!job->GetLastRunStartTime().IsSet() && std::chrono::steady_clock::now() < deadline);
+        EXPECT_TRUE(job->GetLastRunStartTime().IsSet());
+        EXPECT_EQ(job->GetNumConsecutiveErrors(), 0);  // started here, not cut off there
+        EXPECT_FALSE(job->GetNextRunStartTime().IsSet());
     }
     int status = second.Kill(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
