@@ -220,7 +220,8 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         ExpectInterrupted(*info);
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            // Not too often: the program's log goes to a pipe read only at its start.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
             c.conversions->GetJobInfo(later->GetJob(), job);
         } while (!job->GetLastRunStartTime().IsSet() && std::chrono::steady_clock::now() < deadline);
         EXPECT_TRUE(job->GetLastRunStartTime().IsSet());
