@@ -124,6 +124,35 @@ private:
     }
     bool EraseCollector(const std::string& id) override { return collectors_.erase(id) != 0; }
 
+    // ---- Log bundles
+    void PutLogBundle(const LogBundleRecord& bundle) override {
+        LogBundleRecord copy = bundle;
+        copy.info = Copy(bundle.info);
+        bundles_.push_back(std::move(copy));
+    }
+    std::optional<LogBundleRecord> FindLogBundle(const std::string& key) override {
+        for (const auto& b : bundles_)
+            if (b.key == key) {
+                LogBundleRecord copy = b;
+                copy.info = Copy(b.info);
+                return copy;
+            }
+        return std::nullopt;
+    }
+    std::vector<std::string> LogBundleKeys() override {
+        std::vector<std::string> keys;
+        for (const auto& b : bundles_)
+            keys.push_back(b.key);
+        return keys;
+    }
+    bool EraseLogBundle(const std::string& key) override {
+        auto it = std::find_if(bundles_.begin(), bundles_.end(), [&](const auto& b) { return b.key == key; });
+        if (it == bundles_.end()) return false;
+        bundles_.erase(it);
+        return true;
+    }
+    // ---- End of log bundles
+
     std::mutex mutex_;
     int64_t nextId_ = 1;
     int32_t nextChain_ = 1;
@@ -134,6 +163,7 @@ private:
     std::map<std::string, TaskRecord> tasks_;
     std::vector<std::string> recentTasks_;
     std::map<std::string, CollectorRecord> collectors_;
+    std::vector<LogBundleRecord> bundles_;  // oldest first
 };
 
 }  // namespace

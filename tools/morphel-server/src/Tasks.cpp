@@ -76,6 +76,9 @@ public:
         context_.state->Transact([&](StateTransaction& tx) { tx.SetMaxTask(maxTask); });
     }
     int32_t GetMaxCollector() override { return kMaxCollectors; }
+    void CreateCollector(Morphel::Task::TaskFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
+        result = CreateTaskCollector(context_, filter);
+    }
 
 private:
     Context& context_;
