@@ -144,6 +144,7 @@ public:
         if (fd_ >= 0) close(fd_);
     }
     const std::string& Url() const { return url_; }
+    pid_t Pid() const { return pid_; }
     // The next line the program writes to its standard error (without its end), within 20 s; empty when
     // none comes.
     std::string NextLine() {
