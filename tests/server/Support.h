@@ -86,7 +86,8 @@ inline std::string ReadBundle(Morphel::DiagnosticManagerStub& diagnostics, const
 }
 
 // What Python's zipfile reads in the zip archive `bytes`: the CRC-32 of the whole archive (as a signed
-// 32-bit number), then each file's name and text; "unread: ..." when it fails the archive's test.
+// 32-bit number), then each file's name and text; "unread: ..." when it fails the archive's test or its
+// sizes do not add up.
 inline std::string ReadZip(const std::string& bytes) {
     char path[] = "/tmp/morphel-bundle-XXXXXX";
     int fd = mkstemp(path);
@@ -98,6 +99,9 @@ inline std::string ReadZip(const std::string& bytes) {
             "data = open(sys.argv[1], 'rb').read()\n"
             "z = zipfile.ZipFile(sys.argv[1])\n"
             "bad = z.testzip()\n"
+            "s = z.infolist()\n"  // stored files: each size as its bytes take, headers and all
+            "bad = bad or (sum(76 + 2 * len(i.filename) + i.compress_size for i in s) + 22 != len(data) or\n"
+            "  any(i.compress_size != i.file_size for i in s)) and 'sizes'\n"
             "print('unread: ' + bad if bad else zlib.crc32(data) - (zlib.crc32(data) >> 31 << 32))\n"
             "for name in z.namelist(): print(name); print(z.read(name).decode(), end='')\" ") +
         path + " 2>&1";
