@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <set>
 
-#include <kitra/fault/types.h>
 #include <morphel/event/types.h>
 
 #include "Collector.h"
