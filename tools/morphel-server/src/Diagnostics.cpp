@@ -1,6 +1,10 @@
 // The diagnostic manager: log bundles of the server's events (a task's or all), each a zip archive of one
 // text file, kept in the state by key and read back in pages.
+#include <algorithm>
 #include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <dovra/fault/types.h>
 #include <morphel/types.h>
