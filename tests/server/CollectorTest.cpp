@@ -1,6 +1,7 @@
 // History collectors over a history shorter than their latest page: the latest page is the whole
-// history, and reset stands before its oldest event rather than before the start of time; and over a
-// bounded history, whose oldest events go while collectors read it.
+// history, and reset stands before its oldest event rather than before the start of time; over a
+// bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
+// in the order of their creation, as each filter selects them.
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -10,9 +11,15 @@
 
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
 #include <morphel-server/Service.h>
 #include <morphel/event/types.h>
+#include <morphel/server/conversion/types.h>
+#include <morphel/server/job/types.h>
+#include <morphel/task/types.h>
 #include <morphel/types.h>
+
+#include "Support.h"
 
 namespace {
 
@@ -34,6 +41,9 @@ struct Hosted {
         adapter = new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4");
         sessions = new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr);
         events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
+        tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
+        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
+                                                                             adapter.Get(), nullptr);
         Login();
     }
     ~Hosted() { server.Stop(); }
@@ -54,8 +64,10 @@ struct Hosted {
     }
     // Two events, a login and a logout, of another client: the collectors of this one's session stay.
     void OtherLogsInAndOut() {
-        Ref<Kitra::Http::StubAdapter> other(new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
-        Ref<Morphel::SessionManagerStub> stub(new Morphel::SessionManagerStub("SessionManager", other.Get(), nullptr));
+        Ref<Kitra::Http::StubAdapter> other(
+            new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
+        Ref<Morphel::SessionManagerStub> stub(
+            new Morphel::SessionManagerStub("SessionManager", other.Get(), nullptr));
         Ref<Morphel::UserSession> session;
         stub->Login("demo", "demo", Fundix::Optional<std::string>(), session);
         stub->Logout();
@@ -71,6 +83,8 @@ struct Hosted {
     Ref<Kitra::Http::StubAdapter> adapter;
     Ref<Morphel::SessionManagerStub> sessions;
     Ref<Morphel::Event::EventManagerStub> events;
+    Ref<Morphel::Task::TaskManagerStub> tasks;
+    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
 };
 
 TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
@@ -135,6 +149,130 @@ TEST(Collector, EventsOlderThanTheAgeLimitGo) {
     hosted.sessions->Logout();  // 3: the others are past the limit
     hosted.Login();
     EXPECT_EQ(hosted.All(), (std::vector<int32_t>{3, 4}));
+}
+
+using Morphel::Server::Conversion::ConversionJobInfo;
+using Morphel::Server::Job::JobFilterSpec;
+using Morphel::Task::TaskFilterSpec;
+using Morphel::Task::TaskInfo;
+
+// The ids of the tasks or jobs on `page`.
+template <class Info>
+std::vector<std::string> Ids(Kitra::DataArray<Info>* page) {
+    std::vector<std::string> out;
+    for (size_t i = 0; page != nullptr && i < page->GetLength(); ++i)
+        out.push_back(page->Get(i)->GetKey());
+    return out;
+}
+template <class T>
+Ref<Kitra::Array<T>> ArrayOf(const std::vector<T>& values) {
+    Ref<Kitra::Array<T>> array(new Kitra::Array<T>());
+    for (const auto& v : values)
+        array->Append(v);
+    return array;
+}
+
+TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
+    MorphelServer::ServiceOptions options;
+    options.conversionTime = std::chrono::hours(1);  // the runs go on while the test reads
+    Hosted hosted(options);
+    Ref<ConversionJobInfo> created, fifth;
+    for (int i = 0; i < 5; ++i) {  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
+        hosted.conversions->CreateJob(JobSpecOfThisMachine("job" + std::to_string(i)).Get(), nullptr,
+                                      created);
+        if (i == 2) fifth = created;
+    }
+    Morphel::Task::TaskStub("Task-4", hosted.adapter.Get(), nullptr).Cancel();
+    Morphel::Server::Conversion::ConversionJobStub("ConversionJob-3", hosted.adapter.Get(), nullptr)
+        .Suspend("failIfActiveTask");
+    Ref<TaskInfo> sixth;
+    hosted.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
+
+    Ref<Kitra::DataArray<TaskInfo>> page;
+    auto read = [&](Ref<TaskFilterSpec> filter) {
+        Ref<Kitra::MoRef> ref;
+        hosted.tasks->CreateCollector(filter.Get(), ref);
+        return Ref<Morphel::Task::TaskHistoryCollectorStub>(
+            new Morphel::Task::TaskHistoryCollectorStub(ref->GetId(), hosted.adapter.Get(), nullptr));
+    };
+    auto all = read(new TaskFilterSpec());
+    all->ReadNext(10, page);
+    EXPECT_EQ(Ids(page.Get()), (std::vector<std::string>{"Task-2", "Task-4", "Task-6", "Task-8", "Task-10"}));
+    all->ReadPrev(2, page);
+    EXPECT_EQ(Ids(page.Get()), (std::vector<std::string>{"Task-10", "Task-8"}));
+
+    Ref<Kitra::DataArray<Kitra::MoRef>> tasks(new Kitra::DataArray<Kitra::MoRef>());
+    tasks->Append(sixth->GetTask());
+    struct {
+        std::function<void(TaskFilterSpec&)> set;
+        std::vector<std::string> selected;
+    } taskCases[] = {
+        {[](TaskFilterSpec& f) { f.SetState(ArrayOf<TaskInfo::State>({TaskInfo::State::error}).Get()); },
+         {"Task-4"}},
+        {[&](TaskFilterSpec& f) {
+             f.SetTimeRange(
+                 Ref<Morphel::Task::TaskFilterSpec_ByTime>(
+                     new Morphel::Task::TaskFilterSpec_ByTime(
+                         Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}))
+                     .Get());
+         },
+         {"Task-6", "Task-8", "Task-10"}},
+        {[](TaskFilterSpec& f) {
+             f.SetUserName(
+                 Ref<Morphel::Task::TaskFilterSpec_ByUsername>(
+                     new Morphel::Task::TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()))
+                     .Get());
+         },
+         {}},  // neither ann's nor the system's
+        {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<std::string>({"other"}).Get()); }, {}},
+        {[&](TaskFilterSpec& f) { f.SetJob(fifth->GetJob()); }, {"Task-6"}},
+        {[&](TaskFilterSpec& f) { f.SetParentTask(tasks.Get()); }, {}},
+        {[&](TaskFilterSpec& f) { f.SetRootTask(tasks.Get()); }, {"Task-6"}},
+    };
+    for (const auto& c : taskCases) {
+        Ref<TaskFilterSpec> filter(new TaskFilterSpec());
+        c.set(*filter);
+        read(filter)->ReadNext(10, page);
+        EXPECT_EQ(Ids(page.Get()), c.selected) << &c - taskCases;
+    }
+
+    struct {
+        std::function<void(JobFilterSpec&)> set;
+        std::vector<std::string> selected;
+    } jobCases[] = {
+        {[](JobFilterSpec&) {},
+         {"ConversionJob-1", "ConversionJob-3", "ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
+        {[](JobFilterSpec& f) { f.SetOwner("ann"); }, {}},
+        {[](JobFilterSpec& f) { f.SetState(ArrayOf<std::string>({"suspended"}).Get()); },
+         {"ConversionJob-3"}},
+        {[&](JobFilterSpec& f) {
+             f.SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
+                                new Morphel::Server::Job::JobFilterSpec_ByTime("createdTime",
+                                                                               fifth->GetCreationTime(), {}))
+                                .Get());
+         },
+         {"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
+    };
+    Ref<Kitra::MoRef> ref;
+    Ref<Kitra::DataArray<ConversionJobInfo>> jobs;
+    for (const auto& c : jobCases) {
+        Ref<JobFilterSpec> filter(new JobFilterSpec());
+        c.set(*filter);
+        hosted.conversions->CreateCollector(filter.Get(), ref);
+        Morphel::Server::Conversion::ConversionJobHistoryCollectorStub(ref->GetId(), hosted.adapter.Get(),
+                                                                       nullptr)
+            .ReadNext(10, jobs);
+        EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
+    }
+    Ref<JobFilterSpec> unknownTime(new JobFilterSpec());
+    unknownTime->SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
+                                  new Morphel::Server::Job::JobFilterSpec_ByTime("someTime", {}, {}))
+                                  .Get());
+    EXPECT_EQ(ExpectFault<Kitra::Fault::InvalidArgument>(
+                  [&] { hosted.conversions->CreateCollector(unknownTime.Get(), ref); })
+                  ->GetInvalidProperty()
+                  .GetValue(),
+              "filter.timeRange.timeType");
 }
 
 }  // namespace

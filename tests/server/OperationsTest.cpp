@@ -1,6 +1,6 @@
 // The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
-// updating and destroying a job, what the task manager answers about a task, tasks of their own, and
-// scheduled runs.
+// updating and destroying a job, what the task manager answers about a task, tasks of their own,
+// scheduled runs and log bundles.
 #include <unistd.h>
 
 #include <algorithm>
@@ -620,6 +620,71 @@ TEST_F(OperationsTest, TasksOfTheirOwnRunAndEndedTasksGo) {
     Ref<Morphel::Event::EventFilterSpec> chain(new Morphel::Event::EventFilterSpec());
     chain->SetEventChainId(created->GetEventChainId());
     EXPECT_EQ(Events(chain.Get())->GetLength(), events->GetLength());
+TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
+    Start(1h);
+    Ref<ConversionJobInfo> created = CreateJob("bundled");
+    Kitra::MoRef* task = created->GetActiveTask();
+    Ref<Morphel::DiagnosticManagerStub> diagnostics(
+        new Morphel::DiagnosticManagerStub("DiagnosticManager", adapter_.Get(), nullptr));
+    Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
+    diagnostics->GenerateTaskLogBundle(task, info);
+    const std::string key = info->GetKey();
+    EXPECT_EQ(info->GetFormat(), Morphel::DiagnosticManager::BundleFormat::zip);
+    ASSERT_NE(TaskOf(task)->GetLogBundleInfo(), nullptr);  // the task names its latest bundle
+    EXPECT_EQ(TaskOf(task)->GetLogBundleInfo()->GetKey(), key);
+
+    // Pages of at most the size asked, a short last one, none past the end.
+    const std::string bytes = ReadBundle(*diagnostics, key, 100);
+    ASSERT_EQ(int64_t(bytes.size()), info->GetSize());
+    ASSERT_GT(bytes.size(), 100u);
+    EXPECT_EQ(FromBase64(diagnostics->RetrieveTaskLogBundle(key, 0, 100)), bytes.substr(0, 100));
+    EXPECT_EQ(FromBase64(diagnostics->RetrieveTaskLogBundle(key, info->GetSize() - 7, 100)),
+              bytes.substr(bytes.size() - 7));
+    EXPECT_EQ(diagnostics->RetrieveTaskLogBundle(key, info->GetSize(), 100), "");
+    EXPECT_EQ(
+        ExpectFault<Kitra::Fault::InvalidArgument>([&] { diagnostics->RetrieveTaskLogBundle(key, -1, 100); })
+            ->GetInvalidProperty()
+            .GetValue(),
+        "offset");
+    ExpectFault<Dovra::Fault::NotFound>([&] { diagnostics->RetrieveTaskLogBundle("bundle-0", 0, 100); });
+
+    // A zip archive whose one file holds a line for each of the task's events; the crc covers the archive.
+    Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+    Make<Morphel::Task::TaskStub>(task)->GetEvent(events);
+    std::string zip = ReadZip(bytes);
+    std::string expected = std::to_string(info->GetCrc()) + "\n" + task->GetId() + ".log\n";
+    ASSERT_EQ(zip.substr(0, expected.size()), expected) << zip;
+    EXPECT_EQ(size_t(std::count(zip.begin(), zip.end(), '\n')), 2 + events->GetLength()) << zip;
+
+    // No download address: the bundle is read through the pages.
+    ExpectFault<Dovra::Fault::InvalidState>([&] { diagnostics->RetrieveTaskLogBundleUrl(key); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { diagnostics->RetrieveTaskLogBundleUrl("bundle-0"); });
+
+    // The server's log of this machine; no other machine's.
+    Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> server;
+    diagnostics->GenerateLogBundle(ThisMachine().Get(), server);
+    EXPECT_NE(ReadZip(ReadBundle(*diagnostics, server->GetKey(), 1 << 20)).find("\nserver.log\n"),
+              std::string::npos);
+    Ref<Morphel::ComputerSpec> elsewhere(new Morphel::ComputerSpec(
+        Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+            new Morphel::ComputerSpec::LiveComputerLocation("elsewhere.example", {}, {}, {}, "linux", {}, {}))
+            .Get()));
+    ExpectFault<Dovra::Fault::LogBundlingFailed>(
+        [&] { diagnostics->GenerateLogBundle(elsewhere.Get(), server); });
+
+    // At most 16: the oldest go first.
+    Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> latest;
+    for (int i = 0; i < 15; ++i)
+        diagnostics->GenerateTaskLogBundle(task, latest);
+    ExpectFault<Dovra::Fault::NotFound>([&] { diagnostics->RetrieveTaskLogBundle(key, 0, 100); });
+    EXPECT_FALSE(ReadBundle(*diagnostics, server->GetKey(), 1000).empty());
+    EXPECT_EQ(TaskOf(task)->GetLogBundleInfo()->GetKey(), latest->GetKey());
+
+    diagnostics->DeleteTaskLogBundle(latest->GetKey());
+    ExpectFault<Dovra::Fault::NotFound>(
+        [&] { diagnostics->RetrieveTaskLogBundle(latest->GetKey(), 0, 100); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { diagnostics->DeleteTaskLogBundle(latest->GetKey()); });
+    EXPECT_EQ(TaskOf(task)->GetLogBundleInfo(), nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// A restart over a database file keeps every job, task, event and collector the server acknowledged, and
-// fails the tasks it cut off: after the service is destroyed and another attached to the same file, and
-// after the program is killed with SIGKILL and started again. And two programs on one PostgreSQL database
-// serve one client between them.
+// A restart over a database file keeps every job, task, event, collector and log bundle the server
+// acknowledged, and fails the tasks it cut off: after the service is destroyed and another attached to the
+// same file, and after the program is killed with SIGKILL and started again. And two programs on one
+// PostgreSQL database serve one client between them.
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -54,6 +54,7 @@ struct Client {
                                                                              adapter.Get(), nullptr);
         tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
         events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
+        diagnostics = new Morphel::DiagnosticManagerStub("DiagnosticManager", adapter.Get(), nullptr);
     }
     Ref<ConversionJobInfo> CreateJob(const std::string& name) {
         Ref<ConversionJobInfo> created;
@@ -65,6 +66,7 @@ struct Client {
     Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
     Ref<Morphel::Task::TaskManagerStub> tasks;
     Ref<Morphel::Event::EventManagerStub> events;
+    Ref<Morphel::DiagnosticManagerStub> diagnostics;
 };
 
 // The task failed as one the restart cut off.
@@ -79,7 +81,7 @@ void ExpectInterrupted(const TaskInfo& info) {
 TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     TempFolder folder;
     const std::string path = folder.path + "/state.db";
-    std::string jobId, taskId, runningId, doneId, collectorId, owner;
+    std::string jobId, taskId, runningId, doneId, collectorId, owner, bundleKey, bundle;
     std::vector<int32_t> keys;
     {
         MorphelServer::ServiceOptions options;
@@ -107,6 +109,10 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
                 new Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr));
             Ref<Kitra::DataArray<Morphel::Event::Event>> page;
             collector->ReadNext(2, page);
+            Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
+            c.diagnostics->GenerateLogBundle(nullptr, info);
+            bundleKey = info->GetKey();
+            bundle = ReadBundle(*c.diagnostics, bundleKey, 1 << 20);
         }
         server.Stop();
         options.state->Transact([&](MorphelServer::StateTransaction& tx) {
@@ -166,10 +172,12 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         Ref<TaskInfo> info;
         c.tasks->GetTaskInfo(Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", taskId)).Get(), info);
         ExpectInterrupted(*info);
+        EXPECT_EQ(ReadBundle(*c.diagnostics, bundleKey, 1 << 20), bundle);
         // Sessions end with the server that held them, and their collectors with them.
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
         ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr).ReadNext(1, page);
+            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr)
+                .ReadNext(1, page);
         });
         options.state->Transact(
             [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });

@@ -277,6 +277,21 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
     demo.events->QueryEvent(all.Get(), history);
     ASSERT_EQ(history->GetLength(), 4u);
     EXPECT_STREQ(history->Get(3)->_GetType()->GetName(), "morphel.event.UserFailedAuthenticationEvent");
+    // So in log bundles; a bundle that holds them is unknown to the others.
+    Ref<Morphel::DiagnosticManagerStub> annBundles(
+        new Morphel::DiagnosticManagerStub("DiagnosticManager", ann.adapter.Get(), nullptr));
+    Ref<Morphel::DiagnosticManagerStub> demoBundles(
+        new Morphel::DiagnosticManagerStub("DiagnosticManager", demo.adapter.Get(), nullptr));
+    Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> annBundle, demoBundle;
+    annBundles->GenerateTaskLogBundle(nullptr, annBundle);
+    demoBundles->GenerateTaskLogBundle(nullptr, demoBundle);
+    EXPECT_EQ(ReadZip(ReadBundle(*annBundles, annBundle->GetKey(), 1 << 20)).find("Cannot log in ann"),
+              std::string::npos);
+    EXPECT_NE(ReadZip(ReadBundle(*demoBundles, demoBundle->GetKey(), 1 << 20)).find("Cannot log in ann"),
+              std::string::npos);
+    ExpectFault<Dovra::Fault::NotFound>(
+        [&] { annBundles->RetrieveTaskLogBundle(demoBundle->GetKey(), 0, 10); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { annBundles->DeleteTaskLogBundle(demoBundle->GetKey()); });
 
     // Privileges come from each account: eve holds Task.Update alone, ann the default set without it.
     Client eve = Connect();

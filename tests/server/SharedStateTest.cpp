@@ -126,6 +126,14 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
     Morphel::Event::EventHistoryCollectorStub(collector->GetId(), toA.Get(), nullptr).ReadNext(100, page);
     EXPECT_EQ(page->GetLength(), keys.size());
+    // A task collector too: served by A as what it is.
+    Morphel::Task::TaskManagerStub("TaskManager", toB.Get(), nullptr)
+        .CreateCollector(Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(),
+                         collector);
+    Ref<Kitra::DataArray<TaskInfo>> tasks;
+    Morphel::Task::TaskHistoryCollectorStub(collector->GetId(), toA.Get(), nullptr).ReadNext(10, tasks);
+    ASSERT_EQ(tasks->GetLength(), 1u);
+    EXPECT_EQ(tasks->Get(0)->GetKey(), task->GetKey());
 
     // A third server starting on the state fails no task another still runs.
     Host c(conninfo);

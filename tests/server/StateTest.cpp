@@ -15,6 +15,7 @@
 #include <morphel-server/State.h>
 #include <morphel/fault/types.h>
 #include <morphel/params/types.h>
+#include <morphel/types.h>
 
 #include "Postgres.h"
 
@@ -223,6 +224,42 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_TRUE(tx.EraseTask("Task-3"));
         EXPECT_FALSE(tx.FindTask("Task-3").has_value());
         EXPECT_EQ(tx.RecentTasks(), std::vector<std::string>{"t5"});
+        // A task collector: its kind, its filter's type, a place past an event key's range.
+        collector.kind = MorphelServer::CollectorKind::task;
+        collector.filter = new Morphel::Task::TaskFilterSpec();
+        collector.after = int64_t(1) << 40;
+        tx.PutCollector("t", collector);
+        auto tasks = tx.FindCollector("t");
+        EXPECT_EQ(tasks->kind, MorphelServer::CollectorKind::task);
+        EXPECT_NE(dynamic_cast<Morphel::Task::TaskFilterSpec*>(tasks->filter.Get()), nullptr);
+        EXPECT_EQ(tasks->after, int64_t(1) << 40);
+        EXPECT_EQ(tx.FindCollector("d")->kind, MorphelServer::CollectorKind::event);
+
+        // Log bundles: their bytes as they were, oldest first.
+        for (const char* key : {"bundle-9", "bundle-10"}) {
+            MorphelServer::LogBundleRecord b;
+            b.key = key;
+            b.info = new Morphel::DiagnosticManager::TaskLogBundleInfo(
+                key, DateTime::FromUtcMicros(5), Morphel::DiagnosticManager::BundleFormat::zip, nullptr, 5,
+                -7);
+            b.data = std::string("PK\0\xff", 4) + key;
+            b.taskId = "Task-2";
+            b.failedLogins = key[7] == '9';
+            tx.PutLogBundle(b);
+        }
+        EXPECT_EQ(tx.LogBundleKeys(), (std::vector<std::string>{"bundle-9", "bundle-10"}));
+        auto bundle = tx.FindLogBundle("bundle-9");
+        ASSERT_TRUE(bundle.has_value());
+        EXPECT_EQ(bundle->data, std::string("PK\0\xff", 4) + "bundle-9");
+        EXPECT_EQ(bundle->taskId, "Task-2");
+        EXPECT_TRUE(bundle->failedLogins);
+        EXPECT_FALSE(tx.FindLogBundle("bundle-10")->failedLogins);
+        EXPECT_EQ(dynamic_cast<Morphel::DiagnosticManager::TaskLogBundleInfo*>(bundle->info.Get())->GetCrc(),
+                  -7);
+        EXPECT_TRUE(tx.EraseLogBundle("bundle-9"));
+        EXPECT_FALSE(tx.EraseLogBundle("bundle-9"));
+        EXPECT_FALSE(tx.FindLogBundle("bundle-9").has_value());
+        EXPECT_EQ(tx.LogBundleKeys(), std::vector<std::string>{"bundle-10"});
     });
     // Values come out of Run as the transaction returned them.
     EXPECT_EQ(state->Run([](StateTransaction& tx) { return tx.NextId(); }), 3);
@@ -344,6 +381,32 @@ TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
         return tx.FindJob("ConversionJob-1")->info->GetSource().GetValue();
     }),
               "host-a");
+}
+
+TEST_F(SqliteStateTest, AFileOfTheFirstSchemaKeepsItsEventCollectorsAndGainsTheLaterTables) {
+    MorphelServer::NewSqliteState(Path())->Transact([](StateTransaction& tx) {
+        MorphelServer::CollectorRecord c;
+        Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
+        filter->SetEventChainId(5);
+        c.filter = filter;
+        c.after = 3;
+        c.owner = "s";
+        tx.PutCollector("EventHistoryCollector-1", c);
+    });
+    Sql("ALTER TABLE collectors DROP COLUMN kind; DROP TABLE logBundles; DROP TABLE scheduledTasks;"
+        "ALTER TABLE tasks DROP COLUMN spec; UPDATE schemaVersion SET version = 1");
+    auto state = MorphelServer::NewSqliteState(Path());
+    state->Transact([](StateTransaction& tx) {
+        auto c = tx.FindCollector("EventHistoryCollector-1");
+        ASSERT_TRUE(c.has_value());
+        EXPECT_EQ(c->kind, MorphelServer::CollectorKind::event);
+        auto* filter = dynamic_cast<Morphel::Event::EventFilterSpec*>(c->filter.Get());
+        ASSERT_NE(filter, nullptr);
+        EXPECT_EQ(filter->GetEventChainId().GetValue(), 5);
+        EXPECT_EQ(c->after, 3);
+        EXPECT_TRUE(tx.LogBundleKeys().empty());
+        EXPECT_TRUE(tx.ScheduledTaskIds().empty());
+    });
 }
 
 TEST_F(SqliteStateTest, FailuresNameTheFile) {

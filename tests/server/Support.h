@@ -1,5 +1,5 @@
-// What the server suite's tests share: expecting a fault of one class, this machine as a source, and the
-// program run as a child process.
+// What the server suite's tests share: expecting a fault of one class, this machine as a source, a log
+// bundle read back, and the program run as a child process.
 #pragma once
 
 #include <poll.h>
@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -39,17 +41,79 @@ Fundix::Ref<Fault> ExpectFault(F&& f) {
 inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine() {
     char host[256] = {};
     gethostname(host, sizeof(host) - 1);
-    return new Morphel::ComputerSpec(Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-        new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {})).Get());
+    return new Morphel::ComputerSpec(
+        Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation>(
+            new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
+            .Get());
 }
 
 // A job `name` converting this machine with default parameters.
-inline Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpecOfThisMachine(const std::string& name) {
-    Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(new Morphel::Server::Conversion::ConversionJobSpec());
+inline Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpecOfThisMachine(
+    const std::string& name) {
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
+        new Morphel::Server::Conversion::ConversionJobSpec());
     spec->SetName(name);
     spec->SetSource(ThisMachine().Get());
-    spec->SetConversionParams(Fundix::Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    spec->SetConversionParams(
+        Fundix::Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
     return spec;
+}
+
+// The bytes of base64 `text`.
+inline std::string FromBase64(const std::string& text) {
+    std::string out;
+    uint32_t bits = 0;
+    int count = 0;
+    for (char c : text) {
+        const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        const char* at = c != 0 ? std::strchr(digits, c) : nullptr;
+        if (at == nullptr) continue;  // padding
+        bits = bits << 6 | uint32_t(at - digits);
+        if ((count += 6) >= 8) out += char((bits >> (count -= 8)) & 0xff);
+    }
+    return out;
+}
+
+// The whole log bundle `key`, read in pages of `pageSize` bytes.
+inline std::string ReadBundle(Morphel::DiagnosticManagerStub& diagnostics, const std::string& key,
+                              int64_t pageSize) {
+    std::string bytes;
+    for (std::string page;
+         !(page = FromBase64(diagnostics.RetrieveTaskLogBundle(key, int64_t(bytes.size()), pageSize)))
+              .empty();)
+        bytes += page;
+    return bytes;
+}
+
+// What Python's zipfile reads in the zip archive `bytes`: the CRC-32 of the whole archive (as a signed
+// 32-bit number), then each file's name and text; "unread: ..." when it fails the archive's test or its
+// sizes do not add up.
+inline std::string ReadZip(const std::string& bytes) {
+    char path[] = "/tmp/morphel-bundle-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0 || write(fd, bytes.data(), bytes.size()) != ssize_t(bytes.size())) return "unwritten";
+    close(fd);
+    std::string command =
+        std::string(
+            "python3 -c \"import sys, zipfile, zlib\n"
+            "data = open(sys.argv[1], 'rb').read()\n"
+            "z = zipfile.ZipFile(sys.argv[1])\n"
+            "bad = z.testzip()\n"
+            "s = z.infolist()\n"  // stored files: each size as its bytes take, headers and all
+            "bad = bad or (sum(76 + 2 * len(i.filename) + i.compress_size for i in s) + 22 != len(data) or\n"
+            "  any(i.compress_size != i.file_size for i in s)) and 'sizes'\n"
+            "print('unread: ' + bad if bad else zlib.crc32(data) - (zlib.crc32(data) >> 31 << 32))\n"
+            "for name in z.namelist(): print(name); print(z.read(name).decode(), end='')\" ") +
+        path + " 2>&1";
+    std::string out;
+    if (FILE* p = popen(command.c_str(), "r")) {
+        char buffer[4096];
+        for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
+            out.append(buffer, n);
+        pclose(p);
+    }
+    unlink(path);
+    return out;
 }
 
 // The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running.
@@ -84,6 +148,7 @@ public:
         if (fd_ >= 0) close(fd_);
     }
     const std::string& Url() const { return url_; }
+    pid_t Pid() const { return pid_; }
     // The next line the program writes to its standard error (without its end), within 20 s; empty when
     // none comes.
     std::string NextLine() {

@@ -38,8 +38,9 @@ Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
 [[noreturn]] void ThrowNotFound();                                    // dovra.fault.NotFound
 [[noreturn]] void ThrowInvalidState();                                // dovra.fault.InvalidState
 
-// How many history collectors one session may hold at once. A session's collectors end with it (logout,
-// expiry, terminate); those of sessions that ended with a previous run of the server are dropped at start.
+// How many history collectors one session may hold at once, of every kind together. A session's collectors
+// end with it (logout, expiry, terminate); those of sessions that ended with a previous run of the server are
+// dropped at start.
 inline constexpr int32_t kMaxCollectors = 32;
 
 // Raises morphel.fault.NoHostConnection unless `source` names `machine` as a live computer (by its host
@@ -156,12 +157,25 @@ void ScheduleFirstRun(Context& context, StateTransaction& tx, JobRecord& job,
 // Sets the job's nextRunStartTime: the earliest due time of its scheduled tasks (none without).
 void SetNextRun(StateTransaction& tx, JobRecord& job);
 
-// Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or an event history collector
-// (Events.cpp) that the state holds.
+// Register the object of a job (Conversion.cpp), a task (Tasks.cpp) or a history collector of `kind`
+// (History.cpp) that the state holds.
 // Each returns the object it registered.
 Fundix::Ref<Kitra::ManagedObject> RegisterJob(Context& context, const std::string& id);
 Fundix::Ref<Kitra::ManagedObject> RegisterTask(Context& context, const std::string& id);
-Fundix::Ref<Kitra::ManagedObject> RegisterCollector(Context& context, const std::string& id);
+Fundix::Ref<Kitra::ManagedObject> RegisterCollector(Context& context, const std::string& id,
+                                                    CollectorKind kind);
+
+// History collectors (History.cpp), each the caller's session's: at most kMaxCollectors for each session,
+// of every kind together (dovra.fault.InvalidState past them). `filter` is the kind's filter type, never
+// null.
+Fundix::Ref<Kitra::MoRef> CreateCollector(Context& context, CollectorKind kind,
+                                          Fundix::Ref<Kitra::Any> filter);
+// Tasks by creation, as `filter` selects them (all for null); kodl.fault.InvalidArgument for a filter that
+// cannot select.
+Fundix::Ref<Kitra::MoRef> CreateTaskCollector(Context& context, Morphel::Task::TaskFilterSpec* filter);
+// Conversion jobs by creation, as `filter` selects them (all for null); kodl.fault.InvalidArgument
+// "filter.timeRange.timeType" for a time no job has.
+Fundix::Ref<Kitra::MoRef> CreateJobCollector(Context& context, Morphel::Server::Job::JobFilterSpec* filter);
 
 // The events `filter` selects (all for null), oldest first, without failed logins unless `failedLogins`
 // (Events.cpp). Failed logins name what strangers tried: only accounts that may end others' sessions

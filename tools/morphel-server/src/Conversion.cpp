@@ -355,6 +355,9 @@ public:
             context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).extraInfo; });
     }
     Fundix::Optional<int32_t> GetMaxCollector() override { return kMaxCollectors; }
+    void CreateCollector(Morphel::Server::Job::JobFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
+        result = CreateJobCollector(context_, filter);
+    }
 
     // The job of a scheduled task.
     void GetJobInfoFromScheduledTask(Kitra::MoRef* task, Ref<ConversionJobInfo>& result) override {

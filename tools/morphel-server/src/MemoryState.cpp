@@ -167,6 +167,34 @@ private:
         recentTasks_.erase(std::remove(recentTasks_.begin(), recentTasks_.end(), id), recentTasks_.end());
         return tasks_.erase(id) != 0;
     }
+    // ---- Log bundles
+    void PutLogBundle(const LogBundleRecord& bundle) override {
+        LogBundleRecord copy = bundle;
+        copy.info = Copy(bundle.info);
+        bundles_.push_back(std::move(copy));
+    }
+    std::optional<LogBundleRecord> FindLogBundle(const std::string& key) override {
+        for (const auto& b : bundles_)
+            if (b.key == key) {
+                LogBundleRecord copy = b;
+                copy.info = Copy(b.info);
+                return copy;
+            }
+        return std::nullopt;
+    }
+    std::vector<std::string> LogBundleKeys() override {
+        std::vector<std::string> keys;
+        for (const auto& b : bundles_)
+            keys.push_back(b.key);
+        return keys;
+    }
+    bool EraseLogBundle(const std::string& key) override {
+        auto it = std::find_if(bundles_.begin(), bundles_.end(), [&](const auto& b) { return b.key == key; });
+        if (it == bundles_.end()) return false;
+        bundles_.erase(it);
+        return true;
+    }
+    // ---- End of log bundles
 
     std::mutex mutex_;
     int64_t nextId_ = 1;
@@ -179,6 +207,7 @@ private:
     std::vector<std::string> recentTasks_;
     std::map<std::string, CollectorRecord> collectors_;
     std::map<std::string, ScheduledTaskRecord> scheduled_;
+    std::vector<LogBundleRecord> bundles_;  // oldest first
 };
 
 }  // namespace

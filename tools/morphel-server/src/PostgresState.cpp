@@ -59,6 +59,13 @@ const char* const kSchemaSteps[] = {
     "CREATE INDEX scheduledTasksByName ON scheduledTasks (name);"
     "CREATE INDEX scheduledTasksByDue ON scheduledTasks (due);"
     "ALTER TABLE tasks ADD COLUMN spec TEXT;",
+    // 3: collectors of tasks and jobs beside those of events (placed by a task's or a job's number); log
+    // bundles, oldest first.
+    "ALTER TABLE collectors ADD COLUMN kind TEXT NOT NULL DEFAULT 'event';"
+    "ALTER TABLE collectors ALTER COLUMN after TYPE BIGINT;"
+    "CREATE TABLE logBundles (position BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY, key TEXT NOT NULL"
+    " UNIQUE, taskId TEXT NOT NULL, failedLogins BOOLEAN NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL,"
+    " data BYTEA NOT NULL);",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
@@ -420,12 +427,13 @@ private:
 
     std::optional<CollectorRecord> FindCollector(const std::string& id) override {
         Result r =
-            Query("SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = $1", {id});
+            Query("SELECT version, filter, after, pageSize, owner, kind FROM collectors WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         CollectorRecord c;
-        c.filter =
-            codec_.Decode<Morphel::Event::EventFilterSpec>(Text(r, 0, 0), Text(r, 0, 1), "collector " + id);
-        c.after = int32_t(Int(r, 0, 2));
+        std::string what = "collector " + id;
+        c.kind = KindNamed(Text(r, 0, 5), where_, what);
+        c.filter = codec_.Decode<Kitra::Any>(Text(r, 0, 0), Text(r, 0, 1), what);
+        c.after = Int(r, 0, 2);
         c.pageSize = int32_t(Int(r, 0, 3));
         c.owner = Text(r, 0, 4);
         return c;
@@ -436,12 +444,14 @@ private:
     }
     void PutCollector(const std::string& id, const CollectorRecord& c) override {
         Query(
-            "INSERT INTO collectors (id, owner, version, filter, after, pageSize) VALUES ($1, $2, $3, $4, "
-            "$5, $6)"
+            "INSERT INTO collectors (id, owner, version, filter, after, pageSize, kind) VALUES ($1, $2, $3, "
+            "$4, "
+            "$5, $6, $7)"
             " ON CONFLICT (id) DO UPDATE SET owner = EXCLUDED.owner, version = EXCLUDED.version,"
-            " filter = EXCLUDED.filter, after = EXCLUDED.after, pageSize = EXCLUDED.pageSize",
+            " filter = EXCLUDED.filter, after = EXCLUDED.after, pageSize = EXCLUDED.pageSize,"
+            " kind = EXCLUDED.kind",
             {id, c.owner, codec_.Version(), codec_.Encode(c.filter.Get()), std::to_string(c.after),
-             std::to_string(c.pageSize)});
+             std::to_string(c.pageSize), std::string(KindName(c.kind))});
     }
     bool EraseCollector(const std::string& id) override {
         return Changed(Query("DELETE FROM collectors WHERE id = $1", {id}));
@@ -498,6 +508,39 @@ private:
         Query("DELETE FROM recentTasks WHERE taskId = $1", {id});
         return Changed(Query("DELETE FROM tasks WHERE id = $1", {id}));
     }
+    // ---- Log bundles
+    void PutLogBundle(const LogBundleRecord& b) override {
+        Query(
+            "INSERT INTO logBundles (key, taskId, failedLogins, version, info, data) VALUES ($1, $2, $3, $4,"
+            " $5, $6)",
+            {b.key, b.taskId, std::string(b.failedLogins ? "true" : "false"), codec_.Version(),
+             codec_.Encode(b.info.Get()), b.data},
+            5);
+    }
+    std::optional<LogBundleRecord> FindLogBundle(const std::string& key) override {
+        Result r =
+            Query("SELECT taskId, failedLogins, version, info, data FROM logBundles WHERE key = $1", {key});
+        if (PQntuples(r.get()) == 0) return std::nullopt;
+        LogBundleRecord b;
+        b.key = key;
+        b.taskId = Text(r, 0, 0);
+        b.failedLogins = Text(r, 0, 1) == "t";
+        b.info = codec_.Decode<Kitra::Any>(Text(r, 0, 2), Text(r, 0, 3), "log bundle " + key);
+        try {
+            b.data = Bytes(r, 0, 4);
+        } catch (const std::exception&) {
+            throw std::runtime_error(where_ + ": log bundle " + key +
+                                     " cannot be read: its bytes are malformed");
+        }
+        return b;
+    }
+    std::vector<std::string> LogBundleKeys() override {
+        return Ids("SELECT key FROM logBundles ORDER BY position");
+    }
+    bool EraseLogBundle(const std::string& key) override {
+        return Changed(Query("DELETE FROM logBundles WHERE key = $1", {key}));
+    }
+    // ---- End of log bundles
 
     RecordCodec codec_;
     std::mutex mutex_;

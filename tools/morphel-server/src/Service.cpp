@@ -250,9 +250,9 @@ void Service::Attach(Kitra::Http::Server& server) {
         } else if (starts("Task-")) {
             if (context.state->Run([&](StateTransaction& tx) { return tx.FindTask(id).has_value(); }))
                 return RegisterTask(context, id);
-        } else if (starts("EventHistoryCollector-")) {
-            if (context.state->Run([&](StateTransaction& tx) { return tx.FindCollector(id).has_value(); }))
-                return RegisterCollector(context, id);
+        } else if (id.find("HistoryCollector-") != std::string::npos) {
+            if (auto c = context.state->Run([&](StateTransaction& tx) { return tx.FindCollector(id); }))
+                return RegisterCollector(context, id, c->kind);
         }
         return nullptr;
     });

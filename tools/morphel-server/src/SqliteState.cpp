@@ -56,6 +56,10 @@ const char* const kSchemaSteps[] = {
     "CREATE INDEX scheduledTasksByName ON scheduledTasks (name);"
     "CREATE INDEX scheduledTasksByDue ON scheduledTasks (due);"
     "ALTER TABLE tasks ADD COLUMN spec TEXT;",
+    // 3: collectors of tasks and jobs beside those of events; log bundles, oldest first.
+    "ALTER TABLE collectors ADD COLUMN kind TEXT NOT NULL DEFAULT 'event';"
+    "CREATE TABLE logBundles (position INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE, taskId TEXT NOT NULL,"
+    " failedLogins INTEGER NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL, data BLOB NOT NULL);",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
@@ -354,13 +358,14 @@ private:
     }
 
     std::optional<CollectorRecord> FindCollector(const std::string& id) override {
-        Query q(*this, "SELECT version, filter, after, pageSize, owner FROM collectors WHERE id = ?");
+        Query q(*this, "SELECT version, filter, after, pageSize, owner, kind FROM collectors WHERE id = ?");
         q.Bind(id);
         if (!q.Step()) return std::nullopt;
         CollectorRecord c;
         std::string what = "collector " + id;
-        c.filter = Decode<Morphel::Event::EventFilterSpec>(q.Text(0), q.Text(1), what);
-        c.after = int32_t(q.Int(2));
+        c.kind = KindNamed(q.Text(5), path_, what);
+        c.filter = Decode<Kitra::Any>(q.Text(0), q.Text(1), what);
+        c.after = q.Int(2);
         c.pageSize = int32_t(q.Int(3));
         c.owner = q.Text(4);
         return c;
@@ -371,14 +376,16 @@ private:
     }
     void PutCollector(const std::string& id, const CollectorRecord& c) override {
         Query(*this,
-              "INSERT OR REPLACE INTO collectors (id, owner, version, filter, after, pageSize) VALUES (?, ?, "
-              "?, ?, ?, ?)")
+              "INSERT OR REPLACE INTO collectors (id, owner, version, filter, after, pageSize, kind) VALUES "
+              "(?, "
+              "?, ?, ?, ?, ?, ?)")
             .Bind(id)
             .Bind(c.owner)
             .Bind(codec_.Version())
             .Bind(Encode(c.filter.Get()))
             .Bind(c.after)
             .Bind(c.pageSize)
+            .Bind(std::string(KindName(c.kind)))
             .Run();
     }
     bool EraseCollector(const std::string& id) override {
@@ -443,6 +450,38 @@ private:
         Query(*this, "DELETE FROM recentTasks WHERE taskId = ?").Bind(id).Run();
         return Erase("DELETE FROM tasks WHERE id = ?", id);
     }
+    // ---- Log bundles
+    void PutLogBundle(const LogBundleRecord& b) override {
+        Query(*this,
+              "INSERT INTO logBundles (key, taskId, failedLogins, version, info, data) VALUES (?, ?, ?, ?, "
+              "?, ?)")
+            .Bind(b.key)
+            .Bind(b.taskId)
+            .Bind(int64_t(b.failedLogins))
+            .Bind(codec_.Version())
+            .Bind(Encode(b.info.Get()))
+            .BindBlob(b.data)
+            .Run();
+    }
+    std::optional<LogBundleRecord> FindLogBundle(const std::string& key) override {
+        Query q(*this, "SELECT taskId, failedLogins, version, info, data FROM logBundles WHERE key = ?");
+        q.Bind(key);
+        if (!q.Step()) return std::nullopt;
+        LogBundleRecord b;
+        b.key = key;
+        b.taskId = q.Text(0);
+        b.failedLogins = q.Int(1) != 0;
+        b.info = Decode<Kitra::Any>(q.Text(2), q.Text(3), "log bundle " + key);
+        b.data = q.Text(4);
+        return b;
+    }
+    std::vector<std::string> LogBundleKeys() override {
+        return Ids("SELECT key FROM logBundles ORDER BY position");
+    }
+    bool EraseLogBundle(const std::string& key) override {
+        return Erase("DELETE FROM logBundles WHERE key = ?", key);
+    }
+    // ---- End of log bundles
 
     const std::string path_;
     sqlite3* db_ = nullptr;

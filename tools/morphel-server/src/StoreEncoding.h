@@ -16,6 +16,7 @@
 #include <fundix/Ref.h>
 #include <kitra/Soap.h>
 #include <kitra/fault/types.h>
+#include <morphel-server/State.h>
 
 namespace MorphelServer {
 
@@ -37,6 +38,24 @@ inline std::vector<std::string> Split(const std::string& blob) {
         at = colon + 1 + length;
     }
     return items;
+}
+
+// A collector's kind as a column holds it.
+inline const char* KindName(CollectorKind kind) {
+    switch (kind) {
+        case CollectorKind::task:
+            return "task";
+        case CollectorKind::job:
+            return "job";
+        default:
+            return "event";
+    }
+}
+// The kind `name` names; throws for none, naming the store and the collector (`what`).
+inline CollectorKind KindNamed(const std::string& name, const std::string& where, const std::string& what) {
+    for (CollectorKind kind : {CollectorKind::event, CollectorKind::task, CollectorKind::job})
+        if (name == KindName(kind)) return kind;
+    throw std::runtime_error(where + ": " + what + " cannot be read: unknown kind " + name);
 }
 
 // Writes records in one API version and reads them in the version each was written in. Errors name the

@@ -79,6 +79,9 @@ public:
         context_.state->Transact([&](StateTransaction& tx) { tx.SetMaxTask(maxTask); });
     }
     int32_t GetMaxCollector() override { return kMaxCollectors; }
+    void CreateCollector(Morphel::Task::TaskFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
+        result = CreateTaskCollector(context_, filter);
+    }
 
     // A task of its own, run as a job's run is: its spec names this machine as its source (else
     // morphel.fault.NoHostConnection; kodl.fault.InvalidArgument "source" for none, "taskSpec" for no spec).

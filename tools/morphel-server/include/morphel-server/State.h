@@ -1,7 +1,7 @@
 // What the reference service keeps between calls - conversion jobs, their tasks and scheduled tasks, the
-// event history, the history collectors' positions and a few counters and settings - behind one small
-// interface, so that where it lives (memory, a database file, a database server) can change without
-// touching the managers.
+// event history, the history collectors' positions, the log bundles and a few counters and settings -
+// behind one small interface, so that where it lives (memory, a database file, a database server) can
+// change without touching the managers.
 //
 // Every read and write happens inside a transaction (State::Transact). Records go in and come out as
 // copies, as they would through a store outside the process: a manager that changes one writes it back
@@ -47,12 +47,19 @@ struct JobRecord {
     Fundix::Ref<Kitra::Any> extraInfo;  // null when the client gave none
 };
 
-// Where an event history collector stands. Its view lies between the events it has passed (keys up to
-// `after`) and those it has not; keys only grow, so the position holds when old events are dropped, and a
-// collector whose unread events were dropped goes on from the oldest event kept.
+// What a history collector pages over: events, tasks or conversion jobs.
+enum class CollectorKind { event, task, job };
+
+// Where a history collector stands. Its view lies between the items it has passed (keys up to `after`)
+// and those it has not; keys only grow (an event's key, the number of a task's or a job's id), so the
+// position holds when old items are dropped, and a collector whose unread items were dropped goes on from
+// the oldest item kept.
 struct CollectorRecord {
-    Fundix::Ref<Morphel::Event::EventFilterSpec> filter;  // never null
-    int32_t after = 0;  // the key of the last event before the view; 0: before every event
+    CollectorKind kind = CollectorKind::event;
+    // The filter the collector was created with, of the kind's filter type (EventFilterSpec,
+    // TaskFilterSpec, JobFilterSpec); never null.
+    Fundix::Ref<Kitra::Any> filter;
+    int64_t after = 0;  // the key of the last item before the view; 0: before every item
     int32_t pageSize = 10;
     std::string owner;  // the key of the session that created it
 };
@@ -69,6 +76,16 @@ inline std::optional<Fundix::System::DateTime> DueTime(const Dovra::Scheduler::S
     if (!info.IsEnabled() || !info.GetNextRunTime().IsSet()) return std::nullopt;
     return info.GetNextRunTime().GetValue();
 }
+// ---- Log bundles
+// A log bundle as the diagnostic manager made it: the zip's bytes and what describes them.
+struct LogBundleRecord {
+    std::string key;
+    Fundix::Ref<Kitra::Any> info;  // a morphel.DiagnosticManager.TaskLogBundleInfo; never null
+    std::string data;              // the zip's bytes
+    std::string taskId;            // the task it was made for; empty for the server's log
+    bool failedLogins = false;     // whether it holds failed logins (read only by accounts that read them)
+};
+// ---- End of log bundles
 
 // One transaction's view of the state.
 class StateTransaction {
@@ -128,6 +145,12 @@ public:
     virtual std::optional<Fundix::System::DateTime> NextDueTime() = 0;
     // Erases the task and drops it from the recent tasks; its events stay.
     virtual bool EraseTask(const std::string& id) = 0;
+    // ---- Log bundles: kept by key, oldest first.
+    virtual void PutLogBundle(const LogBundleRecord& bundle) = 0;  // adds one with a new key
+    virtual std::optional<LogBundleRecord> FindLogBundle(const std::string& key) = 0;
+    virtual std::vector<std::string> LogBundleKeys() = 0;  // oldest first
+    virtual bool EraseLogBundle(const std::string& key) = 0;
+    // ---- End of log bundles
 };
 
 class State {
