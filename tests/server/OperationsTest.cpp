@@ -620,6 +620,8 @@ TEST_F(OperationsTest, TasksOfTheirOwnRunAndEndedTasksGo) {
     Ref<Morphel::Event::EventFilterSpec> chain(new Morphel::Event::EventFilterSpec());
     chain->SetEventChainId(created->GetEventChainId());
     EXPECT_EQ(Events(chain.Get())->GetLength(), events->GetLength());
+}
+
 TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     Start(1h);
     Ref<ConversionJobInfo> created = CreateJob("bundled");
