@@ -195,9 +195,8 @@ void CheckLayout(const Kitra::DataTypeInfo* info) {
         ASSERT_LT(order++, std::size(Kitra::kRunOrder)) << "runs out of order";
         for (uint32_t n = Kitra::RunCount(header); n != 0; --n, ++at) {
             uint32_t i = 0;
-            if (storage == Kitra::Storage::Slot) i = *at;
-            else
-                while (i < count && layout->fields[i].offset != *at) ++i;
+            while (i < count && layout->fields[i].offset != *at)
+                ++i;
             ASSERT_LT(i, count);
             EXPECT_EQ(layout->fields[i].storage, storage);
             ++seen[i];

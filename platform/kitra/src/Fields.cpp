@@ -9,6 +9,7 @@
 #include <kitra/DataObject.h>
 #include <kitra/Field.h>
 #include <kitra/MoRef.h>
+#include <kitra/Module.h>
 #include <kitra/Registry.h>
 
 namespace Kitra {
@@ -294,45 +295,49 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     __builtin_unreachable();  // the generator writes only the storage classes above
 }
 
+// Steps over the header of the run at `at`; the end of its entries.
+inline const uint32_t* OpenRun(const uint32_t*& at) {
+    const uint32_t count = RunCount(*at++);
+    return at + count;
+}
+
 // What the fields of one object hold beyond it, `identity` when `sizer` is the identity sizer: the first
-// runs of the layout, those of strings, optional strings and counted values.
+// runs of the layout, those of strings, optional strings and counted values, in that order.
 template <bool identity>
-unsigned HeldSize(const FieldLayout& layout, const char* object, Sizer sizer) {
+[[gnu::always_inline]] inline unsigned HeldSize(const FieldLayout& layout, const char* object, Sizer sizer) {
     unsigned size = 0;
     const uint32_t* at = layout.runs;
-    for (uint32_t runs = *at++; runs != 0; --runs) {
-        const uint32_t header = *at++;
-        const uint32_t* end = at + RunCount(header);
-        switch (RunStorage(header)) {
-        case Storage::String:
-            for (; at != end; ++at) {
-                const auto& text = *reinterpret_cast<const std::string*>(object + *at);
-                size += identity ? TextHeap(text) : GetExtraSize(text, sizer);
+    uint32_t runs = *at++;
+    if (runs != 0 && RunStorage(*at) == Storage::String) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at) {
+            const auto& text = *reinterpret_cast<const std::string*>(object + *at);
+            size += identity ? TextHeap(text) : GetExtraSize(text, sizer);
+        }
+        --runs;
+    }
+    if (runs != 0 && RunStorage(*at) == Storage::OptString) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at)
+            if (const std::string* text =
+                    reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
+                size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
+                                 : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
+        --runs;
+    }
+    if (runs != 0 && RunStorage(*at) == Storage::Slot) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at) {
+            const Any* value = reinterpret_cast<const RefSlot*>(object + *at)->Get();
+            if (value == nullptr) continue;
+            if (identity && &typeid(*value) == &typeid(MoRef)) {
+                // MoRef's class record is made once, in this library, so its address identifies the class.
+                const auto* ref = static_cast<const MoRef*>(value);
+                size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) +
+                        TextHeap(ref->GetId());
+            } else {
+                size += value->_GetSize(sizer);
             }
-            break;
-        case Storage::OptString:
-            for (; at != end; ++at)
-                if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
-                    size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
-                                     : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
-            break;
-        case Storage::Slot:
-            for (; at != end; ++at) {
-                const Any* value = reinterpret_cast<const RefSlot*>(object + layout.fields[*at].offset)->Get();
-                if (value == nullptr) continue;
-                if (identity && &typeid(*value) == &typeid(MoRef)) {
-                    // MoRef's class record is made once, in this library, so its address identifies the class.
-                    const auto* ref = static_cast<const MoRef*>(value);
-                    size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) + TextHeap(ref->GetId());
-                } else {
-                    size += value->_GetSize(sizer);
-                }
-            }
-            break;
-        default: return size;  // the runs that hold memory come first
         }
     }
-    return size;
+    return size;  // the runs that hold memory come first; the others are in the class's own size
 }
 
 }  // namespace
@@ -395,5 +400,23 @@ bool AlwaysSet(const DataObject*, int) { return true; }
 void NoInit(DataObject*, int) {}
 
 }  // namespace Fields
+
+namespace Binding {
+
+unsigned SizeOf(Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
+                const FieldLayout& layout, const void* object) {
+    auto* at = static_cast<const char*>(object);
+    if (sizer == &IdentitySizer)
+        return ownSize + (baseTotal - baseSize) + Fields::HeldSize<true>(layout, at, sizer);
+    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + Fields::HeldSize<false>(layout, at, sizer);
+}
+
+unsigned SizeOf(Sizer sizer, unsigned ownSize, const FieldLayout& layout, const void* object) {
+    auto* at = static_cast<const char*>(object);
+    if (sizer == &IdentitySizer) return ownSize + Fields::HeldSize<true>(layout, at, sizer);
+    return sizer(ownSize) + Fields::HeldSize<false>(layout, at, sizer);
+}
+
+}  // namespace Binding
 
 }  // namespace Kitra
