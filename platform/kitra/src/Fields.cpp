@@ -400,9 +400,10 @@ namespace {
                                      const std::string& prefix, PropertyDiffSet& diffs) {
     const PropertyTypeInfo& p = layout.properties[i];
     const size_t name = std::strlen(p.name);
-    std::string path;
-    path.reserve(prefix.size() + 1 + name);
-    path.append(prefix).append(1, '.').append(p.name, name);
+    // Made at its full length at once, then written: no check of the room left per part.
+    std::string path(prefix.size() + 1 + name, '.');
+    if (!prefix.empty()) std::memcpy(path.data(), prefix.data(), prefix.size());
+    std::memcpy(path.data() + prefix.size() + 1, p.name, name);
     if (layout.fields[i].storage == Storage::Slot) {
         DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
                              At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
