@@ -227,7 +227,8 @@ inline bool IsEmptyArray(const Any* value) { return static_cast<const ArrayBase*
 // field's element type, a reference, a data object of the field's type or a class derived from it, or (for
 // untyped fields) any value. Two nulls are equal; a null array equals an empty one; with `partial`, a null
 // `b` in an optional field is forgiven.
-bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b, bool partial) {
+[[gnu::always_inline]] inline bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b,
+                                             bool partial) {
     if (a == b) return true;
     if (p.flags & kFlagArray) {
         if (a == nullptr) return IsEmptyArray(b);
@@ -268,12 +269,39 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     return SlotEqual(layout.properties[f - layout.fields], x, y, partial);
 }
 
+// Where the differences of a walk go.
+struct Differences {
+    const void* mine;
+    const void* theirs;
+    const std::string& prefix;
+    PropertyDiffSet& diffs;
+};
+
+[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine,
+                                     const void* theirs, const std::string& prefix, PropertyDiffSet& diffs) {
+    const PropertyTypeInfo& p = layout.properties[i];
+    const size_t name = std::strlen(p.name);
+    // Made at its full length at once, then written: no check of the room left per part.
+    std::string path(prefix.size() + 1 + name, '.');
+    if (!prefix.empty()) std::memcpy(path.data(), prefix.data(), prefix.size());
+    std::memcpy(path.data() + prefix.size() + 1, p.name, name);
+    if (layout.fields[i].storage == Storage::Slot) {
+        DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
+                             At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
+    } else {
+        diffs.Add(std::move(path));
+    }
+}
+
 // The first field from `f` on at which the two objects differ (`partial` as for Equal), or the end of the
-// layout's fields. Each storage class has a label that compares its field and jumps straight to the label of
+// layout's fields; with `collect`, every field at which they differ goes to `out` and the walk goes on to
+// the end. Each storage class has a label that compares its field and jumps straight to the label of
 // the next field's storage class: one indirect jump per field, where a loop around a switch adds a bounds
 // check and a jump back.
+template <bool collect>
 [[gnu::noinline]] const FieldDesc* FirstDifference(const FieldLayout& layout, const FieldDesc* f,
-                                                   const char* mine, const char* theirs, bool partial) {
+                                                   const char* mine, const char* theirs, bool partial,
+                                                   const Differences* out) {
     // In the order of the enumeration.
     static_assert(kStorageCount == 19 && Storage::OptDate == Storage(17) && Storage::F32 == Storage(12));
     static const void* const kCompare[kStorageCount] = {
@@ -286,9 +314,13 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
 #define KITRA_GO    \
     at = f->offset; \
     goto* kCompare[static_cast<uint8_t>(f->storage)]
-#define KITRA_NEXT(same)        \
-    if (!(same)) return f;      \
-    if (++f == end) return end; \
+#define KITRA_NEXT(same)                                                                                     \
+    if (!(same)) {                                                                                           \
+        if constexpr (!collect) return f;                                                                    \
+        AddDifference(layout, static_cast<uint32_t>(f - layout.fields), out->mine, out->theirs, out->prefix, \
+                      out->diffs);                                                                           \
+    }                                                                                                        \
+    if (++f == end) return end;                                                                              \
     KITRA_GO
 #define KITRA_SAME(T) KITRA_NEXT(KITRA_AT(T, mine) == KITRA_AT(T, theirs))
 #define KITRA_SAME_OPT(T) \
@@ -390,29 +422,9 @@ template <bool identity>
 
 bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
     const FieldDesc* end = layout.fields + layout.count;
-    return FirstDifference(layout, layout.fields, static_cast<const char*>(mine),
-                           static_cast<const char*>(theirs), partial) == end;
+    return FirstDifference<false>(layout, layout.fields, static_cast<const char*>(mine),
+                                  static_cast<const char*>(theirs), partial, nullptr) == end;
 }
-
-namespace {
-
-[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
-                                     const std::string& prefix, PropertyDiffSet& diffs) {
-    const PropertyTypeInfo& p = layout.properties[i];
-    const size_t name = std::strlen(p.name);
-    // Made at its full length at once, then written: no check of the room left per part.
-    std::string path(prefix.size() + 1 + name, '.');
-    if (!prefix.empty()) std::memcpy(path.data(), prefix.data(), prefix.size());
-    std::memcpy(path.data() + prefix.size() + 1, p.name, name);
-    if (layout.fields[i].storage == Storage::Slot) {
-        DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
-                             At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
-    } else {
-        diffs.Add(std::move(path));
-    }
-}
-
-}  // namespace
 
 void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
           PropertyDiffSet& diffs) {
@@ -420,10 +432,8 @@ void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const
     auto* b = static_cast<const char*>(theirs);
     // Equal fields, the common case, cost a comparison and no path: the path is built only where a
     // difference is found, and only then does the walk descend into a value to name deeper paths.
-    const FieldDesc* end = layout.fields + layout.count;
-    for (const FieldDesc* f = FirstDifference(layout, layout.fields, a, b, false); f != end;
-         f = FirstDifference(layout, f + 1, a, b, false))
-        AddDifference(layout, static_cast<uint32_t>(f - layout.fields), mine, theirs, prefix, diffs);
+    const Differences out{mine, theirs, prefix, diffs};
+    FirstDifference<true>(layout, layout.fields, a, b, false, &out);
 }
 
 unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
