@@ -2,11 +2,15 @@
 // without any generated type.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <fundix/Exception.h>
+#include <fundix/Optional.h>
+#include <fundix/System/DateTime.h>
+#include <kitra/Field.h>
 #include <kitra/Kitra.h>
 #include <kitra/Module.h>
 
@@ -214,6 +218,108 @@ TEST(EnumTypeTest, ManyValuesShareBuckets) {
     Fundix::Ref<Kitra::EnumTypeImpl<Shade>> empty(new Kitra::EnumTypeImpl<Shade>(&emptyRecord));
     EXPECT_FALSE(empty->IsValidText(""));
     EXPECT_THROW(empty->ValueToText(0), Fundix::InvalidArgumentException);
+}
+
+// One field of every storage class, walked through a layout made like the generated ones.
+struct Every {
+    std::string text;
+    Fundix::Optional<std::string> optText;
+    int32_t i32 = 0;
+    Fundix::Optional<int32_t> optI32;
+    int64_t i64 = 0;
+    Fundix::Optional<int64_t> optI64;
+    int16_t i16 = 0;
+    Fundix::Optional<int16_t> optI16;
+    int8_t i8 = 0;
+    Fundix::Optional<int8_t> optI8;
+    bool flag = false;
+    Fundix::Optional<bool> optFlag;
+    float f32 = 0;
+    Fundix::Optional<float> optF32;
+    double f64 = 0;
+    Fundix::Optional<double> optF64;
+    Fundix::System::DateTime date;
+    Fundix::Optional<Fundix::System::DateTime> optDate;
+    Kitra::ObjSlot slot;
+};
+
+TEST(FieldWalkTest, EveryStorageClassComparedByItsOwnRule) {
+    using Kitra::Storage;
+    using Row = Kitra::Binding::FieldRow;
+    static const Kitra::TypeInfo thing = {Kitra::kKindManaged, "objtest.Thing", "ObjtestThing",
+                                          "objtest.version1"};
+    const uint32_t opt = Kitra::kFlagOptional;
+#define ROW(member, type, flags, storage) \
+    Row(#member, nullptr, &Kitra::type, flags, "objtest.version1", offsetof(Every, member), Storage::storage)
+    static const Row rows[] = {
+        ROW(text, gStringTypeInfo, 0, String),
+        ROW(optText, gStringTypeInfo, opt, OptString),
+        ROW(i32, gIntTypeInfo, 0, I32),
+        ROW(optI32, gIntTypeInfo, opt, OptI32),
+        ROW(i64, gLongTypeInfo, 0, I64),
+        ROW(optI64, gLongTypeInfo, opt, OptI64),
+        ROW(i16, gShortTypeInfo, 0, I16),
+        ROW(optI16, gShortTypeInfo, opt, OptI16),
+        ROW(i8, gByteTypeInfo, 0, I8),
+        ROW(optI8, gByteTypeInfo, opt, OptI8),
+        ROW(flag, gBoolTypeInfo, 0, Bool),
+        ROW(optFlag, gBoolTypeInfo, opt, OptBool),
+        ROW(f32, gFloatTypeInfo, 0, F32),
+        ROW(optF32, gFloatTypeInfo, opt, OptF32),
+        ROW(f64, gDoubleTypeInfo, 0, F64),
+        ROW(optF64, gDoubleTypeInfo, opt, OptF64),
+        ROW(date, gDateTimeTypeInfo, 0, Date),
+        ROW(optDate, gDateTimeTypeInfo, opt, OptDate),
+        Row("slot", nullptr, &thing, opt, "objtest.version1", offsetof(Every, slot), Storage::Slot),
+    };
+#undef ROW
+    static const Kitra::Binding::FieldTable<std::size(rows)> table(rows);
+    const Kitra::FieldLayout layout = {table.properties, table.fields, std::size(rows), table.runs};
+    const Fundix::System::DateTime noon(2026, 11, 23, 12);
+    // Per field, in row order: a change that makes it differ, and one that must not.
+    const std::vector<std::pair<std::function<void(Every&)>, std::function<void(Every&)>>> changes = {
+        {[](Every& e) { e.text = "x"; }, nullptr},
+        {[](Every& e) { e.optText = std::string(); }, nullptr},
+        {[](Every& e) { e.i32 = -1; }, nullptr},
+        {[](Every& e) { e.optI32 = 0; }, nullptr},
+        {[](Every& e) { e.i64 = int64_t{1} << 40; }, nullptr},
+        {[](Every& e) { e.optI64 = 0; }, nullptr},
+        {[](Every& e) { e.i16 = -300; }, nullptr},
+        {[](Every& e) { e.optI16 = int16_t{0}; }, nullptr},
+        {[](Every& e) { e.i8 = 1; }, nullptr},
+        {[](Every& e) { e.optI8 = int8_t{0}; }, nullptr},
+        {[](Every& e) { e.flag = true; }, nullptr},
+        {[](Every& e) { e.optFlag = false; }, nullptr},
+        {[](Every& e) { e.f32 = 1.5f; }, [](Every& e) { e.f32 = -0.0f; }},  // numbers, not bytes
+        {[](Every& e) { e.optF32 = 0.0f; }, nullptr},
+        {[](Every& e) { e.f64 = 2.25; }, [](Every& e) { e.f64 = -0.0; }},
+        {[](Every& e) { e.optF64 = 0.0; }, nullptr},
+        {[&](Every& e) { e.date = noon; },
+         [](Every& e) {
+             e.date = Fundix::System::DateTime::FromUtcMicros(0, 60);
+         }},  // the same instant elsewhere
+        {[](Every& e) { e.optDate = Fundix::System::DateTime(); }, nullptr},
+        {[](Every& e) { e.slot.Store(new Kitra::MoRef("objtest.Thing", "thing-1")); }, nullptr},
+    };
+    ASSERT_EQ(changes.size(), std::size(rows));
+    for (size_t i = 0; i < changes.size(); ++i) {
+        SCOPED_TRACE(rows[i].property.name);
+        Every a, b;
+        EXPECT_TRUE(Kitra::Fields::Equal(layout, &a, &b, false));
+        changes[i].first(b);
+        EXPECT_FALSE(Kitra::Fields::Equal(layout, &a, &b, false));
+        EXPECT_FALSE(Kitra::Fields::Equal(layout, &b, &a, false));
+        // With `partial`, an optional field left unset in theirs is forgiven.
+        EXPECT_EQ(Kitra::Fields::Equal(layout, &b, &a, true), (rows[i].property.flags & opt) != 0);
+        Kitra::PropertyDiffSet diffs;
+        Kitra::Fields::Diff(layout, &a, &b, "e", diffs);
+        EXPECT_EQ(diffs.Paths(), std::vector<std::string>{std::string("e.") + rows[i].property.name});
+        if (changes[i].second) {
+            Every c;
+            changes[i].second(c);
+            EXPECT_TRUE(Kitra::Fields::Equal(layout, &a, &c, false));
+        }
+    }
 }
 
 }  // namespace

@@ -77,6 +77,21 @@ TEST(WalkTest, ReferencesComparedAndSharedByTheirRecord) {
     EXPECT_TRUE(a->_IsEqual(b.Get(), false));
     EXPECT_TRUE(Diff(a.Get(), b.Get()).empty());
 
+    // In an untyped field, a reference equals only a reference: not a record that holds the same two texts
+    // where a reference holds its type and identifier.
+    a->SetResult(new Kitra::MoRef("morphel.task.Task", "task-417"));
+    b->SetResult(new Kitra::MoRef("morphel.task.Task", "task-417"));
+    EXPECT_TRUE(a->_IsEqual(b.Get(), false));
+    Ref<Morphel::DovraConnectionSpec::LoginDovraCredentials> lookalike(
+        new Morphel::DovraConnectionSpec::LoginDovraCredentials());
+    lookalike->SetUsername("morphel.task.Task");
+    lookalike->SetPassword("task-417");
+    b->SetResult(lookalike.Get());
+    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
+    EXPECT_FALSE(b->_IsEqual(a.Get(), false));
+    EXPECT_EQ(Diff(a.Get(), b.Get()), std::vector<std::string>{".result"});
+    b->SetResult(a->GetResult());
+
     // An optional reference that is null: unequal, forgiven only in `theirs` with `partial`.
     b->SetJob(nullptr);
     EXPECT_FALSE(a->_IsEqual(b.Get(), false));

@@ -175,7 +175,22 @@ $q$::~$flat$() = default;
 }
 )",
             vars);
-    if (hasFields) {
+    if (hasFields && AllFields(t).size() == t->fields.size()) {
+        // The first level with fields: its bases compare, differ and size as a bare data object, so the
+        // walk over its own fields is the whole of each operation.
+        p.Print(R"(unsigned $q$::_GetSize(::Kitra::Sizer sizer) const {
+    return ::Kitra::Binding::SizeOf(sizer, sizeof($flat$), _kLayout, this);
+}
+bool $q$::_EqualFields(const ::Kitra::DataObject* other, bool partial) const {
+    return ::Kitra::Fields::Equal(_kLayout, this, static_cast<const $flat$*>(other), partial);
+}
+void $q$::_DiffFields(const ::Kitra::DataObject* other, const std::string& prefix,
+                      ::Kitra::PropertyDiffSet& diffs) const {
+    ::Kitra::Fields::Diff(_kLayout, this, static_cast<const $flat$*>(other), prefix, diffs);
+}
+)",
+                vars);
+    } else if (hasFields) {
         p.Print(R"(unsigned $q$::_GetSize(::Kitra::Sizer sizer) const {
     return ::Kitra::Binding::SizeOf(sizer, sizeof($flat$), sizeof($base$), $base$::_GetSize(sizer), _kLayout, this);
 }

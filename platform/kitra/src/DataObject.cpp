@@ -22,7 +22,7 @@ void PropertyDiffSet::Add(const std::string& path) {
 }
 
 void PropertyDiffSet::Add(std::string&& path) {
-    if (!Contains(path)) paths_.push_back(std::move(path));
+    if (paths_.empty() || !Contains(path)) paths_.push_back(std::move(path));
 }
 
 bool PropertyDiffSet::Contains(const std::string& path) const {

@@ -9,6 +9,7 @@
 #include <kitra/DataObject.h>
 #include <kitra/Field.h>
 #include <kitra/MoRef.h>
+#include <kitra/Module.h>
 #include <kitra/Registry.h>
 
 namespace Kitra {
@@ -217,13 +218,17 @@ inline bool SameRef(const MoRef* a, const MoRef* b) {
     return SameText(a->GetId(), b->GetId()) && SameText(a->GetTypeName(), b->GetTypeName());
 }
 
+// MoRef's class record is made once, in this library, so its address identifies the class.
+inline bool IsRef(const Any* value) { return &typeid(*value) == &typeid(MoRef); }
+
 inline bool IsEmptyArray(const Any* value) { return static_cast<const ArrayBase*>(value)->IsEmpty(); }
 
 // Two values of a counted field, compared by what the field's record says it holds: an array of the
 // field's element type, a reference, a data object of the field's type or a class derived from it, or (for
 // untyped fields) any value. Two nulls are equal; a null array equals an empty one; with `partial`, a null
 // `b` in an optional field is forgiven.
-bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b, bool partial) {
+[[gnu::always_inline]] inline bool SlotEqual(const PropertyTypeInfo& p, const Any* a, const Any* b,
+                                             bool partial) {
     if (a == b) return true;
     if (p.flags & kFlagArray) {
         if (a == nullptr) return IsEmptyArray(b);
@@ -254,114 +259,32 @@ inline bool SameOptionalText(const Optional<std::string>& a, const Optional<std:
     return x != nullptr && SameText(*x, *y);
 }
 
-// One field of two objects compared; `partial` as for Equal (Diff passes false). The field's property record
-// is looked up only for counted values, the one storage class whose comparison needs it.
-[[gnu::always_inline]] inline bool FieldEqual(const FieldLayout& layout, const FieldDesc& f, const char* a,
-                                              const char* b, bool partial) {
-    a += f.offset;
-    b += f.offset;
-#define KITRA_AT(T, x) (*reinterpret_cast<const T*>(x))
-#define KITRA_SAME(T) (KITRA_AT(T, a) == KITRA_AT(T, b))
-#define KITRA_SAME_OPT(T) SameOptional(KITRA_AT(Optional<T>, a), KITRA_AT(Optional<T>, b), partial)
-    switch (f.storage) {
-    case Storage::String: return SameText(KITRA_AT(std::string, a), KITRA_AT(std::string, b));
-    case Storage::OptString: return SameOptionalText(KITRA_AT(Optional<std::string>, a), KITRA_AT(Optional<std::string>, b), partial);
-    case Storage::I32: return KITRA_SAME(int32_t);
-    case Storage::OptI32: return KITRA_SAME_OPT(int32_t);
-    case Storage::I64: return KITRA_SAME(int64_t);
-    case Storage::OptI64: return KITRA_SAME_OPT(int64_t);
-    case Storage::I16: return KITRA_SAME(int16_t);
-    case Storage::OptI16: return KITRA_SAME_OPT(int16_t);
-    case Storage::I8: return KITRA_SAME(int8_t);
-    case Storage::OptI8: return KITRA_SAME_OPT(int8_t);
-    case Storage::Bool: return KITRA_SAME(bool);
-    case Storage::OptBool: return KITRA_SAME_OPT(bool);
-    case Storage::F32: return KITRA_SAME(float);
-    case Storage::OptF32: return KITRA_SAME_OPT(float);
-    case Storage::F64: return KITRA_SAME(double);
-    case Storage::OptF64: return KITRA_SAME_OPT(double);
-    case Storage::Date: return KITRA_SAME(DateTime);
-    case Storage::OptDate: return KITRA_SAME_OPT(DateTime);
-    case Storage::Slot: {
-        const Any* x = KITRA_AT(RefSlot, a).Get();
-        const Any* y = KITRA_AT(RefSlot, b).Get();
-        return x == y || SlotEqual(layout.properties[&f - layout.fields], x, y, partial);
-    }
-    }
-#undef KITRA_AT
-#undef KITRA_SAME
-#undef KITRA_SAME_OPT
-    __builtin_unreachable();  // the generator writes only the storage classes above
+// Two values of the counted field `f`. Two references, whatever the field's record says it holds, compare
+// as references: what their own comparison does, without looking up the record.
+[[gnu::always_inline]] inline bool SameSlot(const FieldLayout& layout, const FieldDesc* f, const Any* x,
+                                            const Any* y, bool partial) {
+    if (x == y) return true;
+    if (x != nullptr && y != nullptr && IsRef(x) && IsRef(y))
+        return SameRef(static_cast<const MoRef*>(x), static_cast<const MoRef*>(y));
+    return SlotEqual(layout.properties[f - layout.fields], x, y, partial);
 }
 
-// What the fields of one object hold beyond it, `identity` when `sizer` is the identity sizer: the first
-// runs of the layout, those of strings, optional strings and counted values.
-template <bool identity>
-unsigned HeldSize(const FieldLayout& layout, const char* object, Sizer sizer) {
-    unsigned size = 0;
-    const uint32_t* at = layout.runs;
-    for (uint32_t runs = *at++; runs != 0; --runs) {
-        const uint32_t header = *at++;
-        const uint32_t* end = at + RunCount(header);
-        switch (RunStorage(header)) {
-        case Storage::String:
-            for (; at != end; ++at) {
-                const auto& text = *reinterpret_cast<const std::string*>(object + *at);
-                size += identity ? TextHeap(text) : GetExtraSize(text, sizer);
-            }
-            break;
-        case Storage::OptString:
-            for (; at != end; ++at)
-                if (const std::string* text = reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
-                    size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
-                                     : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
-            break;
-        case Storage::Slot:
-            for (; at != end; ++at) {
-                const Any* value = reinterpret_cast<const RefSlot*>(object + layout.fields[*at].offset)->Get();
-                if (value == nullptr) continue;
-                if (identity && &typeid(*value) == &typeid(MoRef)) {
-                    // MoRef's class record is made once, in this library, so its address identifies the class.
-                    const auto* ref = static_cast<const MoRef*>(value);
-                    size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) + TextHeap(ref->GetId());
-                } else {
-                    size += value->_GetSize(sizer);
-                }
-            }
-            break;
-        default: return size;  // the runs that hold memory come first
-        }
-    }
-    return size;
-}
+// Where the differences of a walk go.
+struct Differences {
+    const void* mine;
+    const void* theirs;
+    const std::string& prefix;
+    PropertyDiffSet& diffs;
+};
 
-}  // namespace
-
-bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
-    auto* a = static_cast<const char*>(mine);
-    auto* b = static_cast<const char*>(theirs);
-    for (const FieldDesc *f = layout.fields, *end = f + layout.count; f != end; ++f)
-        if (!FieldEqual(layout, *f, a, b, partial)) return false;
-    return true;
-}
-
-namespace {
-
-// The first field from `from` on at which the two objects differ, or the layout's count.
-uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a, const char* b) {
-    const FieldDesc* begin = layout.fields;
-    for (const FieldDesc *f = begin + from, *end = begin + layout.count; f != end; ++f)
-        if (!FieldEqual(layout, *f, a, b, false)) return static_cast<uint32_t>(f - begin);
-    return layout.count;
-}
-
-[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine, const void* theirs,
-                                     const std::string& prefix, PropertyDiffSet& diffs) {
+[[gnu::noinline]] void AddDifference(const FieldLayout& layout, uint32_t i, const void* mine,
+                                     const void* theirs, const std::string& prefix, PropertyDiffSet& diffs) {
     const PropertyTypeInfo& p = layout.properties[i];
     const size_t name = std::strlen(p.name);
-    std::string path;
-    path.reserve(prefix.size() + 1 + name);
-    path.append(prefix).append(1, '.').append(p.name, name);
+    // Made at its full length at once, then written: no check of the room left per part.
+    std::string path(prefix.size() + 1 + name, '.');
+    if (!prefix.empty()) std::memcpy(path.data(), prefix.data(), prefix.size());
+    std::memcpy(path.data() + prefix.size() + 1, p.name, name);
     if (layout.fields[i].storage == Storage::Slot) {
         DiffAnyPropertiesInt(At<RefSlot>(mine, layout, static_cast<int>(i)).Get(),
                              At<RefSlot>(theirs, layout, static_cast<int>(i)).Get(), path, p.flags, diffs);
@@ -370,7 +293,138 @@ uint32_t NextDifference(const FieldLayout& layout, uint32_t from, const char* a,
     }
 }
 
+// The first field from `f` on at which the two objects differ (`partial` as for Equal), or the end of the
+// layout's fields; with `collect`, every field at which they differ goes to `out` and the walk goes on to
+// the end. Each storage class has a label that compares its field and jumps straight to the label of
+// the next field's storage class: one indirect jump per field, where a loop around a switch adds a bounds
+// check and a jump back.
+template <bool collect>
+[[gnu::noinline]] const FieldDesc* FirstDifference(const FieldLayout& layout, const FieldDesc* f,
+                                                   const char* mine, const char* theirs, bool partial,
+                                                   const Differences* out) {
+    // In the order of the enumeration.
+    static_assert(kStorageCount == 19 && Storage::OptDate == Storage(17) && Storage::F32 == Storage(12));
+    static const void* const kCompare[kStorageCount] = {
+        &&text, &&optText, &&i32, &&optI32, &&i64, &&optI64, &&i16,  &&optI16,  &&i8,   &&optI8,
+        &&flag, &&optFlag, &&f32, &&optF32, &&f64, &&optF64, &&date, &&optDate, &&slot,
+    };
+    const FieldDesc* const end = layout.fields + layout.count;
+    uint32_t at;
+#define KITRA_AT(T, x) (*reinterpret_cast<const T*>((x) + at))
+#define KITRA_GO    \
+    at = f->offset; \
+    goto* kCompare[static_cast<uint8_t>(f->storage)]
+#define KITRA_NEXT(same)                                                                                     \
+    if (!(same)) {                                                                                           \
+        if constexpr (!collect) return f;                                                                    \
+        AddDifference(layout, static_cast<uint32_t>(f - layout.fields), out->mine, out->theirs, out->prefix, \
+                      out->diffs);                                                                           \
+    }                                                                                                        \
+    if (++f == end) return end;                                                                              \
+    KITRA_GO
+#define KITRA_SAME(T) KITRA_NEXT(KITRA_AT(T, mine) == KITRA_AT(T, theirs))
+#define KITRA_SAME_OPT(T) \
+    KITRA_NEXT(SameOptional(KITRA_AT(Optional<T>, mine), KITRA_AT(Optional<T>, theirs), partial))
+    if (f == end) return end;
+    KITRA_GO;
+text:
+    KITRA_NEXT(SameText(KITRA_AT(std::string, mine), KITRA_AT(std::string, theirs)));
+optText:
+    KITRA_NEXT(SameOptionalText(KITRA_AT(Optional<std::string>, mine),
+                                KITRA_AT(Optional<std::string>, theirs), partial));
+i32:
+    KITRA_SAME(int32_t);
+optI32:
+    KITRA_SAME_OPT(int32_t);
+i64:
+    KITRA_SAME(int64_t);
+optI64:
+    KITRA_SAME_OPT(int64_t);
+i16:
+    KITRA_SAME(int16_t);
+optI16:
+    KITRA_SAME_OPT(int16_t);
+i8:
+    KITRA_SAME(int8_t);
+optI8:
+    KITRA_SAME_OPT(int8_t);
+flag:
+    KITRA_SAME(bool);
+optFlag:
+    KITRA_SAME_OPT(bool);
+f32:
+    KITRA_SAME(float);
+optF32:
+    KITRA_SAME_OPT(float);
+f64:
+    KITRA_SAME(double);
+optF64:
+    KITRA_SAME_OPT(double);
+date:
+    KITRA_SAME(DateTime);
+optDate:
+    KITRA_SAME_OPT(DateTime);
+slot:
+    KITRA_NEXT(SameSlot(layout, f, KITRA_AT(RefSlot, mine).Get(), KITRA_AT(RefSlot, theirs).Get(), partial));
+#undef KITRA_AT
+#undef KITRA_GO
+#undef KITRA_NEXT
+#undef KITRA_SAME
+#undef KITRA_SAME_OPT
+}
+
+// Steps over the header of the run at `at`; the end of its entries.
+inline const uint32_t* OpenRun(const uint32_t*& at) {
+    const uint32_t count = RunCount(*at++);
+    return at + count;
+}
+
+// What the fields of one object hold beyond it, `identity` when `sizer` is the identity sizer: the first
+// runs of the layout, those of strings, optional strings and counted values, in that order.
+template <bool identity>
+[[gnu::always_inline]] inline unsigned HeldSize(const FieldLayout& layout, const char* object, Sizer sizer) {
+    unsigned size = 0;
+    const uint32_t* at = layout.runs;
+    uint32_t runs = *at++;
+    if (runs != 0 && RunStorage(*at) == Storage::String) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at) {
+            const auto& text = *reinterpret_cast<const std::string*>(object + *at);
+            size += identity ? TextHeap(text) : GetExtraSize(text, sizer);
+        }
+        --runs;
+    }
+    if (runs != 0 && RunStorage(*at) == Storage::OptString) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at)
+            if (const std::string* text =
+                    reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
+                size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
+                                 : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
+        --runs;
+    }
+    if (runs != 0 && RunStorage(*at) == Storage::Slot) {
+        for (const uint32_t* end = OpenRun(at); at != end; ++at) {
+            const Any* value = reinterpret_cast<const RefSlot*>(object + *at)->Get();
+            if (value == nullptr) continue;
+            if (identity && &typeid(*value) == &typeid(MoRef)) {
+                // MoRef's class record is made once, in this library, so its address identifies the class.
+                const auto* ref = static_cast<const MoRef*>(value);
+                size += static_cast<unsigned>(sizeof(MoRef)) + TextHeap(ref->GetTypeName()) +
+                        TextHeap(ref->GetId());
+            } else {
+                size += value->_GetSize(sizer);
+            }
+        }
+    }
+    return size;  // the runs that hold memory come first; the others are in the class's own size
+}
+
 }  // namespace
+
+bool Equal(const FieldLayout& layout, const void* mine, const void* theirs, bool partial) {
+    const FieldDesc* end = layout.fields + layout.count;
+    return FirstDifference<false>(layout, layout.fields, static_cast<const char*>(mine),
+                                  static_cast<const char*>(theirs), partial, nullptr) == end;
+}
 
 void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const std::string& prefix,
           PropertyDiffSet& diffs) {
@@ -378,8 +432,8 @@ void Diff(const FieldLayout& layout, const void* mine, const void* theirs, const
     auto* b = static_cast<const char*>(theirs);
     // Equal fields, the common case, cost a comparison and no path: the path is built only where a
     // difference is found, and only then does the walk descend into a value to name deeper paths.
-    for (uint32_t i = NextDifference(layout, 0, a, b); i < layout.count; i = NextDifference(layout, i + 1, a, b))
-        AddDifference(layout, i, mine, theirs, prefix, diffs);
+    const Differences out{mine, theirs, prefix, diffs};
+    FirstDifference<true>(layout, layout.fields, a, b, false, &out);
 }
 
 unsigned ExtraSize(const FieldLayout& layout, const void* object, Sizer sizer) {
@@ -395,5 +449,23 @@ bool AlwaysSet(const DataObject*, int) { return true; }
 void NoInit(DataObject*, int) {}
 
 }  // namespace Fields
+
+namespace Binding {
+
+unsigned SizeOf(Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
+                const FieldLayout& layout, const void* object) {
+    auto* at = static_cast<const char*>(object);
+    if (sizer == &IdentitySizer)
+        return ownSize + (baseTotal - baseSize) + Fields::HeldSize<true>(layout, at, sizer);
+    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + Fields::HeldSize<false>(layout, at, sizer);
+}
+
+unsigned SizeOf(Sizer sizer, unsigned ownSize, const FieldLayout& layout, const void* object) {
+    auto* at = static_cast<const char*>(object);
+    if (sizer == &IdentitySizer) return ownSize + Fields::HeldSize<true>(layout, at, sizer);
+    return sizer(ownSize) + Fields::HeldSize<false>(layout, at, sizer);
+}
+
+}  // namespace Binding
 
 }  // namespace Kitra

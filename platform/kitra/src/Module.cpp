@@ -34,13 +34,6 @@ Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* 
     return cache;
 }
 
-unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
-                const Kitra::FieldLayout& layout, const void* object) {
-    const unsigned extra = Kitra::Fields::ExtraSize(layout, object, sizer);
-    if (sizer == &Kitra::IdentitySizer) return ownSize + (baseTotal - baseSize) + extra;
-    return sizer(ownSize) + (baseTotal - sizer(baseSize)) + extra;
-}
-
 void RegisterModule(const ModuleInfo& module) {
     Kitra::VersionMap* versionMap = Kitra::GetVersionMap();
     if (versionMap == nullptr) Fundix::PanicAssert("versionMap != 0", module.sourcePath, module.assertLine);

@@ -68,7 +68,7 @@ struct FieldDesc {
 };
 
 // A class's fields grouped by storage class: `runs[0]` runs follow, each a header (storage class in the top
-// byte, field count below) and then per field its offset, or for counted values (Storage::Slot) its index.
+// byte, field count below) and then per field its offset.
 // Strings, optional strings and counted values come first, in that order: the fields that may hold memory
 // beyond the object. Worked out at compile time from the field descriptions (Binding::FieldTable).
 constexpr uint32_t RunHeader(Storage storage, uint32_t count) { return uint32_t(storage) << 24 | count; }

@@ -38,6 +38,8 @@ Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* 
 // total without the base's own mapped size, and what the fields hold on the heap.
 unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, unsigned baseSize, unsigned baseTotal,
                 const Kitra::FieldLayout& layout, const void* object);
+// The same for the first level with fields, whose bases add nothing to a bare data object.
+unsigned SizeOf(Kitra::Sizer sizer, unsigned ownSize, const Kitra::FieldLayout& layout, const void* object);
 
 // ---- The records of a data type, written where the type is defined.
 
@@ -71,8 +73,7 @@ struct FieldTable {
         for (Storage storage : kRunOrder) {
             uint32_t* header = at;
             for (size_t i = 0; i < N; ++i)
-                if (fields[i].storage == storage)
-                    *++at = storage == Storage::Slot ? static_cast<uint32_t>(i) : fields[i].offset;
+                if (fields[i].storage == storage) *++at = fields[i].offset;
             if (at == header) continue;
             *header = RunHeader(storage, static_cast<uint32_t>(at - header));
             ++at;
