@@ -15,6 +15,7 @@
 #include <morphel-server/Service.h>
 #include <morphel-server/State.h>
 #include <morphel/event/types.h>
+#include <morphel/fault/types.h>
 #include <morphel/params/types.h>
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
@@ -31,10 +32,12 @@ using Morphel::Task::TaskInfo;
 
 // One server process's part: its own connections to the database, its service and HTTP server.
 struct Host {
-    explicit Host(const std::string& conninfo) {
+    explicit Host(const std::string& conninfo,
+                  std::chrono::milliseconds stateCheckInterval = std::chrono::seconds(30)) {
         MorphelServer::ServiceOptions options;
         options.state = MorphelServer::NewPostgresState(conninfo);
         options.conversionTime = std::chrono::hours(1);  // the task stays queued
+        options.stateCheckInterval = stateCheckInterval;
         service = std::make_unique<MorphelServer::Service>(options);
         state = options.state;
         Kitra::Http::ServerOptions serverOptions;
@@ -181,6 +184,39 @@ TEST_F(SharedState, AScheduledRunStartsOnce) {
         EXPECT_EQ(tx.TaskIds().size(), 1u);
         EXPECT_FALSE(
             tx.FindScheduledTask(created->GetScheduledTask()->GetId())->info->GetNextRunTime().IsSet());
+    });
+}
+
+// A server that ends while it runs a task (its connection to the database gone with it, as with a crash)
+// leaves the task to the others: the next to look fails it; none fails a task whose server lives.
+TEST_F(SharedState, ATaskWhoseServerEndedIsFailedByAnother) {
+    auto a = std::make_unique<Host>(conninfo);
+    Host b(conninfo, std::chrono::milliseconds(50));
+    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+    Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", a->Adapter(a->Login()).Get(),
+                                                       nullptr)
+        .CreateJob(JobSpecOfThisMachine("cut off").Get(), nullptr, created);
+    const std::string id = created->GetActiveTask()->GetId();
+    auto task = [&] {
+        return b.state->Run([&](MorphelServer::StateTransaction& tx) { return *tx.FindTask(id); });
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // several of b's looks
+    EXPECT_EQ(task().info->GetState(), TaskInfo::State::queued);
+
+    a.reset();
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         task().info->GetState() == TaskInfo::State::queued && std::chrono::steady_clock::now() < deadline;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    auto failed = task();
+    ASSERT_EQ(failed.info->GetState(), TaskInfo::State::error);
+    auto* fault = dynamic_cast<Morphel::Fault::CloneFault*>(failed.info->GetError());
+    ASSERT_NE(fault, nullptr);
+    EXPECT_EQ(fault->GetDescription(), MorphelServer::kOrphanedTask);
+    b.state->Transact([&](MorphelServer::StateTransaction& tx) {
+        auto job = tx.FindJob(created->GetKey());
+        EXPECT_EQ(job->info->GetActiveTask(), nullptr);
+        EXPECT_EQ(job->info->GetNumConsecutiveErrors(), 1);
+        EXPECT_TRUE(tx.OrphanedTasks().empty());
     });
 }
 

@@ -125,6 +125,11 @@ void AttachScheduler(Context& context);
 // (Conversion.cpp).
 bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId);
 
+// Fails the task `id` if it is queued or running, cut off by the end of the process that ran it: state
+// error, a morphel.fault.CloneFault (kInterruptedTask when this server `restarted`, else kOrphanedTask),
+// its job's active task cleared and the failure counted and recorded (Service.cpp).
+void FailCutOffTask(Context& context, StateTransaction& tx, const std::string& id, bool restarted);
+
 // ---- Runs of jobs (Conversion.cpp) and scheduled runs (Scheduler.cpp)
 
 // A new task converting with `params` into a machine named after the target (else `name`), queued by
@@ -181,8 +186,8 @@ Fundix::Ref<Kitra::MoRef> CreateJobCollector(Context& context, Morphel::Server::
 // (Events.cpp). Failed logins name what strangers tried: only accounts that may end others' sessions
 // (Sessions.TerminateSession) read them.
 std::vector<Fundix::Ref<Morphel::Event::Event>> ReadableEvents(StateTransaction& tx,
-                                                              const Morphel::Event::EventFilterSpec* filter,
-                                                              bool failedLogins);
+                                                               const Morphel::Event::EventFilterSpec* filter,
+                                                               bool failedLogins);
 // Whether the caller's account reads failed logins.
 bool ReadsFailedLogins(Context& context);
 // Ends the collectors of the session `key` (Events.cpp).

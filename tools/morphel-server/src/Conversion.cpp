@@ -521,6 +521,7 @@ TaskRecord NewTask(Context& context, StateTransaction& tx, const std::string& jo
     TaskRecord task;
     task.id = "Task-" + std::to_string(tx.NextId());
     task.jobId = jobId;
+    task.runner = context.state->Runner();
     task.vmName = name;
     auto* cloning = params != nullptr ? params->GetCloningParams() : nullptr;
     if (cloning != nullptr && cloning->GetTarget() != nullptr) task.vmName = cloning->GetTarget()->GetName();

@@ -66,6 +66,10 @@ const char* const kSchemaSteps[] = {
     "CREATE TABLE logBundles (position BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY, key TEXT NOT NULL"
     " UNIQUE, taskId TEXT NOT NULL, failedLogins BOOLEAN NOT NULL, version TEXT NOT NULL, info TEXT NOT NULL,"
     " data BYTEA NOT NULL);",
+    // 4: the process running a task while it is queued or running (a number from `runners`)
+    "CREATE SEQUENCE runners;"
+    "ALTER TABLE tasks ADD COLUMN runner BIGINT;"
+    "CREATE INDEX tasksByRunner ON tasks (runner);",
 };
 constexpr int64_t kSchemaVersion = int64_t(std::size(kSchemaSteps));
 
@@ -79,6 +83,11 @@ const char kBeginSessions[] = "BEGIN; SELECT pg_advisory_xact_lock(7262733208)";
 const char kOpenLock[] = "SELECT pg_advisory_lock_shared(7262733207)";
 const char kTryAlone[] = "SELECT pg_try_advisory_lock(7262733207)";
 const char kUnlockAlone[] = "SELECT pg_advisory_unlock(7262733207)";
+// Each process holds a lock of its own, keyed by its runner number, while it has the state open: another
+// that takes it learns that the process ended, however it ended.
+const char kRunnerLocks[] = "72627332";
+const char kTryRunner[] = "SELECT pg_try_advisory_lock(72627332, $1::int)";
+const char kUnlockRunner[] = "SELECT pg_advisory_unlock(72627332, $1::int)";
 
 // The server a connection string names, for messages: never the password. Null for a string libpq cannot
 // read (its message may quote any part of it).
@@ -120,7 +129,7 @@ std::string Trimmed(const char* message) {
 class Connection {
 public:
     // `setup` runs on each connection, the first and those after a loss.
-    Connection(const std::string& conninfo, std::vector<const char*> setup)
+    Connection(const std::string& conninfo, std::vector<std::string> setup)
         : connection_(Connect(conninfo), &PQfinish),
           conn_(connection_.get()),
           where_(*Describe(conninfo)),
@@ -128,8 +137,8 @@ public:
         if (conn_ == nullptr) throw std::runtime_error(where_ + ": cannot be reached: out of memory");
         if (PQstatus(conn_) != CONNECTION_OK)
             throw std::runtime_error(where_ + ": cannot be reached: " + Trimmed(PQerrorMessage(conn_)));
-        for (const char* sql : setup_)
-            Exec(sql);
+        for (const auto& sql : setup_)
+            Exec(sql.c_str());
     }
 
 protected:
@@ -150,8 +159,8 @@ protected:
         prepared_.clear();
         bool back = PQstatus(conn_) == CONNECTION_OK;
         try {
-            for (const char* sql : setup_)
-                if (back) Exec(sql);
+            for (const auto& sql : setup_)
+                if (back) Exec(sql.c_str());
         } catch (...) {
             back = false;
         }
@@ -235,7 +244,7 @@ protected:
     std::unique_ptr<PGconn, decltype(&PQfinish)> connection_;
     PGconn* const conn_;
     const std::string where_;
-    const std::vector<const char*> setup_;
+    std::vector<std::string> setup_;
     bool reconnecting_ = false;
     std::unordered_map<const char*, std::string> prepared_;  // names, by the address of the statement's text
 };
@@ -253,6 +262,10 @@ public:
             if (PQntuples(read.get()) == 0) Exec("INSERT INTO schemaVersion VALUES (0)");
             Query("UPDATE schemaVersion SET version = $1", {std::to_string(kSchemaVersion)});
         });
+        runner_ = Int(Query("SELECT nextval('runners')", {}), 0, 0);
+        setup_.push_back("SELECT pg_advisory_lock(" + std::string(kRunnerLocks) + ", " +
+                         std::to_string(runner_) + ")");
+        Exec(setup_.back().c_str());
     }
 
     void Transact(const std::function<void(StateTransaction&)>& work) override {
@@ -269,6 +282,8 @@ public:
         events_.Commit();
         if (!events_.Committed().empty()) lastKey_ = events_.Committed().back()->GetKey();
     }
+
+    int64_t Runner() override { return runner_; }
 
     bool OpenElsewhere() override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -385,7 +400,8 @@ private:
     }
 
     std::optional<TaskRecord> FindTask(const std::string& id) override {
-        Result r = Query("SELECT jobId, version, info, disks, vmName, spec FROM tasks WHERE id = $1", {id});
+        Result r =
+            Query("SELECT jobId, version, info, disks, vmName, spec, runner FROM tasks WHERE id = $1", {id});
         if (PQntuples(r.get()) == 0) return std::nullopt;
         TaskRecord task;
         task.id = id;
@@ -402,18 +418,25 @@ private:
         task.vmName = Text(r, 0, 4);
         if (!IsNull(r, 0, 5))
             task.spec = codec_.Decode<Morphel::Task::TaskSpec>(Text(r, 0, 1), Text(r, 0, 5), what);
+        if (!IsNull(r, 0, 6)) task.runner = Int(r, 0, 6);
         return task;
     }
     void PutTask(const TaskRecord& task) override {
         std::optional<std::string> spec;
         if (task.spec != nullptr) spec = codec_.Encode(task.spec.Get());
+        using TaskState = Morphel::Task::TaskInfo::State;
+        std::optional<std::string> runner;
+        if (task.runner != 0 &&
+            (task.info->GetState() == TaskState::queued || task.info->GetState() == TaskState::running))
+            runner = std::to_string(task.runner);
         Query(
-            "INSERT INTO tasks (id, jobId, version, info, disks, vmName, spec)"
-            " VALUES ($1, $2, $3, $4, $5, $6, $7)"
+            "INSERT INTO tasks (id, jobId, version, info, disks, vmName, spec, runner)"
+            " VALUES ($1, $2, $3, $4, $5, $6, $7, $8)"
             " ON CONFLICT (id) DO UPDATE SET jobId = EXCLUDED.jobId, version = EXCLUDED.version,"
-            " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName, spec = EXCLUDED.spec",
+            " info = EXCLUDED.info, disks = EXCLUDED.disks, vmName = EXCLUDED.vmName, spec = EXCLUDED.spec,"
+            " runner = EXCLUDED.runner",
             {task.id, task.jobId, codec_.Version(), codec_.Encode(task.info.Get()), Join(task.disks),
-             task.vmName, spec},
+             task.vmName, spec, runner},
             4);
     }
     std::vector<std::string> RecentTasks() override {
@@ -508,6 +531,18 @@ private:
         Query("DELETE FROM recentTasks WHERE taskId = $1", {id});
         return Changed(Query("DELETE FROM tasks WHERE id = $1", {id}));
     }
+    std::vector<std::string> OrphanedTasks() override {
+        std::vector<std::string> ids;
+        for (const auto& runner :
+             Ids("SELECT DISTINCT runner FROM tasks WHERE runner IS NOT NULL AND runner <> $1 ORDER BY 1",
+                 {std::to_string(runner_)})) {
+            if (Text(Query(kTryRunner, {runner}), 0, 0) != "t") continue;  // it runs them still
+            Query(kUnlockRunner, {runner});
+            for (auto& id : Ids("SELECT id FROM tasks WHERE runner = $1 ORDER BY id", {runner}))
+                ids.push_back(std::move(id));
+        }
+        return ids;
+    }
     // ---- Log bundles
     void PutLogBundle(const LogBundleRecord& b) override {
         Query(
@@ -543,6 +578,7 @@ private:
     // ---- End of log bundles
 
     RecordCodec codec_;
+    int64_t runner_ = 0;
     std::mutex mutex_;
     // The key of the newest event read into the cache.
     int64_t lastKey_ = 0;

@@ -37,8 +37,6 @@ constexpr const char* kDisabled = "disabled";
 constexpr const char* kScheduled = "scheduled";
 constexpr const char* kCompleted = "completed";
 
-// The longest the scheduler sleeps: a schedule another server made on a shared database is seen by then.
-constexpr std::chrono::milliseconds kLongestNap = std::chrono::seconds(30);
 constexpr int64_t kMicrosPerMinute = 60'000'000;
 
 // The record as a client sees it: its active task cleared once that run has ended (or the task is gone),
@@ -146,7 +144,8 @@ void Fire(Context& context, StateTransaction& tx, const std::string& id, DateTim
     tx.PutJob(*job);
 }
 
-// The scheduler: starts what is due, then sleeps until the next due time, a change, or the service's stop.
+// The scheduler: fails the tasks of servers that ended while they ran them (on a shared database), starts
+// what is due, then sleeps until the next due time, a change, the service's stop, or the state's next check.
 void RunScheduler(Context& context) {
     uint64_t seen;
     std::chrono::milliseconds wait;
@@ -158,6 +157,8 @@ void RunScheduler(Context& context) {
         try {
             context.state->Transact([&](StateTransaction& tx) {
                 started.clear();
+                for (const auto& id : tx.OrphanedTasks())
+                    FailCutOffTask(context, tx, id, false);
                 for (const auto& id : tx.DueScheduledTasks(now))
                     Fire(context, tx, id, now, started);
                 next = tx.NextDueTime();
@@ -168,11 +169,12 @@ void RunScheduler(Context& context) {
         }
         for (const auto& id : started)
             LaunchRun(context, id, false);
-        wait = kLongestNap;
+        const auto longest = context.options.stateCheckInterval;
+        wait = longest;
         if (next) {
             int64_t micros = next->GetUtcMicros() - DateTime::Now().GetUtcMicros();
             wait = std::clamp(std::chrono::milliseconds((std::max<int64_t>(micros, 0) + 999) / 1000),
-                              std::chrono::milliseconds(0), kLongestNap);
+                              std::chrono::milliseconds(0), longest);
         }
     } while (context.Nap(wait, seen));
 }

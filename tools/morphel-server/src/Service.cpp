@@ -71,7 +71,8 @@ ServiceOptions WithDefaults(ServiceOptions options) {
     // The demo account's password is "demo", hashed once with crypt's default cost.
     if (options.accounts.empty())
         options.accounts.push_back(
-            {"demo", "$y$j9T$2GO.T7RuBCwHbenOpPGhB.$1KHJPzR7bw1Kkg/AQYFLtiSstDXUFEteS7Pu8Js44p2", std::vector<std::string>{"*"}});
+            {"demo", "$y$j9T$2GO.T7RuBCwHbenOpPGhB.$1KHJPzR7bw1Kkg/AQYFLtiSstDXUFEteS7Pu8Js44p2",
+             std::vector<std::string>{"*"}});
     if (options.state == nullptr) options.state = NewMemoryState();
     return options;
 }
@@ -175,39 +176,34 @@ bool Context::Stopping() {
 
 // ---- The service
 
-namespace {
-
-// Fails the tasks that a previous process left queued or running.
-void FailInterruptedTasks(Context& context, StateTransaction& tx) {
+void FailCutOffTask(Context& context, StateTransaction& tx, const std::string& id, bool restarted) {
     using State = Morphel::Task::TaskInfo::State;
-    for (const auto& id : tx.TaskIds()) {
-        auto task = tx.FindTask(id);
-        if (!task || (task->info->GetState() != State::queued && task->info->GetState() != State::running))
-            continue;
-        DateTime now = DateTime::Now();
-        Ref<Morphel::Fault::CloneFault> fault(new Morphel::Fault::CloneFault());
-        fault->SetDescription(kInterruptedTask);
-        task->info->SetState(State::error);
-        task->info->SetError(fault.Get());
-        task->info->SetCancelable(false);
-        task->info->SetCompleteTime(now);
-        task->info->UnsetEstimatedTimeRemaining();
-        tx.PutTask(*task);
-        if (auto job = tx.FindJob(task->jobId)) {
-            auto* active = job->info->GetActiveTask();
-            if (active != nullptr && active->GetId() == id) job->info->SetActiveTask(nullptr);
-            job->info->SetMostRecentError(fault.Get());
-            job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
-            job->info->SetLastRunCompleteTime(now);
-            job->info->SetLastModifiedTime(now);
-            tx.PutJob(*job);
-        }
-        context.LogTask(tx, *task, "Task failed: the server restarted while it ran",
-                        Morphel::Event::Event::Type::error);
+    auto task = tx.FindTask(id);
+    if (!task || (task->info->GetState() != State::queued && task->info->GetState() != State::running))
+        return;
+    DateTime now = DateTime::Now();
+    Ref<Morphel::Fault::CloneFault> fault(new Morphel::Fault::CloneFault());
+    fault->SetDescription(restarted ? kInterruptedTask : kOrphanedTask);
+    task->info->SetState(State::error);
+    task->info->SetError(fault.Get());
+    task->info->SetCancelable(false);
+    task->info->SetCompleteTime(now);
+    task->info->UnsetEstimatedTimeRemaining();
+    tx.PutTask(*task);
+    if (auto job = tx.FindJob(task->jobId)) {
+        auto* active = job->info->GetActiveTask();
+        if (active != nullptr && active->GetId() == id) job->info->SetActiveTask(nullptr);
+        job->info->SetMostRecentError(fault.Get());
+        job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
+        job->info->SetLastRunCompleteTime(now);
+        job->info->SetLastModifiedTime(now);
+        tx.PutJob(*job);
     }
+    context.LogTask(tx, *task,
+                    restarted ? "Task failed: the server restarted while it ran"
+                              : "Task failed: the server that ran it ended while it ran",
+                    Morphel::Event::Event::Type::error);
 }
-
-}  // namespace
 
 struct Service::Impl {
     explicit Impl(ServiceOptions options) : context(std::move(options)) {}
@@ -221,7 +217,9 @@ Service::Service(ServiceOptions options) : impl_(std::make_unique<Impl>(std::mov
         context.Log(tx,
                     Ref<Morphel::Event::ServerStartedEvent>(new Morphel::Event::ServerStartedEvent()).Get(),
                     0, "", Morphel::Event::Event::Type::info, "Server started");
-        if (alone) FailInterruptedTasks(context, tx);
+        if (alone)
+            for (const auto& id : tx.TaskIds())
+                FailCutOffTask(context, tx, id, true);
     });
 }
 

@@ -9,6 +9,7 @@ namespace MorphelServer {
 
 // morphel.fault.SSLVerificationFault with the presented certificate's SHA-1 thumbprint, whether it signs
 // itself, the reason as its message and the chain as DER bytes, the server's own certificate first.
-Fundix::Ref<Morphel::Fault::SSLVerificationFault> ToVerificationFault(const Kitra::Fault::CertificateRejected& rejected);
+Fundix::Ref<Morphel::Fault::SSLVerificationFault> ToVerificationFault(
+    const Kitra::Fault::CertificateRejected& rejected);
 
 }  // namespace MorphelServer

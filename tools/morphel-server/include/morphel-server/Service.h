@@ -26,11 +26,18 @@ struct ServiceOptions {
     // each event is recorded. 0: no limit.
     size_t maxEvents = 10000;
     std::chrono::seconds maxEventAge = std::chrono::hours(24 * 7);
+    // The longest the scheduler waits before it looks at the state again: for schedules that another
+    // server on a shared database made, and for tasks whose server ended while they ran.
+    std::chrono::milliseconds stateCheckInterval{30000};
 };
 
 // The description of the fault of a task that the server's restart cut off.
 inline constexpr const char* kInterruptedTask =
     "The server restarted while the task ran; the task did not finish";
+// The description of the fault of a task whose server ended while it ran, failed by another server that
+// shares the state.
+inline constexpr const char* kOrphanedTask =
+    "The server that ran the task ended while it ran; the task did not finish";
 
 // How many scheduled tasks one job may have: ScheduledTaskManager.create refuses more
 // (kodl.fault.InvalidArgument "obj").

@@ -38,6 +38,7 @@ struct TaskRecord {
     std::vector<std::string> disks;             // the source disks the run copies, in order
     std::string vmName;                         // the machine the run makes
     Fundix::Ref<Morphel::Task::TaskSpec> spec;  // what a task of its own converts; null for a job's
+    int64_t runner = 0;  // the process that runs it (State::Runner); kept while it is queued or running
 };
 
 struct JobRecord {
@@ -145,6 +146,9 @@ public:
     virtual std::optional<Fundix::System::DateTime> NextDueTime() = 0;
     // Erases the task and drops it from the recent tasks; its events stay.
     virtual bool EraseTask(const std::string& id) = 0;
+    // The tasks queued or running in a process that has the state open no more (it ended while they ran),
+    // where several processes share the state; none where the state has one process.
+    virtual std::vector<std::string> OrphanedTasks() { return {}; }
     // ---- Log bundles: kept by key, oldest first.
     virtual void PutLogBundle(const LogBundleRecord& bundle) = 0;  // adds one with a new key
     virtual std::optional<LogBundleRecord> FindLogBundle(const std::string& key) = 0;
@@ -166,6 +170,9 @@ public:
     // Whether another process has this state open now (a database several servers share); a server that
     // starts fails the tasks left queued or running only when none has: they may still be running there.
     virtual bool OpenElsewhere() { return false; }
+    // This process among those that share the state (a number none had before); 0 where the state has one
+    // process. A task records the process that runs it, so that others can tell when it ended.
+    virtual int64_t Runner() { return 0; }
 
     // Transact for a `work` that returns a value.
     template <class F>
