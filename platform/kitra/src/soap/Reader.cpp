@@ -56,7 +56,8 @@ struct Slot {
 };
 
 struct Frame {
-    explicit Frame(Kind k, Slot s = {}, const char* n = "", long i = -1) : kind(k), slot(s), name(n), index(i) {}
+    explicit Frame(Kind k, Slot s = {}, const char* n = "", long i = -1)
+        : kind(k), slot(s), name(n), index(i) {}
 
     Kind kind;
     Slot slot;
@@ -95,8 +96,10 @@ std::string_view Uri(const char* name) {
 
 std::string_view Trim(std::string_view s) {
     auto ws = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
-    while (!s.empty() && ws(s.front())) s.remove_prefix(1);
-    while (!s.empty() && ws(s.back())) s.remove_suffix(1);
+    while (!s.empty() && ws(s.front()))
+        s.remove_prefix(1);
+    while (!s.empty() && ws(s.back()))
+        s.remove_suffix(1);
     return s;
 }
 
@@ -123,8 +126,10 @@ public:
         XML_SetHashSalt(parser_, slot.salt);
     }
     ~ParserLease() {
-        if (keep_ && tSlot.parser == nullptr) tSlot.parser = parser_;
-        else XML_ParserFree(parser_);
+        if (keep_ && tSlot.parser == nullptr)
+            tSlot.parser = parser_;
+        else
+            XML_ParserFree(parser_);
     }
     ParserLease(const ParserLease&) = delete;
     ParserLease& operator=(const ParserLease&) = delete;
@@ -153,8 +158,10 @@ public:
 
     Message Read(std::string_view text) {
         if (text.size() > limits_.maxMessageBytes)
-            Detail::ThrowInvalidRequest("message of " + std::to_string(text.size()) + " bytes exceeds the limit of " +
-                 std::to_string(limits_.maxMessageBytes), "");
+            Detail::ThrowInvalidRequest("message of " + std::to_string(text.size()) +
+                                            " bytes exceeds the limit of " +
+                                            std::to_string(limits_.maxMessageBytes),
+                                        "");
         ParserLease lease(text.size());
         XML_Parser parser = lease.Get();
         parser_ = parser;
@@ -177,7 +184,8 @@ public:
         if (failed_) Detail::ThrowInvalidRequest(reason_, errorPath_);
         if (!haveTop_) Detail::ThrowInvalidRequest("the body holds no message", "");
         // A fault without a detail that names its class is still a fault.
-        if (message_.kind == MessageKind::Fault && message_.value == nullptr) message_.value = new RuntimeFault();
+        if (message_.kind == MessageKind::Fault && message_.value == nullptr)
+            message_.value = new RuntimeFault();
         return std::move(message_);
     }
 
@@ -203,7 +211,8 @@ private:
             }
             if (index >= 0) path += '[' + std::to_string(index) + ']';
         };
-        for (size_t i = topIndex_ + 1; topIndex_ != 0 && i < stack_.size(); ++i) add(stack_[i].name, stack_[i].index);
+        for (size_t i = topIndex_ + 1; topIndex_ != 0 && i < stack_.size(); ++i)
+            add(stack_[i].name, stack_[i].index);
         if (child != nullptr) add(child, -1);
         return path;
     }
@@ -270,7 +279,8 @@ private:
     // Opens a frame in place on the stack (a frame is large: it is never moved while open).
     template <class... Args>
     Frame& Push(Args&&... args) {
-        if (stack_.size() > limits_.maxDepth) Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
+        if (stack_.size() > limits_.maxDepth)
+            Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
         return stack_.emplace_back(std::forward<Args>(args)...);
     }
 
@@ -283,57 +293,72 @@ private:
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
         const char* sep = std::strchr(name, kSep);
-        std::string_view uri = sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
+        std::string_view uri =
+            sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
         std::string_view local = sep != nullptr ? std::string_view(sep + 1) : std::string_view(name);
         switch (parent.kind) {
-        case Kind::Document:
-            if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
-            Push(Kind::Envelope);
-            return;
-        case Kind::Envelope:
-            if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
-                Push(Kind::Header);
-            } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
-                haveBody_ = true;
-                Push(Kind::Body);
-            } else {
-                Fail("unexpected element " + std::string(local) + " in the envelope");
-            }
-            return;
-        case Kind::Header:
-            if (uri == kKodlNs && local == "versionId") {
-                text_.clear();
-                Push(Kind::VersionId);
+            case Kind::Document:
+                if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
+                Push(Kind::Envelope);
                 return;
-            }
-            if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand"); mu != nullptr && std::string_view(mu) == "1")
-                Fail("header " + std::string(local) + " is not understood");
-            Push(Kind::Skip);
-            return;
-        case Kind::Skip:
-        case Kind::VersionId:
-        case Kind::FaultText:
-            if (parent.kind != Kind::Skip) Fail("unexpected element " + std::string(local));
-            Push(Kind::Skip);
-            return;
-        case Kind::Body: StartTop(uri, local, attrs); return;
-        case Kind::Fault:
-            if (!uri.empty()) Fail("unexpected element " + std::string(local) + " in a fault");
-            if (local == "detail") {
-                Push(Kind::Detail);
-            } else if (local == "faultcode" || local == "faultstring" || local == "faultactor") {
-                Push(Kind::FaultText);
-            } else {
-                Fail("unexpected element " + std::string(local) + " in a fault");
-            }
-            return;
-        case Kind::Detail: StartFaultDetail(local, attrs); return;
-        case Kind::Request: StartParam(local, attrs); return;
-        case Kind::Response: StartReturn(local, attrs); return;
-        case Kind::Data: StartField(uri, local, attrs); return;
-        case Kind::AnyArray: StartAnyItem(local, attrs); return;
-        case Kind::Leaf:
-        case Kind::Nil: Fail("unexpected element " + std::string(local) + " inside a value");
+            case Kind::Envelope:
+                if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
+                    Push(Kind::Header);
+                } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
+                    haveBody_ = true;
+                    Push(Kind::Body);
+                } else {
+                    Fail("unexpected element " + std::string(local) + " in the envelope");
+                }
+                return;
+            case Kind::Header:
+                if (uri == kKodlNs && local == "versionId") {
+                    text_.clear();
+                    Push(Kind::VersionId);
+                    return;
+                }
+                if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand");
+                    mu != nullptr && std::string_view(mu) == "1")
+                    Fail("header " + std::string(local) + " is not understood");
+                Push(Kind::Skip);
+                return;
+            case Kind::Skip:
+            case Kind::VersionId:
+            case Kind::FaultText:
+                if (parent.kind != Kind::Skip) Fail("unexpected element " + std::string(local));
+                Push(Kind::Skip);
+                return;
+            case Kind::Body:
+                StartTop(uri, local, attrs);
+                return;
+            case Kind::Fault:
+                if (!uri.empty()) Fail("unexpected element " + std::string(local) + " in a fault");
+                if (local == "detail") {
+                    Push(Kind::Detail);
+                } else if (local == "faultcode" || local == "faultstring" || local == "faultactor") {
+                    Push(Kind::FaultText);
+                } else {
+                    Fail("unexpected element " + std::string(local) + " in a fault");
+                }
+                return;
+            case Kind::Detail:
+                StartFaultDetail(local, attrs);
+                return;
+            case Kind::Request:
+                StartParam(local, attrs);
+                return;
+            case Kind::Response:
+                StartReturn(local, attrs);
+                return;
+            case Kind::Data:
+                StartField(uri, local, attrs);
+                return;
+            case Kind::AnyArray:
+                StartAnyItem(local, attrs);
+                return;
+            case Kind::Leaf:
+            case Kind::Nil:
+                Fail("unexpected element " + std::string(local) + " inside a value");
         }
     }
 
@@ -351,31 +376,35 @@ private:
     void End() {
         Frame& top = stack_.back();
         switch (top.kind) {
-        case Kind::VersionId:
-            if (Trim(text_) != codec_.GetVersionUri())
-                Fail("the message speaks " + std::string(Trim(text_)) + ", not " + codec_.GetVersionUri());
-            break;
-        case Kind::Body:
-            if (!haveTop_) Fail("the body holds no message");
-            break;
-        case Kind::Leaf: {
-            Fundix::Ref<Any> value = LeafValue(top);
-            if (value != nullptr) Deliver(value);
-            break;
-        }
-        case Kind::Data: {
-            FinishData(top);
-            Fundix::Ref<Any> value(top.object.Get());
-            Deliver(value);
-            break;
-        }
-        case Kind::AnyArray: {
-            Fundix::Ref<Any> value(top.anyArray.Get());
-            Deliver(value);
-            break;
-        }
-        case Kind::Request: FinishRequest(); break;
-        default: break;
+            case Kind::VersionId:
+                if (Trim(text_) != codec_.GetVersionUri())
+                    Fail("the message speaks " + std::string(Trim(text_)) + ", not " +
+                         codec_.GetVersionUri());
+                break;
+            case Kind::Body:
+                if (!haveTop_) Fail("the body holds no message");
+                break;
+            case Kind::Leaf: {
+                Fundix::Ref<Any> value = LeafValue(top);
+                if (value != nullptr) Deliver(value);
+                break;
+            }
+            case Kind::Data: {
+                FinishData(top);
+                Fundix::Ref<Any> value(top.object.Get());
+                Deliver(value);
+                break;
+            }
+            case Kind::AnyArray: {
+                Fundix::Ref<Any> value(top.anyArray.Get());
+                Deliver(value);
+                break;
+            }
+            case Kind::Request:
+                FinishRequest();
+                break;
+            default:
+                break;
         }
         stack_.pop_back();
     }
@@ -417,13 +446,15 @@ private:
         if (!codec_.Includes(method->GetVersion()))
             Fail("operation " + std::string(op) + " is not part of " + codec_.GetVersion().name);
         if (expected_ != nullptr && (!response || method != expected_))
-            Fail("expected a response to " + std::string(expected_->GetWsdlName()) + ", received " + std::string(local));
+            Fail("expected a response to " + std::string(expected_->GetWsdlName()) + ", received " +
+                 std::string(local));
         message_.method = method;
         message_.kind = response ? MessageKind::Response : MessageKind::Request;
         if (!response) {
             const MethodTypeInfo* info = method->GetMethodInfo();
             size_t n = 0;
-            for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p) ++n;
+            for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p)
+                ++n;
             message_.arguments.resize(n);
             paramSeen_.assign(n, false);
         }
@@ -447,7 +478,8 @@ private:
         }
         auto* data = type != nullptr ? type->AsDataObjectType() : nullptr;
         if (data == nullptr || !data->IsFault()) Fail("unknown fault " + std::string(local));
-        if (!codec_.Knows(data)) Fail("fault " + std::string(data->GetName()) + " is not part of " + codec_.GetVersion().name);
+        if (!codec_.Knows(data))
+            Fail("fault " + std::string(data->GetName()) + " is not part of " + codec_.GetVersion().name);
         topIndex_ = stack_.size() - 1;
         StartData("", data, Slot{data});
     }
@@ -471,7 +503,8 @@ private:
         for (const ParamTypeInfo* p = info->params; p != nullptr && p->name != nullptr; ++p, ++i) {
             if (local != p->name) continue;
             if (!codec_.Includes(p->version))
-                Fail("parameter " + std::string(local) + " is not part of " + codec_.GetVersion().name, p->name);
+                Fail("parameter " + std::string(local) + " is not part of " + codec_.GetVersion().name,
+                     p->name);
             const Type* declared = Detail::TypeOf(p->type);
             bool array = (p->flags & kFlagArray) != 0;
             if (!array && paramSeen_[static_cast<size_t>(i)]) Fail("parameter given twice", p->name);
@@ -508,7 +541,8 @@ private:
         long index = -1;
         if (array) {
             if (message_.value == nullptr) {
-                const Type* element = m != nullptr && m->IsProperty() ? Detail::TypeOf(m->GetPropertyInfo()->type) : declared;
+                const Type* element =
+                    m != nullptr && m->IsProperty() ? Detail::TypeOf(m->GetPropertyInfo()->type) : declared;
                 message_.value = NewArray(m == nullptr ? any : element);
             }
             index = static_cast<long>(static_cast<ArrayBase*>(message_.value.Get())->GetLength());
@@ -555,7 +589,8 @@ private:
         const int n = static_cast<int>(frame.propCount);
         // `local` ends where expat's name does, at a terminating zero.
         for (int i : {frame.lastField + 1, frame.lastField}) {
-            if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0) return frame.lastField = i;
+            if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0)
+                return frame.lastField = i;
         }
         int found = frame.dataType->FindProperty(local);
         if (found >= 0) frame.lastField = found;
@@ -597,7 +632,9 @@ private:
         return type->GetKind() == kKindArray ? codec_.Knows(type) : Included(type->GetVersion());
     }
 
-    std::string ArrayLimit() const { return "array longer than " + std::to_string(limits_.maxArrayLength) + " items"; }
+    std::string ArrayLimit() const {
+        return "array longer than " + std::to_string(limits_.maxArrayLength) + " items";
+    }
 
     Fundix::Ref<Any> NewArray(const Type* element) {
         ArrayBase* a = element->NewArray();
@@ -636,10 +673,9 @@ private:
             }
         if (!found && !prefix.empty()) Fail("unknown namespace prefix in xsi:type " + std::string(qname));
         if (uri == kXsdNs) {
-            static const TypeInfo* const primitives[] = {&gStringTypeInfo, &gIntTypeInfo,    &gLongTypeInfo,
-                                                         &gShortTypeInfo,  &gBoolTypeInfo,   &gByteTypeInfo,
-                                                         &gFloatTypeInfo,  &gDoubleTypeInfo, &gDateTimeTypeInfo,
-                                                         &gAnyTypeInfo};
+            static const TypeInfo* const primitives[] = {
+                &gStringTypeInfo, &gIntTypeInfo,   &gLongTypeInfo,   &gShortTypeInfo,    &gBoolTypeInfo,
+                &gByteTypeInfo,   &gFloatTypeInfo, &gDoubleTypeInfo, &gDateTimeTypeInfo, &gAnyTypeInfo};
             for (const TypeInfo* t : primitives)
                 if (local == Detail::PrimitiveXsdName(t->kind)) return GetPrimitiveType(t);
             Fail("unknown type " + std::string(qname));
@@ -651,22 +687,29 @@ private:
         if (local.substr(0, 7) == "ArrayOf") {
             std::string item(local.substr(7));
             const Type* element = nullptr;
-            if (item == "ManagedObjectReference") element = GetType<ManagedObject>();
-            else if (item == "TypeName") element = GetPrimitiveType(&gTypeNameTypeInfo);
-            else if (item == "PropertyPath") element = GetPrimitiveType(&gPropertyPathTypeInfo);
-            else if (item == "AnyType") element = GetPrimitiveType(&gAnyTypeInfo);
-            else if (item == "DateTime") element = GetPrimitiveType(&gDateTimeTypeInfo);
+            if (item == "ManagedObjectReference")
+                element = GetType<ManagedObject>();
+            else if (item == "TypeName")
+                element = GetPrimitiveType(&gTypeNameTypeInfo);
+            else if (item == "PropertyPath")
+                element = GetPrimitiveType(&gPropertyPathTypeInfo);
+            else if (item == "AnyType")
+                element = GetPrimitiveType(&gAnyTypeInfo);
+            else if (item == "DateTime")
+                element = GetPrimitiveType(&gDateTimeTypeInfo);
             else {
                 std::string lower = item;
-                if (!lower.empty()) lower[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(lower[0])));
-                static const TypeInfo* const primitives[] = {&gStringTypeInfo, &gIntTypeInfo,   &gLongTypeInfo,
-                                                             &gShortTypeInfo,  &gBoolTypeInfo,  &gByteTypeInfo,
-                                                             &gFloatTypeInfo,  &gDoubleTypeInfo};
+                if (!lower.empty())
+                    lower[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(lower[0])));
+                static const TypeInfo* const primitives[] = {
+                    &gStringTypeInfo, &gIntTypeInfo,  &gLongTypeInfo,  &gShortTypeInfo,
+                    &gBoolTypeInfo,   &gByteTypeInfo, &gFloatTypeInfo, &gDoubleTypeInfo};
                 for (const TypeInfo* t : primitives)
                     if (lower == t->name) element = GetPrimitiveType(t);
                 if (element == nullptr) element = GetTypeMap()->GetTypeByWsdlName(item);
             }
-            if (element == nullptr || (element->GetKind() == kKindManaged && element != GetType<ManagedObject>()))
+            if (element == nullptr ||
+                (element->GetKind() == kKindManaged && element != GetType<ManagedObject>()))
                 Fail("unknown type " + std::string(qname));
             return element->GetArrayType();
         }
@@ -678,7 +721,8 @@ private:
     // Opens an element holding one value of `declared` (null: the value must name its type).
     void StartValue(const char* name, const Type* declared, const char** attrs, Slot slot, long index = -1) {
         const bool attributes = attrs[0] != nullptr;  // most values come without
-        if (const char* nil = attributes ? Attr(attrs, kXsiNs, "nil") : nullptr; nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
+        if (const char* nil = attributes ? Attr(attrs, kXsiNs, "nil") : nullptr;
+            nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
             // Absent: a required property or parameter given as nil is then missing.
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
@@ -692,21 +736,25 @@ private:
             if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
                 bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
                 if (declared->GetKind() == kKindManaged && named == GetType<ManagedObject>()) ok = true;
-                if (!ok) Fail(std::string("type ") + named->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
+                if (!ok)
+                    Fail(std::string("type ") + named->GetWsdlName() + " is not a " + declared->GetWsdlName(),
+                         name);
             }
             type = named;
         } else if (declared == nullptr || declared->GetKind() == kKindAnyType) {
             Fail("a value of type anyType needs xsi:type", name);
         }
         if (type->GetKind() != kKindManaged && !Knows(type))
-            Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+            Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name,
+                 name);
         slot.type = type;
         if (const DataObjectType* data = type->AsDataObjectType()) {
             StartData(name, data, slot, index);
             return;
         }
         if (type->GetKind() == kKindArray) {
-            Fundix::Ref<ArrayBase> array = static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
+            Fundix::Ref<ArrayBase> array =
+                static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
             if (array == nullptr) throw std::bad_alloc();
             Push(Kind::AnyArray, slot, name, index).anyArray = std::move(array);
             return;
@@ -719,17 +767,20 @@ private:
         const char* refType = Attr(attrs, "", "type");
         if (refType == nullptr) Fail("a reference needs its type", name);
         const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
-        bool generic = declared == nullptr || declared->GetKind() == kKindAnyType || declared == GetType<ManagedObject>();
+        bool generic = declared == nullptr || declared->GetKind() == kKindAnyType ||
+                       declared == GetType<ManagedObject>();
         if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
             // A place for any managed object may name a type of another library by its own name,
             // as the writer sends it.
             Push(Kind::Leaf, slot, name, index).refName = refType;
             return;
         }
-        if (t == nullptr || t->GetKind() != kKindManaged) Fail("unknown managed type " + std::string(refType), name);
-        if (!codec_.Knows(t)) Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
-        if (declared != nullptr && declared->GetKind() == kKindManaged && declared != GetType<ManagedObject>() &&
-            !t->IsA(declared))
+        if (t == nullptr || t->GetKind() != kKindManaged)
+            Fail("unknown managed type " + std::string(refType), name);
+        if (!codec_.Knows(t))
+            Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
+        if (declared != nullptr && declared->GetKind() == kKindManaged &&
+            declared != GetType<ManagedObject>() && !t->IsA(declared))
             Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
         Push(Kind::Leaf, slot, name, index).refType = t;
     }
@@ -766,10 +817,12 @@ private:
         if (message_.target == nullptr) Fail("the request names no object (_this)");
         if (fetch_) {
             const Type* type = GetTypeMap()->GetType(message_.target->GetTypeName());
-            ManagedObjectType* managed = type != nullptr ? const_cast<Type*>(type)->AsManagedObjectType() : nullptr;
+            ManagedObjectType* managed =
+                type != nullptr ? const_cast<Type*>(type)->AsManagedObjectType() : nullptr;
             ManagedMethod* m = managed != nullptr ? managed->FindMethod(fetchName_) : nullptr;
             if (m == nullptr || !m->IsProperty())
-                Fail("unknown property " + fetchName_ + " of " + (type ? type->GetWsdlName() : std::string("?")));
+                Fail("unknown property " + fetchName_ + " of " +
+                     (type ? type->GetWsdlName() : std::string("?")));
             if (!codec_.Includes(m->GetVersion()))
                 Fail("property " + fetchName_ + " is not part of " + codec_.GetVersion().name);
             message_.method = m;
@@ -789,7 +842,8 @@ private:
         const Type* target = GetTypeMap()->GetType(message_.target->GetTypeName());
         if (target == nullptr || !target->IsA(owner))
             Fail(std::string("object of type ") + message_.target->GetTypeName() + " has no operation " +
-                 message_.method->GetWsdlName(), "_this");
+                     message_.method->GetWsdlName(),
+                 "_this");
     }
 
     // Hands a finished value to the frame below the top.
@@ -798,35 +852,43 @@ private:
         Frame& parent = stack_[stack_.size() - 2];
         const Slot& slot = child.slot;
         switch (parent.kind) {
-        case Kind::Data: {
-            const PropertyDesc& d = parent.props[slot.prop];
-            if (slot.array) {
-                ArrayBase* a = FieldArray(parent, slot.prop, d, Declared(*d.info));
-                Append(a, value.Get());
-            } else {
-                StoreSlot(parent.object.Get(), d, value);
+            case Kind::Data: {
+                const PropertyDesc& d = parent.props[slot.prop];
+                if (slot.array) {
+                    ArrayBase* a = FieldArray(parent, slot.prop, d, Declared(*d.info));
+                    Append(a, value.Get());
+                } else {
+                    StoreSlot(parent.object.Get(), d, value);
+                }
+                return;
             }
-            return;
-        }
-        case Kind::AnyArray: Append(parent.anyArray.Get(), value.Get()); return;
-        case Kind::Request:
-            if (slot.prop == -2) {
-                message_.target = static_cast<MoRef*>(value.Get());
-            } else if (slot.prop == -3) {
-                fetchName_ = static_cast<Primitive<std::string>*>(value.Get())->GetValue();
-            } else if (slot.array) {
-                Append(static_cast<ArrayBase*>(message_.arguments[static_cast<size_t>(slot.prop)].Get()), value.Get());
-            } else {
-                message_.arguments[static_cast<size_t>(slot.prop)] = value;
-            }
-            return;
-        case Kind::Response:
-            if (slot.array) Append(static_cast<ArrayBase*>(message_.value.Get()), value.Get());
-            else message_.value = value;
-            return;
-        case Kind::Detail:
-        case Kind::Body: message_.value = value; return;
-        default: return;
+            case Kind::AnyArray:
+                Append(parent.anyArray.Get(), value.Get());
+                return;
+            case Kind::Request:
+                if (slot.prop == -2) {
+                    message_.target = static_cast<MoRef*>(value.Get());
+                } else if (slot.prop == -3) {
+                    fetchName_ = static_cast<Primitive<std::string>*>(value.Get())->GetValue();
+                } else if (slot.array) {
+                    Append(static_cast<ArrayBase*>(message_.arguments[static_cast<size_t>(slot.prop)].Get()),
+                           value.Get());
+                } else {
+                    message_.arguments[static_cast<size_t>(slot.prop)] = value;
+                }
+                return;
+            case Kind::Response:
+                if (slot.array)
+                    Append(static_cast<ArrayBase*>(message_.value.Get()), value.Get());
+                else
+                    message_.value = value;
+                return;
+            case Kind::Detail:
+            case Kind::Body:
+                message_.value = value;
+                return;
+            default:
+                return;
         }
     }
 
@@ -888,14 +950,24 @@ private:
         size_t pad = 0, count = 0;
         for (char c : text_) {
             int v;
-            if (c >= 'A' && c <= 'Z') v = c - 'A';
-            else if (c >= 'a' && c <= 'z') v = c - 'a' + 26;
-            else if (c >= '0' && c <= '9') v = c - '0' + 52;
-            else if (c == '+') v = 62;
-            else if (c == '/') v = 63;
-            else if (c == '=') { ++pad; ++count; continue; }
-            else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') continue;
-            else Lexical("base64");
+            if (c >= 'A' && c <= 'Z')
+                v = c - 'A';
+            else if (c >= 'a' && c <= 'z')
+                v = c - 'a' + 26;
+            else if (c >= '0' && c <= '9')
+                v = c - '0' + 52;
+            else if (c == '+')
+                v = 62;
+            else if (c == '/')
+                v = 63;
+            else if (c == '=') {
+                ++pad;
+                ++count;
+                continue;
+            } else if (c == ' ' || c == '\n' || c == '\r' || c == '\t')
+                continue;
+            else
+                Lexical("base64");
             if (pad > 0) Lexical("base64");
             ++count;
             acc = (acc << 6) | static_cast<unsigned>(v);
@@ -939,23 +1011,34 @@ private:
     // The storage class a value of C++ type T has in a field, plain or optional.
     template <class T>
     static constexpr Storage StorageFor(bool optional) {
-        if constexpr (std::is_same_v<T, std::string>) return optional ? Storage::OptString : Storage::String;
-        else if constexpr (std::is_same_v<T, int32_t>) return optional ? Storage::OptI32 : Storage::I32;
-        else if constexpr (std::is_same_v<T, int64_t>) return optional ? Storage::OptI64 : Storage::I64;
-        else if constexpr (std::is_same_v<T, int16_t>) return optional ? Storage::OptI16 : Storage::I16;
-        else if constexpr (std::is_same_v<T, int8_t>) return optional ? Storage::OptI8 : Storage::I8;
-        else if constexpr (std::is_same_v<T, bool>) return optional ? Storage::OptBool : Storage::Bool;
-        else if constexpr (std::is_same_v<T, float>) return optional ? Storage::OptF32 : Storage::F32;
-        else if constexpr (std::is_same_v<T, double>) return optional ? Storage::OptF64 : Storage::F64;
-        else if constexpr (std::is_same_v<T, DateTime>) return optional ? Storage::OptDate : Storage::Date;
-        else return Storage::Slot;
+        if constexpr (std::is_same_v<T, std::string>)
+            return optional ? Storage::OptString : Storage::String;
+        else if constexpr (std::is_same_v<T, int32_t>)
+            return optional ? Storage::OptI32 : Storage::I32;
+        else if constexpr (std::is_same_v<T, int64_t>)
+            return optional ? Storage::OptI64 : Storage::I64;
+        else if constexpr (std::is_same_v<T, int16_t>)
+            return optional ? Storage::OptI16 : Storage::I16;
+        else if constexpr (std::is_same_v<T, int8_t>)
+            return optional ? Storage::OptI8 : Storage::I8;
+        else if constexpr (std::is_same_v<T, bool>)
+            return optional ? Storage::OptBool : Storage::Bool;
+        else if constexpr (std::is_same_v<T, float>)
+            return optional ? Storage::OptF32 : Storage::F32;
+        else if constexpr (std::is_same_v<T, double>)
+            return optional ? Storage::OptF64 : Storage::F64;
+        else if constexpr (std::is_same_v<T, DateTime>)
+            return optional ? Storage::OptDate : Storage::Date;
+        else
+            return Storage::Slot;
     }
 
     // The field of `d` in `object`, straight from its class's layout, when that layout is known and the
     // field is stored as `expected`; else null, and the caller goes through the record's functions.
     static char* FieldAt(DataObject* object, const PropertyDesc& d, Storage expected) {
         const FieldLayout* layout = d.owner->layout;
-        if (layout == nullptr || d.localIndex < 0 || static_cast<uint32_t>(d.localIndex) >= layout->count) return nullptr;
+        if (layout == nullptr || d.localIndex < 0 || static_cast<uint32_t>(d.localIndex) >= layout->count)
+            return nullptr;
         const FieldDesc& f = layout->fields[d.localIndex];
         if (f.storage != expected) return nullptr;
         return reinterpret_cast<char*>(object) + f.offset;
@@ -964,8 +1047,10 @@ private:
     // A record, reference or array into its field.
     static void StoreSlot(DataObject* object, const PropertyDesc& d, const Fundix::Ref<Any>& value) {
         if (char* at = FieldAt(object, d, Storage::Slot)) {
-            if (d.info->flags & kFlagArray) reinterpret_cast<ArraySlot*>(at)->Store(value.Get());
-            else reinterpret_cast<ObjSlot*>(at)->Store(value.Get());
+            if (d.info->flags & kFlagArray)
+                reinterpret_cast<ArraySlot*>(at)->Store(value.Get());
+            else
+                reinterpret_cast<ObjSlot*>(at)->Store(value.Get());
             return;
         }
         d.owner->setProperty(object, d.localIndex, &value);
@@ -975,8 +1060,10 @@ private:
     void Store(DataObject* object, const PropertyDesc& d, T value) {
         const bool optional = (d.info->flags & kFlagOptional) != 0;
         if (char* at = FieldAt(object, d, StorageFor<T>(optional))) {
-            if (optional) reinterpret_cast<Optional<T>*>(at)->Set(std::move(value));
-            else *reinterpret_cast<T*>(at) = std::move(value);
+            if (optional)
+                reinterpret_cast<Optional<T>*>(at)->Set(std::move(value));
+            else
+                *reinterpret_cast<T*>(at) = std::move(value);
             return;
         }
         if (d.info->flags & kFlagOptional) {
@@ -990,19 +1077,40 @@ private:
     bool StoreText(DataObject* object, const PropertyDesc& d, uint32_t kind, const Type* type) {
         if (d.info->type->kind != kind) return false;  // an anyType field holding a primitive
         switch (kind) {
-        case kKindString:
-        case kKindTypeName:
-        case kKindPropertyPath: Store<std::string>(object, d, text_); return true;
-        case kKindInt: Store(object, d, Integer<int32_t>("an int")); return true;
-        case kKindLong: Store(object, d, Integer<int64_t>("a long")); return true;
-        case kKindShort: Store(object, d, Integer<int16_t>("a short")); return true;
-        case kKindByte: Store(object, d, Integer<int8_t>("a byte")); return true;
-        case kKindBool: Store(object, d, Boolean()); return true;
-        case kKindFloat: Store(object, d, Real<float>("a float")); return true;
-        case kKindDouble: Store(object, d, Real<double>("a double")); return true;
-        case kKindDateTime: Store(object, d, Date()); return true;
-        case kKindEnum: Store(object, d, EnumValue(type)); return true;
-        default: return false;
+            case kKindString:
+            case kKindTypeName:
+            case kKindPropertyPath:
+                Store<std::string>(object, d, text_);
+                return true;
+            case kKindInt:
+                Store(object, d, Integer<int32_t>("an int"));
+                return true;
+            case kKindLong:
+                Store(object, d, Integer<int64_t>("a long"));
+                return true;
+            case kKindShort:
+                Store(object, d, Integer<int16_t>("a short"));
+                return true;
+            case kKindByte:
+                Store(object, d, Integer<int8_t>("a byte"));
+                return true;
+            case kKindBool:
+                Store(object, d, Boolean());
+                return true;
+            case kKindFloat:
+                Store(object, d, Real<float>("a float"));
+                return true;
+            case kKindDouble:
+                Store(object, d, Real<double>("a double"));
+                return true;
+            case kKindDateTime:
+                Store(object, d, Date());
+                return true;
+            case kKindEnum:
+                Store(object, d, EnumValue(type));
+                return true;
+            default:
+                return false;
         }
     }
 
@@ -1013,47 +1121,82 @@ private:
 
     bool AppendText(ArrayBase* a, uint32_t kind, const Type* type) {
         switch (kind) {
-        case kKindString: Add<std::string>(a, text_); return true;
-        case kKindTypeName: Add<TypeName>(a, TypeName(text_)); return true;
-        case kKindPropertyPath: Add<PropertyPath>(a, PropertyPath(text_)); return true;
-        case kKindInt: Add(a, Integer<int32_t>("an int")); return true;
-        case kKindLong: Add(a, Integer<int64_t>("a long")); return true;
-        case kKindShort: Add(a, Integer<int16_t>("a short")); return true;
-        case kKindBool: Add(a, Boolean()); return true;
-        case kKindFloat: Add(a, Real<float>("a float")); return true;
-        case kKindDouble: Add(a, Real<double>("a double")); return true;
-        case kKindDateTime: Add(a, Date()); return true;
-        case kKindByte: {
-            auto bytes = Base64();
-            if (bytes.size() > limits_.maxArrayLength) Fail(ArrayLimit());
-            static_cast<Kitra::Array<int8_t>*>(a)->GetValues() = std::move(bytes);
-            return true;
-        }
-        case kKindEnum: {
-            const EnumType* e = type->AsEnumType();
-            a->AppendBoxed(e->CreateBox(EnumValue(type)).Get());
-            return true;
-        }
-        default: return false;
+            case kKindString:
+                Add<std::string>(a, text_);
+                return true;
+            case kKindTypeName:
+                Add<TypeName>(a, TypeName(text_));
+                return true;
+            case kKindPropertyPath:
+                Add<PropertyPath>(a, PropertyPath(text_));
+                return true;
+            case kKindInt:
+                Add(a, Integer<int32_t>("an int"));
+                return true;
+            case kKindLong:
+                Add(a, Integer<int64_t>("a long"));
+                return true;
+            case kKindShort:
+                Add(a, Integer<int16_t>("a short"));
+                return true;
+            case kKindBool:
+                Add(a, Boolean());
+                return true;
+            case kKindFloat:
+                Add(a, Real<float>("a float"));
+                return true;
+            case kKindDouble:
+                Add(a, Real<double>("a double"));
+                return true;
+            case kKindDateTime:
+                Add(a, Date());
+                return true;
+            case kKindByte: {
+                auto bytes = Base64();
+                if (bytes.size() > limits_.maxArrayLength) Fail(ArrayLimit());
+                static_cast<Kitra::Array<int8_t>*>(a)->GetValues() = std::move(bytes);
+                return true;
+            }
+            case kKindEnum: {
+                const EnumType* e = type->AsEnumType();
+                a->AppendBoxed(e->CreateBox(EnumValue(type)).Get());
+                return true;
+            }
+            default:
+                return false;
         }
     }
 
     Fundix::Ref<Any> Box(const Type* type, uint32_t kind, const Frame& leaf) {
         switch (kind) {
-        case kKindString: return new Primitive<std::string>(text_);
-        case kKindTypeName: return new Primitive<TypeName>(TypeName(text_));
-        case kKindPropertyPath: return new Primitive<PropertyPath>(PropertyPath(text_));
-        case kKindInt: return new Primitive<int32_t>(Integer<int32_t>("an int"));
-        case kKindLong: return new Primitive<int64_t>(Integer<int64_t>("a long"));
-        case kKindShort: return new Primitive<int16_t>(Integer<int16_t>("a short"));
-        case kKindByte: return new Primitive<int8_t>(Integer<int8_t>("a byte"));
-        case kKindBool: return new Primitive<bool>(Boolean());
-        case kKindFloat: return new Primitive<float>(Real<float>("a float"));
-        case kKindDouble: return new Primitive<double>(Real<double>("a double"));
-        case kKindDateTime: return new Primitive<DateTime>(Date());
-        case kKindEnum: return type->AsEnumType()->CreateBox(EnumValue(type));
-        case kKindManaged: return new MoRef(leaf.refType ? std::string(leaf.refType->GetName()) : leaf.refName, text_);
-        default: Fail(std::string("cannot read a value of type ") + type->GetName());
+            case kKindString:
+                return new Primitive<std::string>(text_);
+            case kKindTypeName:
+                return new Primitive<TypeName>(TypeName(text_));
+            case kKindPropertyPath:
+                return new Primitive<PropertyPath>(PropertyPath(text_));
+            case kKindInt:
+                return new Primitive<int32_t>(Integer<int32_t>("an int"));
+            case kKindLong:
+                return new Primitive<int64_t>(Integer<int64_t>("a long"));
+            case kKindShort:
+                return new Primitive<int16_t>(Integer<int16_t>("a short"));
+            case kKindByte:
+                return new Primitive<int8_t>(Integer<int8_t>("a byte"));
+            case kKindBool:
+                return new Primitive<bool>(Boolean());
+            case kKindFloat:
+                return new Primitive<float>(Real<float>("a float"));
+            case kKindDouble:
+                return new Primitive<double>(Real<double>("a double"));
+            case kKindDateTime:
+                return new Primitive<DateTime>(Date());
+            case kKindEnum:
+                return type->AsEnumType()->CreateBox(EnumValue(type));
+            case kKindManaged:
+                return new MoRef(leaf.refType ? std::string(leaf.refType->GetName()) : leaf.refName, text_);
+            default:
+                Fail(std::string("cannot read a value of type ") + type->GetName());
         }
     }
 
