@@ -195,7 +195,7 @@ std::string Capitalised(std::string name) {
 }
 }  // namespace
 
-std::string ItemName(const Type* element) {
+const char* ItemName(const Type* element) {
     uint32_t kind = element->GetKind();
     if (kind == kKindManaged) return "ManagedObjectReference";
     if (kind == kKindTypeName) return "typeName";

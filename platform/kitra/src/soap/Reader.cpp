@@ -9,6 +9,7 @@
 
 #include <expat.h>
 
+#include <fundix/Exception.h>
 #include <fundix/Optional.h>
 #include <fundix/System/DateTime.h>
 #include <kitra/Array.h>
@@ -53,10 +54,15 @@ struct Slot {
     const Type* type = nullptr;  // the type to decode (xsi:type applied)
     int prop = -1;               // property index in the parent data object, or parameter index
     bool array = false;          // one item of an array
+    ArrayBase* into = nullptr;   // an item of a data object's array property: that array
 };
 
+// An open element. Frames hold nothing that must be freed but the object or array being filled, so that
+// opening and closing one is cheap; what a record needs beyond its frame lies in the reader (its arrays
+// under construction, seen-bits past 128 properties), and what a leaf needs too, since only one leaf is
+// open at a time.
 struct Frame {
-    explicit Frame(Kind k, Slot s = {}, const char* n = "", long i = -1)
+    explicit Frame(Kind k, const Slot& s = {}, const char* n = "", long i = -1)
         : kind(k), slot(s), name(n), index(i) {}
 
     Kind kind;
@@ -66,20 +72,18 @@ struct Frame {
     // Data
     const DataObjectType* dataType = nullptr;
     const PropertyDesc* props = nullptr;  // dataType's properties, all levels
-    size_t propCount = 0;
-    Fundix::Ref<DataObject> object;
+    uint32_t propCount = 0;
+    int lastField = -1;
+    uint32_t arraysFrom = 0;  // this record's arrays under construction: the reader's arrays_ from here on
+    uint32_t seenFrom = 0;  // this record's seen-bits past the first 128: the reader's seenMore_ from here on
     // The properties met so far, a bit each: in place for up to 128 properties (every record of the
     // interface), so that a record costs no allocation of its own beyond the object.
-    uint64_t seenInline[2] = {0, 0};
-    std::vector<uint64_t> seenMore;
-    uint64_t& Seen(size_t word) { return word < 2 ? seenInline[word] : seenMore[word - 2]; }
-    int lastField = -1;
-    std::vector<std::pair<int, ArrayBase*>> arrays;  // arrays under construction, by property
-    // Leaf: a reference's managed type
-    const Type* refType = nullptr;
-    std::string refName;  // a reference's type when this library does not register it
-    // AnyArray
+    uint64_t seen[2] = {0, 0};
+    Fundix::Ref<DataObject> object;
+    // AnyArray: the array, its element type and the name each item's element has
     Fundix::Ref<ArrayBase> anyArray;
+    const Type* element = nullptr;
+    const char* itemName = nullptr;
 };
 
 struct Stop {};  // unwinds a handler after the error has been recorded
@@ -94,27 +98,36 @@ std::string_view Uri(const char* name) {
     return sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
 }
 
-std::string_view Trim(std::string_view s) {
-    auto ws = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
-    while (!s.empty() && ws(s.front()))
+inline bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+inline std::string_view Trim(std::string_view s) {
+    while (!s.empty() && IsSpace(s.front()))
         s.remove_prefix(1);
-    while (!s.empty() && ws(s.back()))
+    while (!s.empty() && IsSpace(s.back()))
         s.remove_suffix(1);
     return s;
 }
 
+// The namespaces the reader meets, measured once.
+constexpr std::string_view kXsi = kXsiNs;
+constexpr std::string_view kXsd = kXsdNs;
+constexpr std::string_view kEnvelope = kEnvelopeNs;
+
 bool IsBlank(std::string_view s) { return Trim(s).empty(); }
 
-// An expat parser for one message. Each thread keeps one between messages and resets it: a new parser costs
-// a dozen allocations and a system call for the random salt of its hash tables. The salt stays random, drawn
-// once per thread. A parser that read a large message is not kept, so that it does not hold its memory.
-class ParserLease {
+// What a reader borrows from its thread for one message: an expat parser, its frame stack and its text
+// buffer. Each thread keeps them between messages: a new parser costs a dozen allocations and a system call
+// for the random salt of its hash tables, and a stack or buffer that grew again for every message would
+// allocate where the finished objects keep nothing. The salt stays random, drawn once per thread. A parser
+// that read a large message is not kept, nor a buffer that held a long text, so that neither holds its
+// memory. A message read inside another (by a handler of the outer one) gets its own.
+class Lease {
 public:
-    explicit ParserLease(size_t bytes) : keep_(bytes <= kKeptBelow) {
+    explicit Lease(size_t bytes) : keep_(bytes <= kKeptBelow) {
         Slot& slot = tSlot;
         if (slot.parser != nullptr) {
             parser_ = slot.parser;
-            slot.parser = nullptr;  // a message read inside this one gets a parser of its own
+            slot.parser = nullptr;
             if (XML_ParserReset(parser_, "UTF-8") != XML_TRUE) {
                 XML_ParserFree(parser_);
                 parser_ = nullptr;
@@ -124,22 +137,38 @@ public:
         if (parser_ == nullptr) throw std::bad_alloc();
         if (slot.salt == 0) slot.salt = static_cast<unsigned long>(std::random_device()()) << 16 | 1;
         XML_SetHashSalt(parser_, slot.salt);
+        frames.swap(slot.frames);
+        text.swap(slot.text);
+        if (frames.capacity() == 0) frames.reserve(kFrames);
     }
-    ~ParserLease() {
-        if (keep_ && tSlot.parser == nullptr)
-            tSlot.parser = parser_;
+    ~Lease() {
+        Slot& slot = tSlot;
+        if (keep_ && slot.parser == nullptr)
+            slot.parser = parser_;
         else
             XML_ParserFree(parser_);
+        frames.clear();
+        text.clear();
+        if (slot.frames.capacity() == 0 && frames.capacity() <= kFramesKept) frames.swap(slot.frames);
+        if (slot.text.capacity() == 0 && text.capacity() <= kTextKept) text.swap(slot.text);
     }
-    ParserLease(const ParserLease&) = delete;
-    ParserLease& operator=(const ParserLease&) = delete;
-    XML_Parser Get() const { return parser_; }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    XML_Parser Parser() const { return parser_; }
+
+    std::vector<Frame> frames;
+    std::string text;
 
 private:
     static constexpr size_t kKeptBelow = 1 << 20;
+    static constexpr size_t kFrames = 16;
+    static constexpr size_t kFramesKept = 128;
+    static constexpr size_t kTextKept = 64 << 10;
     struct Slot {
         XML_Parser parser = nullptr;
         unsigned long salt = 0;
+        std::vector<Frame> frames;
+        std::string text;
         ~Slot() {
             if (parser != nullptr) XML_ParserFree(parser);
         }
@@ -150,11 +179,12 @@ private:
     bool keep_;
 };
 
-thread_local ParserLease::Slot ParserLease::tSlot;
+thread_local Lease::Slot Lease::tSlot;
 
 class Reader {
 public:
-    Reader(const Codec& codec) : codec_(codec), limits_(codec.GetLimits()) {}
+    Reader(const Codec& codec)
+        : codec_(codec), limits_(codec.GetLimits()), nsSep_(codec.GetNamespace() + kSep) {}
 
     Message Read(std::string_view text) {
         if (text.size() > limits_.maxMessageBytes)
@@ -162,9 +192,21 @@ public:
                                             " bytes exceeds the limit of " +
                                             std::to_string(limits_.maxMessageBytes),
                                         "");
-        ParserLease lease(text.size());
-        XML_Parser parser = lease.Get();
+        Lease lease(text.size());
+        XML_Parser parser = lease.Parser();
         parser_ = parser;
+        stack_.swap(lease.frames);
+        text_.swap(lease.text);
+        // Handed back on every way out; the frames go empty, so that nothing of this message stays held.
+        struct Return {
+            Reader& r;
+            Lease& l;
+            ~Return() {
+                r.stack_.clear();
+                r.stack_.swap(l.frames);
+                r.text_.swap(l.text);
+            }
+        } handBack{*this, lease};
         XML_SetUserData(parser, this);
         XML_SetElementHandler(parser, &Reader::OnStart, &Reader::OnEnd);
         XML_SetCharacterDataHandler(parser, &Reader::OnText);
@@ -290,21 +332,59 @@ private:
         return nullptr;
     }
 
+    // The attributes a value element may carry, found in one pass: xsi:nil, xsi:type and a reference's
+    // type. Any other attribute is left alone.
+    struct ValueAttrs {
+        const char* nil = nullptr;
+        const char* xsiType = nullptr;
+        const char* refType = nullptr;
+    };
+    static ValueAttrs ScanAttrs(const XML_Char** attrs) {
+        ValueAttrs found;
+        for (int i = 0; attrs[i] != nullptr; i += 2) {
+            const char* name = attrs[i];
+            const char* sep = std::strchr(name, kSep);
+            if (sep == nullptr) {
+                if (found.refType == nullptr && std::strcmp(name, "type") == 0) found.refType = attrs[i + 1];
+                continue;
+            }
+            if (std::string_view(name, static_cast<size_t>(sep - name)) != kXsi) continue;
+            if (found.xsiType == nullptr && std::strcmp(sep + 1, "type") == 0)
+                found.xsiType = attrs[i + 1];
+            else if (found.nil == nullptr && std::strcmp(sep + 1, "nil") == 0)
+                found.nil = attrs[i + 1];
+        }
+        return found;
+    }
+
+    // The local part of an element's name, which must be in the codec's namespace or in none.
+    const char* LocalName(const char* name) {
+        if (std::strncmp(name, nsSep_.data(), nsSep_.size()) == 0) return name + nsSep_.size();
+        const char* sep = std::strchr(name, kSep);
+        if (sep == nullptr) return name;
+        CheckNamespace(std::string_view(name, static_cast<size_t>(sep - name)), sep + 1);
+        return sep + 1;
+    }
+
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
+        if (parent.kind == Kind::Data) {  // most elements are fields
+            StartField(LocalName(name), attrs);
+            return;
+        }
         const char* sep = std::strchr(name, kSep);
         std::string_view uri =
             sep != nullptr ? std::string_view(name, static_cast<size_t>(sep - name)) : std::string_view();
         std::string_view local = sep != nullptr ? std::string_view(sep + 1) : std::string_view(name);
         switch (parent.kind) {
             case Kind::Document:
-                if (uri != kEnvelopeNs || local != "Envelope") Fail("not a SOAP 1.1 envelope");
+                if (uri != kEnvelope || local != "Envelope") Fail("not a SOAP 1.1 envelope");
                 Push(Kind::Envelope);
                 return;
             case Kind::Envelope:
-                if (uri == kEnvelopeNs && local == "Header" && !haveBody_) {
+                if (uri == kEnvelope && local == "Header" && !haveBody_) {
                     Push(Kind::Header);
-                } else if (uri == kEnvelopeNs && local == "Body" && !haveBody_) {
+                } else if (uri == kEnvelope && local == "Body" && !haveBody_) {
                     haveBody_ = true;
                     Push(Kind::Body);
                 } else {
@@ -317,7 +397,7 @@ private:
                     Push(Kind::VersionId);
                     return;
                 }
-                if (const char* mu = Attr(attrs, kEnvelopeNs, "mustUnderstand");
+                if (const char* mu = Attr(attrs, kEnvelope, "mustUnderstand");
                     mu != nullptr && std::string_view(mu) == "1")
                     Fail("header " + std::string(local) + " is not understood");
                 Push(Kind::Skip);
@@ -351,10 +431,9 @@ private:
                 StartReturn(local, attrs);
                 return;
             case Kind::Data:
-                StartField(uri, local, attrs);
-                return;
+                return;  // above
             case Kind::AnyArray:
-                StartAnyItem(local, attrs);
+                StartAnyItem(local.data(), attrs);
                 return;
             case Kind::Leaf:
             case Kind::Nil:
@@ -386,20 +465,18 @@ private:
                 break;
             case Kind::Leaf: {
                 Fundix::Ref<Any> value = LeafValue(top);
-                if (value != nullptr) Deliver(value);
+                if (value != nullptr) Deliver(value.Get());
                 break;
             }
-            case Kind::Data: {
+            case Kind::Data:
                 FinishData(top);
-                Fundix::Ref<Any> value(top.object.Get());
-                Deliver(value);
+                arrays_.resize(top.arraysFrom);
+                seenMore_.resize(top.seenFrom);
+                Deliver(top.object.Get());
                 break;
-            }
-            case Kind::AnyArray: {
-                Fundix::Ref<Any> value(top.anyArray.Get());
-                Deliver(value);
+            case Kind::AnyArray:
+                Deliver(top.anyArray.Get());
                 break;
-            }
             case Kind::Request:
                 FinishRequest();
                 break;
@@ -415,7 +492,7 @@ private:
         if (haveTop_) Fail("the body holds more than one element");
         haveTop_ = true;
         topIndex_ = stack_.size();
-        if (uri == kEnvelopeNs && local == "Fault") {
+        if (uri == kEnvelope && local == "Fault") {
             message_.kind = MessageKind::Fault;
             Push(Kind::Fault);
             return;
@@ -469,7 +546,7 @@ private:
     void StartFaultDetail(std::string_view local, const char** attrs) {
         if (message_.value != nullptr || faultStarted_) Fail("a fault detail holds more than one fault");
         faultStarted_ = true;
-        const char* xsi = Attr(attrs, kXsiNs, "type");
+        const char* xsi = Attr(attrs, kXsi, "type");
         const Type* type = nullptr;
         if (xsi != nullptr) {
             type = ResolveQName(xsi);
@@ -553,26 +630,25 @@ private:
         StartValue("returnval", declared, attrs, Slot{declared, -4, array}, index);
     }
 
-    void StartField(std::string_view uri, std::string_view local, const char** attrs) {
+    void StartField(const char* local, const char** attrs) {
         Frame& parent = stack_.back();
-        CheckNamespace(uri, local);
         int index = FindField(parent, local);
         if (index < 0)
-            Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(),
-                 std::string(local).c_str());
+            Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(), local);
         const PropertyDesc& d = parent.props[index];
         const PropertyTypeInfo& p = *d.info;
         if (!Included(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
         bool array = (p.flags & kFlagArray) != 0;
         uint64_t bit = uint64_t(1) << (index % 64);
-        uint64_t& word = parent.Seen(static_cast<size_t>(index / 64));
+        uint64_t& word = Seen(parent, static_cast<size_t>(index / 64));
         if (!array && (word & bit)) Fail("property given twice", p.name);
         word |= bit;
         const Type* declared = Declared(p);
         long item = -1;
+        ArrayBase* into = nullptr;
         if (array) {
-            ArrayBase* a = FieldArray(parent, index, d, declared);
-            item = static_cast<long>(a->GetLength());
+            into = FieldArray(parent, index, d, declared);
+            item = static_cast<long>(into->GetLength());
             if (declared->GetKind() == kKindByte) {
                 if (item > 0) Fail("property given twice", p.name);
                 item = -1;
@@ -580,29 +656,35 @@ private:
                 Fail(ArrayLimit(), p.name);
             }
         }
-        StartValue(p.name, declared, attrs, Slot{declared, index, array}, item);
+        StartValue(p.name, declared, attrs, Slot{declared, index, array, into}, item);
     }
 
-    // Children usually come in declaration order, an array's items one after another: try the property
-    // after the last one found, then that one again, before searching.
-    int FindField(Frame& frame, std::string_view local) {
+    // Children usually come in declaration order, an array's items one after another, fields left out
+    // where they are unset: try the property after the last one found, then that one again, then search on
+    // from there before searching from the start. `local` ends at a terminating zero, as expat's names do.
+    static int FindField(Frame& frame, const char* local) {
         const int n = static_cast<int>(frame.propCount);
-        // `local` ends where expat's name does, at a terminating zero.
-        for (int i : {frame.lastField + 1, frame.lastField}) {
-            if (i >= 0 && i < n && std::strcmp(local.data(), frame.props[i].info->name) == 0)
-                return frame.lastField = i;
-        }
-        int found = frame.dataType->FindProperty(local);
-        if (found >= 0) frame.lastField = found;
-        return found;
+        const PropertyDesc* props = frame.props;
+        auto same = [&](int i) {
+            const char* name = props[i].info->name;
+            return name[0] == local[0] && std::strcmp(local, name) == 0;
+        };
+        const int next = frame.lastField + 1;
+        if (next < n && same(next)) return frame.lastField = next;
+        if (next > 0 && same(next - 1)) return next - 1;
+        for (int i = next + 1; i < n; ++i)
+            if (same(i)) return frame.lastField = i;
+        for (int i = 0; i < next - 1 && i < n; ++i)
+            if (same(i)) return frame.lastField = i;
+        return -1;
     }
 
-    void StartAnyItem(std::string_view local, const char** attrs) {
+    void StartAnyItem(const char* local, const char** attrs) {
         Frame& parent = stack_.back();
         ArrayBase* a = parent.anyArray.Get();
-        const Type* element = a->GetElementType();
-        if (local != Detail::ItemName(element)) Fail("unexpected item " + std::string(local));
+        if (std::strcmp(local, parent.itemName) != 0) Fail("unexpected item " + std::string(local));
         if (a->GetLength() >= limits_.maxArrayLength) Fail(ArrayLimit());
+        const Type* element = parent.element;
         StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
     }
 
@@ -643,14 +725,68 @@ private:
     }
 
     // The array a data object's array property is being read into; created and attached on first use.
+    // `frame` is the innermost open record, whose arrays are the last ones listed.
     ArrayBase* FieldArray(Frame& frame, int index, const PropertyDesc& d, const Type* element) {
-        for (auto& [i, a] : frame.arrays)
-            if (i == index) return a;
+        for (size_t i = frame.arraysFrom; i < arrays_.size(); ++i)
+            if (arrays_[i].first == index) return arrays_[i].second;
         Fundix::Ref<Any> array = NewArray(element);
-        StoreSlot(frame.object.Get(), d, array);
+        StoreSlot(frame.object.Get(), d, array.Get());
         auto* a = static_cast<ArrayBase*>(array.Get());
-        frame.arrays.emplace_back(index, a);
+        arrays_.emplace_back(index, a);
         return a;
+    }
+
+    uint64_t& Seen(Frame& frame, size_t word) {
+        return word < 2 ? frame.seen[word] : seenMore_[frame.seenFrom + word - 2];
+    }
+
+    // A type that a name in the message resolved to, remembered for the rest of the message by the name
+    // and what kind of name it was: a page of events names a dozen classes a thousand times. Names longer
+    // than an entry holds are looked up each time.
+    enum class Naming : uint8_t { None, XsiType, RefType };
+    struct Named {
+        const Type* type;
+        uint8_t size;
+        Naming naming;
+        char text[54];
+    };
+    static constexpr size_t kNamed = 64;
+    static size_t NamedSlot(std::string_view text) {
+        constexpr uint64_t kMix = 0x9E3779B97F4A7C15u;
+        const char* p = text.data();
+        const size_t n = text.size();
+        uint64_t h = n, w = 0;
+        size_t i = 0;
+        for (; i + 8 <= n; i += 8) {
+            std::memcpy(&w, p + i, 8);
+            h = (h ^ w) * kMix;
+        }
+        if (i < n) {
+            w = 0;
+            if (n >= 8)
+                std::memcpy(&w, p + n - 8, 8);  // the last eight bytes, overlapping
+            else
+                for (; i < n; ++i)
+                    w = w << 8 | static_cast<unsigned char>(p[i]);
+            h = (h ^ w) * kMix;
+        }
+        static_assert(kNamed == 64);
+        return static_cast<size_t>(h >> 58);
+    }
+    const Type* Remembered(Naming naming, std::string_view text) const {
+        if (text.empty() || text.size() > sizeof(Named::text)) return nullptr;
+        const Named& e = named_[NamedSlot(text)];
+        if (e.naming != naming || e.size != text.size() || std::memcmp(e.text, text.data(), text.size()) != 0)
+            return nullptr;
+        return e.type;
+    }
+    void Remember(Naming naming, std::string_view text, const Type* type) {
+        if (text.empty() || text.size() > sizeof(Named::text)) return;
+        Named& e = named_[NamedSlot(text)];
+        e.type = type;
+        e.size = static_cast<uint8_t>(text.size());
+        e.naming = naming;
+        std::memcpy(e.text, text.data(), text.size());
     }
 
     // ---- Values
@@ -672,7 +808,7 @@ private:
                 break;
             }
         if (!found && !prefix.empty()) Fail("unknown namespace prefix in xsi:type " + std::string(qname));
-        if (uri == kXsdNs) {
+        if (uri == kXsd) {
             static const TypeInfo* const primitives[] = {
                 &gStringTypeInfo, &gIntTypeInfo,   &gLongTypeInfo,   &gShortTypeInfo,    &gBoolTypeInfo,
                 &gByteTypeInfo,   &gFloatTypeInfo, &gDoubleTypeInfo, &gDateTimeTypeInfo, &gAnyTypeInfo};
@@ -681,6 +817,14 @@ private:
             Fail("unknown type " + std::string(qname));
         }
         if (!uri.empty() && uri != codec_.GetNamespace()) Fail("unknown type " + std::string(qname));
+        if (const Type* known = Remembered(Naming::XsiType, local)) return known;
+        const Type* type = TypeByLocalName(qname, local);
+        Remember(Naming::XsiType, local, type);
+        return type;
+    }
+
+    // The type a name of the codec's namespace (or none) gives in xsi:type.
+    const Type* TypeByLocalName(std::string_view qname, std::string_view local) {
         if (local == "TypeName") return GetPrimitiveType(&gTypeNameTypeInfo);
         if (local == "PropertyPath") return GetPrimitiveType(&gPropertyPathTypeInfo);
         if (local == "ManagedObjectReference") return GetType<ManagedObject>();
@@ -719,19 +863,21 @@ private:
     }
 
     // Opens an element holding one value of `declared` (null: the value must name its type).
-    void StartValue(const char* name, const Type* declared, const char** attrs, Slot slot, long index = -1) {
-        const bool attributes = attrs[0] != nullptr;  // most values come without
-        if (const char* nil = attributes ? Attr(attrs, kXsiNs, "nil") : nullptr;
-            nil != nullptr && (std::string_view(nil) == "true" || std::string_view(nil) == "1")) {
+    void StartValue(const char* name, const Type* declared, const char** attrs, const Slot& slot,
+                    long index = -1) {
+        ValueAttrs found;
+        if (attrs[0] != nullptr) found = ScanAttrs(attrs);  // most values come without
+        if (const char* nil = found.nil;
+            nil != nullptr && (std::strcmp(nil, "true") == 0 || std::strcmp(nil, "1") == 0)) {
             // Absent: a required property or parameter given as nil is then missing.
             Frame& parent = stack_.back();
             if (parent.kind == Kind::Data && !slot.array)
-                parent.Seen(static_cast<size_t>(slot.prop / 64)) &= ~(uint64_t(1) << (slot.prop % 64));
+                Seen(parent, static_cast<size_t>(slot.prop / 64)) &= ~(uint64_t(1) << (slot.prop % 64));
             Push(Kind::Nil, slot, name, index);
             return;
         }
         const Type* type = declared;
-        if (const char* xsi = attributes ? Attr(attrs, kXsiNs, "type") : nullptr) {
+        if (const char* xsi = found.xsiType) {
             const Type* named = ResolveQName(xsi);
             if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
                 bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
@@ -744,69 +890,82 @@ private:
         } else if (declared == nullptr || declared->GetKind() == kKindAnyType) {
             Fail("a value of type anyType needs xsi:type", name);
         }
-        if (type->GetKind() != kKindManaged && !Knows(type))
+        const uint32_t kind = type->GetKind();
+        if (kind != kKindManaged && !Knows(type))
             Fail("type " + std::string(type->GetName()) + " is not part of " + codec_.GetVersion().name,
                  name);
-        slot.type = type;
         if (const DataObjectType* data = type->AsDataObjectType()) {
-            StartData(name, data, slot, index);
+            StartData(name, data, Slot{type, slot.prop, slot.array, slot.into}, index);
             return;
         }
-        if (type->GetKind() == kKindArray) {
+        if (kind == kKindArray) {
             Fundix::Ref<ArrayBase> array =
                 static_cast<const ArrayType*>(type)->GetElementType()->CreateArray();
             if (array == nullptr) throw std::bad_alloc();
-            Push(Kind::AnyArray, slot, name, index).anyArray = std::move(array);
+            Frame& f = Push(Kind::AnyArray, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+            f.element = array->GetElementType();
+            f.itemName = Detail::ItemName(f.element);
+            f.anyArray = std::move(array);
             return;
         }
         text_.clear();
-        if (type->GetKind() != kKindManaged) {
-            Push(Kind::Leaf, slot, name, index);
+        if (kind != kKindManaged) {
+            Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
             return;
         }
-        const char* refType = Attr(attrs, "", "type");
+        const char* refType = found.refType;
         if (refType == nullptr) Fail("a reference needs its type", name);
-        const Type* t = GetTypeMap()->GetTypeByWsdlName(refType);
-        bool generic = declared == nullptr || declared->GetKind() == kKindAnyType ||
-                       declared == GetType<ManagedObject>();
-        if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
-            // A place for any managed object may name a type of another library by its own name,
-            // as the writer sends it.
-            Push(Kind::Leaf, slot, name, index).refName = refType;
-            return;
+        const Type* t = Remembered(Naming::RefType, refType);
+        if (t == nullptr) {
+            t = GetTypeMap()->GetTypeByWsdlName(refType);
+            bool generic = declared == nullptr || declared->GetKind() == kKindAnyType ||
+                           declared == GetType<ManagedObject>();
+            if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
+                // A place for any managed object may name a type of another library by its own name,
+                // as the writer sends it.
+                Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+                refType_ = nullptr;
+                refName_ = refType;
+                return;
+            }
+            if (t == nullptr || t->GetKind() != kKindManaged)
+                Fail("unknown managed type " + std::string(refType), name);
+            if (!codec_.Knows(t))
+                Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name,
+                     name);
+            Remember(Naming::RefType, refType, t);
         }
-        if (t == nullptr || t->GetKind() != kKindManaged)
-            Fail("unknown managed type " + std::string(refType), name);
-        if (!codec_.Knows(t))
-            Fail("type " + std::string(t->GetName()) + " is not part of " + codec_.GetVersion().name, name);
         if (declared != nullptr && declared->GetKind() == kKindManaged &&
             declared != GetType<ManagedObject>() && !t->IsA(declared))
             Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
-        Push(Kind::Leaf, slot, name, index).refType = t;
+        Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+        refType_ = t;
     }
 
-    void StartData(const char* name, const DataObjectType* type, Slot slot, long index = -1) {
+    void StartData(const char* name, const DataObjectType* type, const Slot& slot, long index = -1) {
         Fundix::Ref<DataObject> object = type->CreateInstance();
         if (object == nullptr) throw std::bad_alloc();
         const std::vector<PropertyDesc>& props = type->GetProperties();
         Frame& f = Push(Kind::Data, slot, name, index);
         f.dataType = type;
         f.props = props.data();
-        f.propCount = props.size();
+        f.propCount = static_cast<uint32_t>(props.size());
         f.object = std::move(object);
+        f.arraysFrom = static_cast<uint32_t>(arrays_.size());
+        f.seenFrom = static_cast<uint32_t>(seenMore_.size());
         const size_t words = props.size() / 64 + 1;
-        if (words > 2) f.seenMore.assign(words - 2, 0);
+        if (words > 2) seenMore_.resize(seenMore_.size() + words - 2, 0);
     }
 
     // The missing-required rule, and empty arrays for absent required ones.
     void FinishData(Frame& frame) {
-        const auto& props = frame.dataType->GetProperties();
-        for (size_t i = 0; i < props.size(); ++i) {
-            const PropertyTypeInfo& p = *props[i].info;
-            if ((frame.Seen(i / 64) >> (i % 64)) & 1) continue;
-            if (!codec_.Includes(p.version) || (p.flags & kFlagOptional)) continue;
+        for (uint32_t i = 0; i < frame.propCount; ++i) {
+            if ((Seen(frame, i / 64) >> (i % 64)) & 1) continue;
+            const PropertyDesc& d = frame.props[i];
+            const PropertyTypeInfo& p = *d.info;
+            if ((p.flags & kFlagOptional) || !Included(p.version)) continue;
             if (p.flags & kFlagArray) {
-                FieldArray(frame, static_cast<int>(i), props[i], Detail::TypeOf(p.type));
+                FieldArray(frame, static_cast<int>(i), d, Declared(p));
                 continue;
             }
             Fail("required property missing", p.name);
@@ -847,39 +1006,35 @@ private:
     }
 
     // Hands a finished value to the frame below the top.
-    void Deliver(const Fundix::Ref<Any>& value) {
+    void Deliver(Any* value) {
         Frame& child = stack_.back();
         Frame& parent = stack_[stack_.size() - 2];
         const Slot& slot = child.slot;
         switch (parent.kind) {
-            case Kind::Data: {
-                const PropertyDesc& d = parent.props[slot.prop];
-                if (slot.array) {
-                    ArrayBase* a = FieldArray(parent, slot.prop, d, Declared(*d.info));
-                    Append(a, value.Get());
-                } else {
-                    StoreSlot(parent.object.Get(), d, value);
-                }
+            case Kind::Data:
+                if (slot.array)
+                    Append(slot.into, value);
+                else
+                    StoreSlot(parent.object.Get(), parent.props[slot.prop], value);
                 return;
-            }
             case Kind::AnyArray:
-                Append(parent.anyArray.Get(), value.Get());
+                Append(parent.anyArray.Get(), value);
                 return;
             case Kind::Request:
                 if (slot.prop == -2) {
-                    message_.target = static_cast<MoRef*>(value.Get());
+                    message_.target = static_cast<MoRef*>(value);
                 } else if (slot.prop == -3) {
-                    fetchName_ = static_cast<Primitive<std::string>*>(value.Get())->GetValue();
+                    fetchName_ = static_cast<Primitive<std::string>*>(value)->GetValue();
                 } else if (slot.array) {
                     Append(static_cast<ArrayBase*>(message_.arguments[static_cast<size_t>(slot.prop)].Get()),
-                           value.Get());
+                           value);
                 } else {
                     message_.arguments[static_cast<size_t>(slot.prop)] = value;
                 }
                 return;
             case Kind::Response:
                 if (slot.array)
-                    Append(static_cast<ArrayBase*>(message_.value.Get()), value.Get());
+                    Append(static_cast<ArrayBase*>(message_.value.Get()), value);
                 else
                     message_.value = value;
                 return;
@@ -937,9 +1092,51 @@ private:
     }
 
     DateTime Date() {
+        const std::string_view s = Trim(text_);
         DateTime value;
-        if (!DateTime::ParseIso8601(Trim(text_), value)) Lexical("a dateTime");
+        if (!UtcDate(s, value) && !DateTime::ParseIso8601(s, value)) Lexical("a dateTime");
         return value;
+    }
+
+    // A date in the form the writer sends, "YYYY-MM-DDThh:mm:ss[.fraction]Z", read without the general
+    // parser: the day is checked once while the following dates fall on it, and the time of day is added.
+    // False for any other form (which DateTime::ParseIso8601 then reads or refuses).
+    bool UtcDate(std::string_view s, DateTime& out) {
+        const size_t n = s.size();
+        if (n < 20 || s[n - 1] != 'Z' || s[10] != 'T' || s[13] != ':' || s[16] != ':') return false;
+        auto two = [&](size_t at) {
+            const unsigned a = static_cast<unsigned char>(s[at]) - '0',
+                           b = static_cast<unsigned char>(s[at + 1]) - '0';
+            return a <= 9 && b <= 9 ? static_cast<int>(a * 10 + b) : 99;
+        };
+        const int hour = two(11), minute = two(14), second = two(17);
+        if (hour > 23 || minute > 59 || second > 59) return false;
+        int64_t micros = 0;
+        if (n > 20) {
+            // 1 to 9 digits between the point and the Z, truncated to microseconds.
+            const size_t digits = n - 21;
+            if (s[19] != '.' || digits == 0 || digits > 9) return false;
+            for (size_t i = 0; i < digits; ++i) {
+                const unsigned d = static_cast<unsigned char>(s[20 + i]) - '0';
+                if (d > 9) return false;
+                if (i < 6) micros = micros * 10 + d;
+            }
+            for (size_t i = digits; i < 6; ++i)
+                micros *= 10;
+        }
+        if (!haveDay_ || std::memcmp(day_, s.data(), sizeof day_) != 0) {
+            char midnight[20];
+            std::memcpy(midnight, s.data(), sizeof day_);
+            std::memcpy(midnight + sizeof day_, "T00:00:00Z", 10);
+            DateTime start;
+            if (!DateTime::ParseIso8601(std::string_view(midnight, sizeof midnight), start)) return false;
+            std::memcpy(day_, s.data(), sizeof day_);
+            dayMicros_ = start.GetUtcMicros();
+            haveDay_ = true;
+        }
+        out = DateTime::FromUtcMicros(dayMicros_ + ((hour * 60 + minute) * 60 + second) * int64_t(1000000) +
+                                      micros);
+        return true;
     }
 
     std::vector<int8_t> Base64() {
@@ -984,11 +1181,14 @@ private:
     int32_t EnumValue(const Type* type) {
         const EnumType* e = type->AsEnumType();
         std::string_view s = Trim(text_);
-        if (e == nullptr || !e->IsValidText(s)) {
-            std::string shown(s.substr(0, 64));
-            Fail("unknown value \"" + shown + "\" of " + type->GetWsdlName());
+        if (e != nullptr) {
+            try {
+                return e->TextToValue(s);  // one lookup for the values that are known
+            } catch (const Fundix::InvalidArgumentException&) {
+            }
         }
-        return e->TextToValue(s);
+        std::string shown(s.substr(0, 64));
+        Fail("unknown value \"" + shown + "\" of " + type->GetWsdlName());
     }
 
     // Stores a leaf straight into its data-object field when it is one; otherwise returns it boxed.
@@ -997,15 +1197,13 @@ private:
         uint32_t kind = type->GetKind();
         Frame& parent = stack_[stack_.size() - 2];
         if (parent.kind == Kind::Data) {
-            const PropertyDesc& d = parent.props[leaf.slot.prop];
             if (leaf.slot.array) {
-                ArrayBase* a = FieldArray(parent, leaf.slot.prop, d, type);
-                if (AppendText(a, kind, type)) return nullptr;
-            } else if (StoreText(parent.object.Get(), d, kind, type)) {
+                if (AppendText(leaf.slot.into, kind, type)) return nullptr;
+            } else if (StoreText(parent.object.Get(), parent.props[leaf.slot.prop], kind, type)) {
                 return nullptr;
             }
         }
-        return Box(type, kind, leaf);
+        return Box(type, kind);
     }
 
     // The storage class a value of C++ type T has in a field, plain or optional.
@@ -1045,15 +1243,16 @@ private:
     }
 
     // A record, reference or array into its field.
-    static void StoreSlot(DataObject* object, const PropertyDesc& d, const Fundix::Ref<Any>& value) {
+    static void StoreSlot(DataObject* object, const PropertyDesc& d, Any* value) {
         if (char* at = FieldAt(object, d, Storage::Slot)) {
             if (d.info->flags & kFlagArray)
-                reinterpret_cast<ArraySlot*>(at)->Store(value.Get());
+                reinterpret_cast<ArraySlot*>(at)->Store(value);
             else
-                reinterpret_cast<ObjSlot*>(at)->Store(value.Get());
+                reinterpret_cast<ObjSlot*>(at)->Store(value);
             return;
         }
-        d.owner->setProperty(object, d.localIndex, &value);
+        Fundix::Ref<Any> counted(value);
+        d.owner->setProperty(object, d.localIndex, &counted);
     }
 
     template <class T>
@@ -1167,7 +1366,7 @@ private:
         }
     }
 
-    Fundix::Ref<Any> Box(const Type* type, uint32_t kind, const Frame& leaf) {
+    Fundix::Ref<Any> Box(const Type* type, uint32_t kind) {
         switch (kind) {
             case kKindString:
                 return new Primitive<std::string>(text_);
@@ -1194,7 +1393,7 @@ private:
             case kKindEnum:
                 return type->AsEnumType()->CreateBox(EnumValue(type));
             case kKindManaged:
-                return new MoRef(leaf.refType ? std::string(leaf.refType->GetName()) : leaf.refName, text_);
+                return new MoRef(refType_ ? std::string(refType_->GetName()) : refName_, text_);
             default:
                 Fail(std::string("cannot read a value of type ") + type->GetName());
         }
@@ -1203,9 +1402,14 @@ private:
     const Codec& codec_;
     const Limits& limits_;
     XML_Parser parser_ = nullptr;
+    std::string nsSep_;  // the codec's namespace and the separator, as expat's names begin
     std::vector<Frame> stack_;
+    std::vector<std::pair<int, ArrayBase*>> arrays_;  // arrays under construction: property, array
+    std::vector<uint64_t> seenMore_;
     std::vector<std::pair<std::string, std::string>> ns_;
     std::string text_;
+    const Type* refType_ = nullptr;  // the open leaf's managed type, when it is a reference
+    std::string refName_;            // its type's name when this library does not register it
     bool failed_ = false;
     std::string reason_;
     std::string errorPath_;
@@ -1225,6 +1429,11 @@ private:
     size_t versionsKept_ = 0;
     const char* versionKeys_[kVersionCache] = {};
     bool versionIncluded_[kVersionCache] = {};
+    Named named_[kNamed] = {};
+    // The day of the last date read in the writer's form, and its first microsecond.
+    char day_[10] = {};
+    bool haveDay_ = false;
+    int64_t dayMicros_ = 0;
 
 public:
     const ManagedMethod* expected_ = nullptr;
