@@ -443,7 +443,19 @@ private:
 
     void Chars(std::string_view s) {
         Frame& top = stack_.back();
-        if (top.kind == Kind::Leaf || top.kind == Kind::VersionId) {
+        if (top.kind == Kind::Leaf) {
+            if (text_.size() + view_.size() + s.size() > limits_.maxTextBytes)
+                Fail("text longer than " + std::to_string(limits_.maxTextBytes) + " bytes");
+            if (view_.empty() && text_.empty() && InBuffer(s)) {
+                view_ = s;
+                return;
+            }
+            if (!view_.empty()) {
+                text_.assign(view_);
+                view_ = {};
+            }
+            text_.append(s);
+        } else if (top.kind == Kind::VersionId) {
             if (text_.size() + s.size() > limits_.maxTextBytes)
                 Fail("text longer than " + std::to_string(limits_.maxTextBytes) + " bytes");
             text_.append(s);
@@ -637,13 +649,14 @@ private:
             Fail("unknown property " + std::string(local) + " of " + parent.dataType->GetWsdlName(), local);
         const PropertyDesc& d = parent.props[index];
         const PropertyTypeInfo& p = *d.info;
-        if (!Included(p.version)) Fail("property is not part of " + codec_.GetVersion().name, p.name);
+        const PropertyFacts& facts = Facts(p);
+        if (!facts.included) Fail("property is not part of " + codec_.GetVersion().name, p.name);
         bool array = (p.flags & kFlagArray) != 0;
         uint64_t bit = uint64_t(1) << (index % 64);
         uint64_t& word = Seen(parent, static_cast<size_t>(index / 64));
         if (!array && (word & bit)) Fail("property given twice", p.name);
         word |= bit;
-        const Type* declared = Declared(p);
+        const Type* declared = facts.declared;
         long item = -1;
         ArrayBase* into = nullptr;
         if (array) {
@@ -655,6 +668,11 @@ private:
             } else if (static_cast<size_t>(item) >= limits_.maxArrayLength) {
                 Fail(ArrayLimit(), p.name);
             }
+        }
+        if (attrs[0] == nullptr && facts.leaf) {  // what StartValue would do, without asking again
+            StartLeaf();
+            Push(Kind::Leaf, Slot{declared, index, array, into}, p.name, item);
+            return;
         }
         StartValue(p.name, declared, attrs, Slot{declared, index, array, into}, item);
     }
@@ -688,14 +706,28 @@ private:
         StartValue("", element, attrs, Slot{element, -5, true}, static_cast<long>(a->GetLength()));
     }
 
-    // The type a property declares (Detail::TypeOf), remembered for the properties a message meets most.
-    const Type* Declared(const PropertyTypeInfo& p) {
-        const size_t h = (reinterpret_cast<uintptr_t>(&p) / sizeof(PropertyTypeInfo)) & (kDeclaredCache - 1);
-        if (declaredKeys_[h] == &p) return declaredTypes_[h];
-        const Type* type = Detail::TypeOf(p.type);
-        declaredKeys_[h] = &p;
-        declaredTypes_[h] = type;
-        return type;
+    // What the reader asks of a property, remembered for the properties a message meets most: the type it
+    // declares (Detail::TypeOf), whether the codec's version includes it, and whether an element of it
+    // without attributes holds a leaf of that type (a primitive or enumeration the version knows).
+    struct PropertyFacts {
+        const PropertyTypeInfo* key;
+        const Type* declared;
+        bool included;
+        bool leaf;
+    };
+    const PropertyFacts& Facts(const PropertyTypeInfo& p) {
+        PropertyFacts& f =
+            facts_[(reinterpret_cast<uintptr_t>(&p) / sizeof(PropertyTypeInfo)) & (kFacts - 1)];
+        if (f.key != &p) Learn(f, p);
+        return f;
+    }
+    [[gnu::noinline]] void Learn(PropertyFacts& f, const PropertyTypeInfo& p) {
+        f.key = &p;
+        f.declared = Detail::TypeOf(p.type);
+        f.included = Included(p.version);
+        const uint32_t kind = f.declared->GetKind();
+        f.leaf = kind != kKindManaged && kind != kKindArray && kind != kKindAnyType &&
+                 f.declared->AsDataObjectType() == nullptr && Knows(f.declared);
     }
 
     // Codec::Includes and Codec::Knows, remembered for the first few version words a message meets (a
@@ -751,7 +783,7 @@ private:
         char text[54];
     };
     static constexpr size_t kNamed = 64;
-    static size_t NamedSlot(std::string_view text) {
+    static uint64_t NamedHash(std::string_view text) {
         constexpr uint64_t kMix = 0x9E3779B97F4A7C15u;
         const char* p = text.data();
         const size_t n = text.size();
@@ -770,23 +802,32 @@ private:
                     w = w << 8 | static_cast<unsigned char>(p[i]);
             h = (h ^ w) * kMix;
         }
-        static_assert(kNamed == 64);
-        return static_cast<size_t>(h >> 58);
+        return h;
     }
+    // Each name may be kept in one of two places (six bits of its hash each); a third name that wants both
+    // displaces the one in the first.
+    static_assert(kNamed == 64);
     const Type* Remembered(Naming naming, std::string_view text) const {
         if (text.empty() || text.size() > sizeof(Named::text)) return nullptr;
-        const Named& e = named_[NamedSlot(text)];
-        if (e.naming != naming || e.size != text.size() || std::memcmp(e.text, text.data(), text.size()) != 0)
-            return nullptr;
-        return e.type;
+        const uint64_t h = NamedHash(text);
+        for (size_t slot : {size_t(h >> 58), size_t(h >> 52 & (kNamed - 1))}) {
+            const Named& e = named_[slot];
+            if (e.naming == naming && e.size == text.size() &&
+                std::memcmp(e.text, text.data(), text.size()) == 0)
+                return e.type;
+        }
+        return nullptr;
     }
     void Remember(Naming naming, std::string_view text, const Type* type) {
         if (text.empty() || text.size() > sizeof(Named::text)) return;
-        Named& e = named_[NamedSlot(text)];
-        e.type = type;
-        e.size = static_cast<uint8_t>(text.size());
-        e.naming = naming;
-        std::memcpy(e.text, text.data(), text.size());
+        const uint64_t h = NamedHash(text);
+        Named* e = &named_[h >> 58];
+        if (e->naming != Naming::None && named_[h >> 52 & (kNamed - 1)].naming == Naming::None)
+            e = &named_[h >> 52 & (kNamed - 1)];
+        e->type = type;
+        e->size = static_cast<uint8_t>(text.size());
+        e->naming = naming;
+        std::memcpy(e->text, text.data(), text.size());
     }
 
     // ---- Values
@@ -908,7 +949,7 @@ private:
             f.anyArray = std::move(array);
             return;
         }
-        text_.clear();
+        StartLeaf();
         if (kind != kKindManaged) {
             Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
             return;
@@ -959,17 +1000,24 @@ private:
 
     // The missing-required rule, and empty arrays for absent required ones.
     void FinishData(Frame& frame) {
-        for (uint32_t i = 0; i < frame.propCount; ++i) {
-            if ((Seen(frame, i / 64) >> (i % 64)) & 1) continue;
-            const PropertyDesc& d = frame.props[i];
-            const PropertyTypeInfo& p = *d.info;
-            if ((p.flags & kFlagOptional) || !Included(p.version)) continue;
-            if (p.flags & kFlagArray) {
-                FieldArray(frame, static_cast<int>(i), d, Declared(p));
-                continue;
-            }
-            Fail("required property missing", p.name);
+        for (uint32_t w = 0; w * 64 < frame.propCount; ++w) {
+            uint64_t missing = ~Seen(frame, w);
+            if (frame.propCount - w * 64 < 64) missing &= (uint64_t(1) << (frame.propCount - w * 64)) - 1;
+            for (; missing != 0; missing &= missing - 1)
+                FinishProperty(frame, w * 64 + static_cast<uint32_t>(__builtin_ctzll(missing)));
         }
+    }
+
+    // A property the record's element left out.
+    void FinishProperty(Frame& frame, uint32_t i) {
+        const PropertyDesc& d = frame.props[i];
+        const PropertyTypeInfo& p = *d.info;
+        if ((p.flags & kFlagOptional) || !Included(p.version)) return;
+        if (p.flags & kFlagArray) {
+            FieldArray(frame, static_cast<int>(i), d, Facts(p).declared);
+            return;
+        }
+        Fail("required property missing", p.name);
     }
 
     void FinishRequest() {
@@ -1050,16 +1098,45 @@ private:
     // Every array checks what it takes against its element type.
     void Append(ArrayBase* array, Any* value) { array->AppendBoxed(value); }
 
+    // ---- Leaf text
+
+    // Opens a leaf's text.
+    void StartLeaf() {
+        text_.clear();
+        view_ = {};
+    }
+
+    // Is `s` in expat's input buffer? The buffer holds the whole message and stays where it is until the
+    // parse ends, so text there can be read at the end of its element without a copy. Other text (a character
+    // reference, an entity, a line end made plain) comes from expat's scratch space and is copied at once.
+    bool InBuffer(std::string_view s) {
+        if (!bufferKnown_) {
+            int offset = 0, size = 0;
+            const char* buffer = XML_GetInputContext(parser_, &offset, &size);
+            if (buffer != nullptr && size > 0) {
+                bufferBegin_ = reinterpret_cast<uintptr_t>(buffer);
+                bufferEnd_ = bufferBegin_ + static_cast<uintptr_t>(size);
+            }
+            bufferKnown_ = true;
+        }
+        const auto at = reinterpret_cast<uintptr_t>(s.data());
+        return at >= bufferBegin_ && at + s.size() <= bufferEnd_;
+    }
+
+    // The open leaf's text.
+    std::string_view Text() const { return view_.empty() ? std::string_view(text_) : view_; }
+
     // ---- Lexical forms
 
     [[noreturn]] void Lexical(const char* what) {
-        std::string shown = text_.size() > 64 ? text_.substr(0, 64) + "..." : text_;
+        const std::string_view text = Text();
+        std::string shown = text.size() > 64 ? std::string(text.substr(0, 64)) + "..." : std::string(text);
         Fail(std::string("not ") + what + ": \"" + shown + "\"");
     }
 
     template <class T>
     T Integer(const char* what) {
-        std::string_view s = Trim(text_);
+        std::string_view s = Trim(Text());
         if (!s.empty() && s.front() == '+') s.remove_prefix(1);
         T value{};
         auto r = std::from_chars(s.data(), s.data() + s.size(), value);
@@ -1070,7 +1147,7 @@ private:
 
     template <class T>
     T Real(const char* what) {
-        std::string_view s = Trim(text_);
+        std::string_view s = Trim(Text());
         if (s == "INF" || s == "+INF") return std::numeric_limits<T>::infinity();
         if (s == "-INF") return -std::numeric_limits<T>::infinity();
         if (s == "NaN") return std::numeric_limits<T>::quiet_NaN();
@@ -1085,14 +1162,14 @@ private:
     }
 
     bool Boolean() {
-        std::string_view s = Trim(text_);
+        std::string_view s = Trim(Text());
         if (s == "true" || s == "1") return true;
         if (s == "false" || s == "0") return false;
         Lexical("a boolean");
     }
 
     DateTime Date() {
-        const std::string_view s = Trim(text_);
+        const std::string_view s = Trim(Text());
         DateTime value;
         if (!UtcDate(s, value) && !DateTime::ParseIso8601(s, value)) Lexical("a dateTime");
         return value;
@@ -1141,11 +1218,12 @@ private:
 
     std::vector<int8_t> Base64() {
         std::vector<int8_t> out;
-        out.reserve(text_.size() * 3 / 4);
+        const std::string_view text = Text();
+        out.reserve(text.size() * 3 / 4);
         unsigned acc = 0;
         int bits = 0;
         size_t pad = 0, count = 0;
-        for (char c : text_) {
+        for (char c : text) {
             int v;
             if (c >= 'A' && c <= 'Z')
                 v = c - 'A';
@@ -1180,7 +1258,7 @@ private:
 
     int32_t EnumValue(const Type* type) {
         const EnumType* e = type->AsEnumType();
-        std::string_view s = Trim(text_);
+        std::string_view s = Trim(Text());
         if (e != nullptr) {
             try {
                 return e->TextToValue(s);  // one lookup for the values that are known
@@ -1273,13 +1351,28 @@ private:
         }
     }
 
+    // Text into a string field, copied once.
+    void StoreString(DataObject* object, const PropertyDesc& d) {
+        const std::string_view text = Text();
+        if ((d.info->flags & kFlagOptional) == 0) {
+            if (char* at = FieldAt(object, d, Storage::String)) {
+                reinterpret_cast<std::string*>(at)->assign(text);
+                return;
+            }
+        } else if (char* at = FieldAt(object, d, Storage::OptString)) {
+            reinterpret_cast<Optional<std::string>*>(at)->Set(std::string(text));
+            return;
+        }
+        Store<std::string>(object, d, std::string(text));
+    }
+
     bool StoreText(DataObject* object, const PropertyDesc& d, uint32_t kind, const Type* type) {
         if (d.info->type->kind != kind) return false;  // an anyType field holding a primitive
         switch (kind) {
             case kKindString:
             case kKindTypeName:
             case kKindPropertyPath:
-                Store<std::string>(object, d, text_);
+                StoreString(object, d);
                 return true;
             case kKindInt:
                 Store(object, d, Integer<int32_t>("an int"));
@@ -1321,13 +1414,13 @@ private:
     bool AppendText(ArrayBase* a, uint32_t kind, const Type* type) {
         switch (kind) {
             case kKindString:
-                Add<std::string>(a, text_);
+                Add<std::string>(a, std::string(Text()));
                 return true;
             case kKindTypeName:
-                Add<TypeName>(a, TypeName(text_));
+                Add<TypeName>(a, TypeName(std::string(Text())));
                 return true;
             case kKindPropertyPath:
-                Add<PropertyPath>(a, PropertyPath(text_));
+                Add<PropertyPath>(a, PropertyPath(std::string(Text())));
                 return true;
             case kKindInt:
                 Add(a, Integer<int32_t>("an int"));
@@ -1369,11 +1462,11 @@ private:
     Fundix::Ref<Any> Box(const Type* type, uint32_t kind) {
         switch (kind) {
             case kKindString:
-                return new Primitive<std::string>(text_);
+                return new Primitive<std::string>(std::string(Text()));
             case kKindTypeName:
-                return new Primitive<TypeName>(TypeName(text_));
+                return new Primitive<TypeName>(TypeName(std::string(Text())));
             case kKindPropertyPath:
-                return new Primitive<PropertyPath>(PropertyPath(text_));
+                return new Primitive<PropertyPath>(PropertyPath(std::string(Text())));
             case kKindInt:
                 return new Primitive<int32_t>(Integer<int32_t>("an int"));
             case kKindLong:
@@ -1393,7 +1486,7 @@ private:
             case kKindEnum:
                 return type->AsEnumType()->CreateBox(EnumValue(type));
             case kKindManaged:
-                return new MoRef(refType_ ? std::string(refType_->GetName()) : refName_, text_);
+                return new MoRef(refType_ ? std::string(refType_->GetName()) : refName_, std::string(Text()));
             default:
                 Fail(std::string("cannot read a value of type ") + type->GetName());
         }
@@ -1407,7 +1500,10 @@ private:
     std::vector<std::pair<int, ArrayBase*>> arrays_;  // arrays under construction: property, array
     std::vector<uint64_t> seenMore_;
     std::vector<std::pair<std::string, std::string>> ns_;
-    std::string text_;
+    std::string text_;       // the open leaf's text, or a version's
+    std::string_view view_;  // or while it came in one piece, where it lies in expat's buffer
+    bool bufferKnown_ = false;
+    uintptr_t bufferBegin_ = 0, bufferEnd_ = 0;
     const Type* refType_ = nullptr;  // the open leaf's managed type, when it is a reference
     std::string refName_;            // its type's name when this library does not register it
     bool failed_ = false;
@@ -1422,9 +1518,8 @@ private:
     size_t topIndex_ = 0;
     std::vector<bool> paramSeen_;
     Message message_;
-    static constexpr size_t kDeclaredCache = 128;
-    const PropertyTypeInfo* declaredKeys_[kDeclaredCache] = {};
-    const Type* declaredTypes_[kDeclaredCache] = {};
+    static constexpr size_t kFacts = 128;
+    PropertyFacts facts_[kFacts] = {};
     static constexpr size_t kVersionCache = 16;
     size_t versionsKept_ = 0;
     const char* versionKeys_[kVersionCache] = {};
