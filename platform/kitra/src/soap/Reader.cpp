@@ -1136,7 +1136,23 @@ private:
 
     template <class T>
     T Integer(const char* what) {
-        std::string_view s = Trim(Text());
+        // The form the writer sends: digits, perhaps after a minus, nothing around them, short enough not to
+        // overflow on the way. Anything else, a value out of range included, takes the general path.
+        std::string_view s = Text();
+        if (const size_t sign = !s.empty() && s[0] == '-'; s.size() > sign && s.size() <= 18) {
+            int64_t value = 0;
+            size_t i = sign;
+            for (; i < s.size(); ++i) {
+                const unsigned digit = static_cast<unsigned char>(s[i]) - '0';
+                if (digit > 9) break;
+                value = value * 10 + digit;
+            }
+            if (sign) value = -value;
+            if (i == s.size() && value >= std::numeric_limits<T>::min() &&
+                value <= std::numeric_limits<T>::max())
+                return static_cast<T>(value);
+        }
+        s = Trim(s);
         if (!s.empty() && s.front() == '+') s.remove_prefix(1);
         T value{};
         auto r = std::from_chars(s.data(), s.data() + s.size(), value);
@@ -1260,13 +1276,39 @@ private:
         const EnumType* e = type->AsEnumType();
         std::string_view s = Trim(Text());
         if (e != nullptr) {
+            // Remembered for the message: a page of records repeats a few values of a few enumerations.
+            KnownEnum* known = s.size() <= sizeof(KnownEnum::text) ? &enums_[EnumSlot(e, s)] : nullptr;
+            if (known != nullptr && known->type == e && known->size == s.size() &&
+                std::memcmp(known->text, s.data(), s.size()) == 0)
+                return known->value;
             try {
-                return e->TextToValue(s);  // one lookup for the values that are known
+                const int32_t value = e->TextToValue(s);  // one lookup for the values that are known
+                if (known != nullptr) {
+                    known->type = e;
+                    known->size = static_cast<uint8_t>(s.size());
+                    std::memcpy(known->text, s.data(), s.size());
+                    known->value = value;
+                }
+                return value;
             } catch (const Fundix::InvalidArgumentException&) {
             }
         }
         std::string shown(s.substr(0, 64));
         Fail("unknown value \"" + shown + "\" of " + type->GetWsdlName());
+    }
+
+    struct KnownEnum {
+        const EnumType* type;
+        int32_t value;
+        uint8_t size;
+        char text[19];
+    };
+    static constexpr size_t kEnums = 16;
+    static size_t EnumSlot(const EnumType* e, std::string_view s) {
+        const size_t h =
+            reinterpret_cast<uintptr_t>(e) / 16 + s.size() * 7 +
+            (s.empty() ? 0 : static_cast<unsigned char>(s[0]) * 3 + static_cast<unsigned char>(s.back()));
+        return (h ^ h >> 4) & (kEnums - 1);
     }
 
     // Stores a leaf straight into its data-object field when it is one; otherwise returns it boxed.
@@ -1525,6 +1567,7 @@ private:
     const char* versionKeys_[kVersionCache] = {};
     bool versionIncluded_[kVersionCache] = {};
     Named named_[kNamed] = {};
+    KnownEnum enums_[kEnums] = {};
     // The day of the last date read in the writer's form, and its first microsecond.
     char day_[10] = {};
     bool haveDay_ = false;
