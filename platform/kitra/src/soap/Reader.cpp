@@ -293,12 +293,22 @@ private:
         Guard(self, [&](Reader& r) { r.End(); });
     }
     static void XMLCALL OnText(void* self, const XML_Char* s, int len) {
-        Guard(self, [&](Reader& r) { r.Chars(std::string_view(s, static_cast<size_t>(len))); });
+        auto* r = static_cast<Reader*>(self);
+        const std::string_view text(s, static_cast<size_t>(len));
+        // Most leaves: their text in one piece, in expat's buffer, within the limit.
+        if (!r->failed_ && r->stack_.back().kind == Kind::Leaf && r->view_.empty() && r->text_.empty() &&
+            text.size() <= r->limits_.maxTextBytes && r->InBuffer(text)) {
+            r->view_ = text;
+            return;
+        }
+        Guard(self, [&](Reader& r) { r.Chars(text); });
     }
     static void XMLCALL OnNsStart(void* self, const XML_Char* prefix, const XML_Char* uri) {
+        static_cast<Reader*>(self)->checkedName_ = nullptr;
         Guard(self, [&](Reader& r) { r.ns_.emplace_back(prefix ? prefix : "", uri ? uri : ""); });
     }
     static void XMLCALL OnNsEnd(void* self, const XML_Char* prefix) {
+        static_cast<Reader*>(self)->checkedName_ = nullptr;
         Guard(self, [&](Reader& r) {
             std::string_view p = prefix ? prefix : "";
             for (size_t i = r.ns_.size(); i-- > 0;)
@@ -358,19 +368,18 @@ private:
     }
 
     // The local part of an element's name, which must be in the codec's namespace or in none.
-    const char* LocalName(const char* name) {
-        if (std::strncmp(name, nsSep_.data(), nsSep_.size()) == 0) return name + nsSep_.size();
-        const char* sep = std::strchr(name, kSep);
-        if (sep == nullptr) return name;
-        CheckNamespace(std::string_view(name, static_cast<size_t>(sep - name)), sep + 1);
-        return sep + 1;
-    }
-
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
-        if (parent.kind == Kind::Data) {  // most elements are fields
-            StartField(LocalName(name), attrs);
-            return;
+        // Expat writes the expanded name of each element after the namespace, in a buffer of the namespace's
+        // binding, so the elements of one namespace mostly come at one address. That buffer moves only when
+        // an element of the namespace needs a longer one (and every element passes here), and bindings change
+        // only where a namespace is declared or goes out of scope, which forgets the address.
+        if (name == checkedName_ || std::strncmp(name, nsSep_.data(), nsSep_.size()) == 0) {
+            checkedName_ = name;
+            if (parent.kind == Kind::Data) {  // most elements are fields
+                StartField(name + nsSep_.size(), attrs);
+                return;
+            }
         }
         const char* sep = std::strchr(name, kSep);
         std::string_view uri =
@@ -431,7 +440,9 @@ private:
                 StartReturn(local, attrs);
                 return;
             case Kind::Data:
-                return;  // above
+                CheckNamespace(uri, local);
+                StartField(local.data(), attrs);
+                return;
             case Kind::AnyArray:
                 StartAnyItem(local.data(), attrs);
                 return;
@@ -642,7 +653,7 @@ private:
         StartValue("returnval", declared, attrs, Slot{declared, -4, array}, index);
     }
 
-    void StartField(const char* local, const char** attrs) {
+    [[gnu::always_inline]] void StartField(const char* local, const char** attrs) {
         Frame& parent = stack_.back();
         int index = FindField(parent, local);
         if (index < 0)
@@ -1537,7 +1548,8 @@ private:
     const Codec& codec_;
     const Limits& limits_;
     XML_Parser parser_ = nullptr;
-    std::string nsSep_;  // the codec's namespace and the separator, as expat's names begin
+    std::string nsSep_;                  // the codec's namespace and the separator, as expat's names begin
+    const char* checkedName_ = nullptr;  // where the last element name found to begin so lay
     std::vector<Frame> stack_;
     std::vector<std::pair<int, ArrayBase*>> arrays_;  // arrays under construction: property, array
     std::vector<uint64_t> seenMore_;
