@@ -328,12 +328,14 @@ private:
 
     // ---- Structure
 
-    // Opens a frame in place on the stack (a frame is large: it is never moved while open).
+    // Opens a frame in place on the stack.
     template <class... Args>
-    Frame& Push(Args&&... args) {
-        if (stack_.size() > limits_.maxDepth)
-            Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
+    [[gnu::always_inline]] Frame& Push(Args&&... args) {
+        if (stack_.size() > limits_.maxDepth) TooDeep();
         return stack_.emplace_back(std::forward<Args>(args)...);
+    }
+    [[noreturn, gnu::noinline]] void TooDeep() {
+        Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
     }
 
     const char* Attr(const XML_Char** attrs, std::string_view uri, std::string_view local) const {
@@ -692,19 +694,22 @@ private:
     // where they are unset: try the property after the last one found, then that one again, then search on
     // from there before searching from the start. `local` ends at a terminating zero, as expat's names do.
     static int FindField(Frame& frame, const char* local) {
-        const int n = static_cast<int>(frame.propCount);
-        const PropertyDesc* props = frame.props;
-        auto same = [&](int i) {
-            const char* name = props[i].info->name;
-            return name[0] == local[0] && std::strcmp(local, name) == 0;
-        };
         const int next = frame.lastField + 1;
-        if (next < n && same(next)) return frame.lastField = next;
-        if (next > 0 && same(next - 1)) return next - 1;
+        if (next < static_cast<int>(frame.propCount) && SameName(frame.props[next].info->name, local))
+            return frame.lastField = next;
+        return SearchField(frame, local);
+    }
+    static bool SameName(const char* name, const char* local) {
+        return name[0] == local[0] && std::strcmp(local, name) == 0;
+    }
+    [[gnu::noinline]] static int SearchField(Frame& frame, const char* local) {
+        const int n = static_cast<int>(frame.propCount);
+        const int next = frame.lastField + 1;
+        if (next > 0 && SameName(frame.props[next - 1].info->name, local)) return next - 1;
         for (int i = next + 1; i < n; ++i)
-            if (same(i)) return frame.lastField = i;
+            if (SameName(frame.props[i].info->name, local)) return frame.lastField = i;
         for (int i = 0; i < next - 1 && i < n; ++i)
-            if (same(i)) return frame.lastField = i;
+            if (SameName(frame.props[i].info->name, local)) return frame.lastField = i;
         return -1;
     }
 
