@@ -464,7 +464,7 @@ private:
                 return;
             }
             if (!view_.empty()) {
-                text_.assign(view_);
+                text_.append(view_);  // empty until now
                 view_ = {};
             }
             text_.append(s);
@@ -1414,7 +1414,7 @@ private:
         const std::string_view text = Text();
         if ((d.info->flags & kFlagOptional) == 0) {
             if (char* at = FieldAt(object, d, Storage::String)) {
-                reinterpret_cast<std::string*>(at)->assign(text);
+                *reinterpret_cast<std::string*>(at) = std::string(text);
                 return;
             }
         } else if (char* at = FieldAt(object, d, Storage::OptString)) {
