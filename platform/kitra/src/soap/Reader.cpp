@@ -369,7 +369,6 @@ private:
         return found;
     }
 
-    // The local part of an element's name, which must be in the codec's namespace or in none.
     void Start(const char* name, const char** attrs) {
         Frame& parent = stack_.back();
         // Expat writes the expanded name of each element after the namespace, in a buffer of the namespace's
