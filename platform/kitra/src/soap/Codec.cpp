@@ -60,7 +60,8 @@ std::string Codec::ToText(const Any* value) const {
 }
 
 Codec::Codec(std::string_view version, Limits limits) : version_(ResolveVersion(version)), limits_(limits) {
-    if (version_ == nullptr) throw Fundix::InvalidArgumentException("unknown version " + std::string(version));
+    if (version_ == nullptr)
+        throw Fundix::InvalidArgumentException("unknown version " + std::string(version));
     versionUri_ = "urn:" + version_->wireNamespace + "/" + version_->versionString;
     namespace_ = "urn:" + version_->serviceNamespace;
 
@@ -76,7 +77,8 @@ Codec::Codec(std::string_view version, Limits limits) : version_(ResolveVersion(
         for (Type* t : GetTypeMap()->GetTypes()) {
             add(t->GetVersion());
             if (const DataObjectType* d = t->AsDataObjectType()) {
-                for (const PropertyDesc& p : d->GetProperties()) add(p.info->version);
+                for (const PropertyDesc& p : d->GetProperties())
+                    add(p.info->version);
             } else if (const ManagedObjectType* m = t->AsManagedObjectType()) {
                 for (const ManagedMethod* method : m->GetMethods()) {
                     add(method->GetVersion());
@@ -117,7 +119,8 @@ Type* TypeOf(const TypeInfo* info) {
     static std::unordered_map<const TypeInfo*, Type*>* index;
     std::call_once(once, [] {
         index = new std::unordered_map<const TypeInfo*, Type*>();
-        for (Type* t : GetTypeMap()->GetTypes()) index->emplace(t->GetTypeInfo(), t);
+        for (Type* t : GetTypeMap()->GetTypes())
+            index->emplace(t->GetTypeInfo(), t);
     });
     auto it = index->find(info);
     if (it != index->end()) return it->second;
@@ -160,17 +163,28 @@ void ThrowInvalidArgument(const std::string& path) {
 
 const char* PrimitiveXsdName(uint32_t kind) {
     switch (kind) {
-    case kKindString: return "string";
-    case kKindInt: return "int";
-    case kKindLong: return "long";
-    case kKindShort: return "short";
-    case kKindBool: return "boolean";
-    case kKindByte: return "byte";
-    case kKindFloat: return "float";
-    case kKindDouble: return "double";
-    case kKindDateTime: return "dateTime";
-    case kKindAnyType: return "anyType";
-    default: return nullptr;
+        case kKindString:
+            return "string";
+        case kKindInt:
+            return "int";
+        case kKindLong:
+            return "long";
+        case kKindShort:
+            return "short";
+        case kKindBool:
+            return "boolean";
+        case kKindByte:
+            return "byte";
+        case kKindFloat:
+            return "float";
+        case kKindDouble:
+            return "double";
+        case kKindDateTime:
+            return "dateTime";
+        case kKindAnyType:
+            return "anyType";
+        default:
+            return nullptr;
     }
 }
 
@@ -181,7 +195,7 @@ std::string Capitalised(std::string name) {
 }
 }  // namespace
 
-std::string ItemName(const Type* element) {
+const char* ItemName(const Type* element) {
     uint32_t kind = element->GetKind();
     if (kind == kKindManaged) return "ManagedObjectReference";
     if (kind == kKindTypeName) return "typeName";
@@ -192,14 +206,14 @@ std::string ItemName(const Type* element) {
 
 std::string XsiTypeName(const Type* type) {
     uint32_t kind = type->GetKind();
-    if (kind == kKindArray) return "ArrayOf" + Capitalised(ItemName(static_cast<const ArrayType*>(type)->GetElementType()));
+    if (kind == kKindArray)
+        return "ArrayOf" + Capitalised(ItemName(static_cast<const ArrayType*>(type)->GetElementType()));
     if (kind == kKindManaged) return "ManagedObjectReference";
     if (kind == kKindTypeName) return "TypeName";
     if (kind == kKindPropertyPath) return "PropertyPath";
     if (const char* xsd = PrimitiveXsdName(kind)) return std::string("xsd:") + xsd;
     return type->GetWsdlName();
 }
-
 
 }  // namespace Detail
 }  // namespace Kitra::Soap

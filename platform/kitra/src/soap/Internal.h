@@ -19,7 +19,7 @@ namespace Kitra::Soap::Detail {
 // "ArrayOfString", or the type's WSDL name.
 std::string XsiTypeName(const Type* type);
 // The element name of one item of an array whose element type is `element`, inside an anyType place.
-std::string ItemName(const Type* element);
+const char* ItemName(const Type* element);
 // The schema name of a primitive kind ("int", "dateTime"), or null for other kinds.
 const char* PrimitiveXsdName(uint32_t kind);
 
