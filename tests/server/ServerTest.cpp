@@ -9,9 +9,12 @@
 #include <fstream>
 #include <thread>
 
+#include <set>
+
 #include <gtest/gtest.h>
 
 #include <dovra/fault/types.h>
+#include <dovra/types.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
 #include <kitra/fault/types.h>
@@ -373,15 +376,35 @@ TEST_F(ServerTest, JobsAndTasksServedThroughTheirInterfacesAndTheState) {
     EXPECT_EQ(conversionJob->GetName(), "second");
     ExpectFault<Dovra::Fault::InvalidState>([&] { c.conversions->DestroyJob(created->GetJob(), {}); });
 
-    // What no manager serves names the method under the type that declares it.
+    // The managers describe what starts tasks, task states and event kinds; the root folder holds every job.
     auto task = c.Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     Ref<Morphel::Task::TaskManagerStub> tasks(new Morphel::Task::TaskManagerStub("TaskManager", c.adapter.Get(), nullptr));
-    Ref<Kitra::MoRef> none;
     Ref<Morphel::Task::TaskDescription> description;
-    EXPECT_EQ(NotImplemented([&] { tasks->GetDescription(description); }),
-              "morphel.task.TaskManager.description");
-    EXPECT_EQ(NotImplemented([&] { c.conversions->GetRootFolder(none); }),
-              "morphel.server.conversion.ConversionManager.rootFolder");
+    tasks->GetDescription(description);
+    EXPECT_EQ(description->GetState()->GetLength(), 4u);
+    Ref<Morphel::Task::TaskInfo> running;
+    task->GetInfo(running);
+    EXPECT_EQ(description->GetMethodInfo()->Get(0)->GetKey(), running->GetDescriptionId());
+    Ref<Morphel::Event::EventDescription> kinds;
+    c.events->GetDescription(kinds);
+    std::set<std::string> keys;
+    for (size_t i = 0; i < kinds->GetEventInfo()->GetLength(); ++i)
+        keys.insert(kinds->GetEventInfo()->Get(i)->GetKey());
+    EXPECT_EQ(keys.count("morphel.event.Event") + keys.count("morphel.event.DiskClonedEvent") +
+                  keys.count("morphel.event.TaskEvent"),
+              3u);
+    EXPECT_EQ(keys.count("morphel.task.TaskInfo"), 0u);
+    EXPECT_EQ(kinds->GetType()->GetLength(), 3u);
+    Ref<Kitra::MoRef> root;
+    c.conversions->GetRootFolder(root);
+    auto folder = c.Make<Morphel::Server::Conversion::ConversionFolderStub>(root.Get());
+    Ref<Kitra::DataArray<Kitra::MoRef>> jobs;
+    folder->GetJob(jobs);
+    ASSERT_EQ(jobs->GetLength(), 1u);
+    EXPECT_EQ(jobs->Get(0)->GetId(), jobId);
+    EXPECT_EQ(folder->GetName(), MorphelServer::kConversionFolderName);
+    EXPECT_EQ(folder->GetOverallStatus(), Morphel::Server::ManagedEntity::Status::gray);  // its run goes on
+    ExpectFault<Dovra::Fault::InvalidName>([&] { folder->Rename("elsewhere"); });
 
     // The task manager's setting, checked and kept.
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { tasks->SetMaxTask(0); });

@@ -3,6 +3,7 @@
 // server library.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include <dovra/types.h>
 #include <fundix/Ref.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
@@ -31,6 +33,10 @@ template <class T>
 Fundix::Ref<Kitra::MoRef> RefTo(const std::string& id) {
     return new Kitra::MoRef(Kitra::GetType<T>()->GetName(), id);
 }
+
+// Descriptions of elements (a task's method, a state, an event type), each a key, a label and a summary.
+Fundix::Ref<Kitra::DataArray<Dovra::ElementDescription>> Descriptions(
+    const std::vector<std::array<std::string, 3>>& rows);
 
 // Raises `fault` as its own exception class.
 [[noreturn]] void Raise(Fundix::Ref<Kitra::MethodFault> fault);

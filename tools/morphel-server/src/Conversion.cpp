@@ -109,6 +109,55 @@ void LogJob(Context& context, StateTransaction& tx, const JobRecord& job, const 
     context.Log(tx, event.Get(), 0, user, Morphel::Event::Event::Type::info, message, job.id);
 }
 
+using Status = Morphel::Server::ManagedEntity::Status;
+
+// A job's from its last run: gray while none has ended, green when it succeeded, yellow when it was
+// cancelled, red when it failed.
+Status StatusOf(const ConversionJobInfo& info) {
+    if (info.GetActiveTask() != nullptr || !info.GetLastRunCompleteTime().IsSet()) return Status::gray;
+    if (info.GetNumConsecutiveErrors() == 0) return Status::green;
+    return dynamic_cast<Morphel::Agent::Internal::Fault::Cancel*>(info.GetMostRecentError()) != nullptr
+               ? Status::yellow
+               : Status::red;
+}
+
+// The folder of every conversion job, the conversion manager's root folder. It keeps its name: renaming
+// it raises dovra.fault.InvalidName naming it. Its status is the worst of its jobs' (red, yellow, green;
+// gray when none has a run that ended).
+class ConversionFolderImpl : public Morphel::Server::Conversion::ConversionFolderBase {
+public:
+    explicit ConversionFolderImpl(Context& context) : context_(context) {}
+
+    void GetJob(Ref<Kitra::DataArray<Kitra::MoRef>>& result) override {
+        Ref<Kitra::DataArray<Kitra::MoRef>> jobs(new Kitra::DataArray<Kitra::MoRef>());
+        for (const auto& id : context_.state->Run([](StateTransaction& tx) { return tx.JobIds(); }))
+            jobs->Append(JobRefTo(id).Get());
+        result = jobs;
+    }
+    std::string GetName() override { return kConversionFolderName; }
+    std::string Rename(const std::string& newName) override {
+        Ref<Dovra::Fault::InvalidName> fault(new Dovra::Fault::InvalidName());
+        fault->SetName(newName);
+        fault->SetEntity(RefTo<Morphel::Server::Conversion::ConversionFolder>(kConversionFolderId).Get());
+        Raise(fault.Get());
+    }
+    Status GetOverallStatus() override {
+        Status worst = Status::gray;
+        auto rank = [](Status s) {
+            return s == Status::red ? 3 : s == Status::yellow ? 2 : s == Status::green ? 1 : 0;
+        };
+        context_.state->Transact([&](StateTransaction& tx) {
+            for (const auto& id : tx.JobIds())
+                if (auto job = tx.FindJob(id); job && rank(StatusOf(*job->info)) > rank(worst))
+                    worst = StatusOf(*job->info);
+        });
+        return worst;
+    }
+
+private:
+    Context& context_;
+};
+
 // A conversion job, served as the job and as the managed entity it is.
 class ConversionJobImpl : public Morphel::Server::Conversion::ConversionJobBase {
 public:
@@ -125,17 +174,8 @@ public:
         return context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).spec->GetName(); });
     }
 
-    // From the last run: gray while none has ended, green when it succeeded, yellow when it was cancelled,
-    // red when it failed.
     Morphel::Server::ManagedEntity::Status GetOverallStatus() override {
-        using Status = Morphel::Server::ManagedEntity::Status;
-        JobRecord job = context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_); });
-        const auto& info = *job.info;
-        if (info.GetActiveTask() != nullptr || !info.GetLastRunCompleteTime().IsSet()) return Status::gray;
-        if (info.GetNumConsecutiveErrors() == 0) return Status::green;
-        return dynamic_cast<Morphel::Agent::Internal::Fault::Cancel*>(info.GetMostRecentError()) != nullptr
-                   ? Status::yellow
-                   : Status::red;
+        return StatusOf(*context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, id_).info; }));
     }
 
     std::string Rename(const std::string& newName) override {
@@ -355,6 +395,9 @@ public:
             context_.state->Run([&](StateTransaction& tx) { return FindJob(tx, conversionJob).extraInfo; });
     }
     Fundix::Optional<int32_t> GetMaxCollector() override { return kMaxCollectors; }
+    void GetRootFolder(Ref<Kitra::MoRef>& result) override {
+        result = RefTo<Morphel::Server::Conversion::ConversionFolder>(kConversionFolderId);
+    }
     void CreateCollector(Morphel::Server::Job::JobFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
         result = CreateJobCollector(context_, filter);
     }
@@ -621,6 +664,7 @@ Ref<Kitra::ManagedObject> RegisterJob(Context& context, const std::string& id) {
 void AttachConversions(Context& context) {
     context.Register(kConversionManagerId,
                      Ref<ConversionManagerImpl>(new ConversionManagerImpl(context)).Get());
+    context.Register(kConversionFolderId, Ref<ConversionFolderImpl>(new ConversionFolderImpl(context)).Get());
     for (const auto& id : context.state->Run([](StateTransaction& tx) { return tx.JobIds(); }))
         RegisterJob(context, id);
 }

@@ -1,5 +1,7 @@
 // The event manager and its history collectors: views over the events a filter selects (Collector.h).
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <set>
 
 #include <morphel/event/types.h>
@@ -32,6 +34,32 @@ public:
         });
     }
     int32_t GetMaxCollector() override { return kMaxCollectors; }
+    // Every kind of event the interface defines, by wire name (its label the class's name, its summary that
+    // name in words: "Disk cloned event"), and the three types of event.
+    void GetDescription(Ref<Morphel::Event::EventDescription>& result) override {
+        static const Ref<Kitra::DataArray<Dovra::ElementDescription>> kinds = [] {
+            const Kitra::Type* base = Kitra::GetType<Event>();
+            std::vector<std::array<std::string, 3>> rows;
+            for (const Kitra::Type* type : Kitra::GetTypeMap()->GetTypes()) {
+                if (!type->IsA(base)) continue;
+                std::string name = type->GetName(), label = name.substr(name.rfind('.') + 1), words;
+                for (char c : label)
+                    words += words.empty() ? std::string(1, c)
+                             : std::isupper(static_cast<unsigned char>(c))
+                                 ? std::string(" ") + char(std::tolower(static_cast<unsigned char>(c)))
+                                 : std::string(1, c);
+                rows.push_back({name, label, words});
+            }
+            std::sort(rows.begin(), rows.end());
+            return Descriptions(rows);
+        }();
+        result = new Morphel::Event::EventDescription(
+            Ref<Kitra::DataArray<Dovra::ElementDescription>>(kinds->_Clone()).Get(),
+            Descriptions({{"info", "Information", "An event that informs"},
+                          {"warning", "Warning", "An event that warns of something that may need attention"},
+                          {"error", "Error", "An event that records a failure"}})
+                .Get());
+    }
 
 private:
     Context& context_;

@@ -28,6 +28,15 @@ std::vector<std::string> Service::Versions() {
 
 // ---- What the managers share
 
+Ref<Kitra::DataArray<Dovra::ElementDescription>> Descriptions(
+    const std::vector<std::array<std::string, 3>>& rows) {
+    Ref<Kitra::DataArray<Dovra::ElementDescription>> list(new Kitra::DataArray<Dovra::ElementDescription>());
+    for (const auto& [key, label, summary] : rows)
+        list->Append(
+            Ref<Dovra::ElementDescription>(new Dovra::ElementDescription(label, summary, key)).Get());
+    return list;
+}
+
 void Raise(Ref<Kitra::MethodFault> fault) {
     fault->Throw();
     std::abort();  // not reached: Throw always throws

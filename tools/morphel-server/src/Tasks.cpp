@@ -79,6 +79,22 @@ public:
         context_.state->Transact([&](StateTransaction& tx) { tx.SetMaxTask(maxTask); });
     }
     int32_t GetMaxCollector() override { return kMaxCollectors; }
+    // The operations that start tasks here (a task's descriptionId) and the states of a task.
+    void GetDescription(Ref<Morphel::Task::TaskDescription>& result) override {
+        result = new Morphel::Task::TaskDescription(
+            Descriptions({{"morphel.server.conversion.ConversionManager.createJob", "Convert",
+                           "The first run of a conversion job"},
+                          {"morphel.task.ScheduledTaskManager.create", "Scheduled conversion",
+                           "A run of a conversion job that a scheduled task started"},
+                          {"morphel.task.TaskManager.createTask", "Convert a machine",
+                           "A conversion of a task of its own, without a job"}})
+                .Get(),
+            Descriptions({{"queued", "Queued", "The task waits to run"},
+                          {"running", "Running", "The task runs"},
+                          {"success", "Completed", "The task ended as it should"},
+                          {"error", "Failed", "The task ended with an error or was cancelled"}})
+                .Get());
+    }
     void CreateCollector(Morphel::Task::TaskFilterSpec* filter, Ref<Kitra::MoRef>& result) override {
         result = CreateTaskCollector(context_, filter);
     }

@@ -52,6 +52,8 @@ inline constexpr const char* kTaskManagerId = "TaskManager";
 inline constexpr const char* kEventManagerId = "EventManager";
 inline constexpr const char* kDiagnosticManagerId = "DiagnosticManager";
 inline constexpr const char* kScheduledTaskManagerId = "ScheduledTaskManager";
+inline constexpr const char* kConversionFolderId = "ConversionFolder";  // the conversion manager's rootFolder
+inline constexpr const char* kConversionFolderName = "Conversion jobs";
 
 class Service {
 public:
