@@ -38,75 +38,33 @@ using namespace std::chrono_literals;
 constexpr const char* kFail = "failIfActiveTask";
 constexpr const char* kCancel = "cancelActiveTask";
 
-// Whether `done` holds within ten seconds.
-bool Eventually(const std::function<bool()>& done) {
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; !done();) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
 // One service on loopback, its conversions taking the time a test asks for, and a client logged in to it.
 class OperationsTest : public ::testing::Test {
 protected:
     void Start(std::chrono::milliseconds conversionTime) {
         MorphelServer::ServiceOptions options;
         options.conversionTime = conversionTime;
-        service_ = std::make_unique<MorphelServer::Service>(options);
-        Kitra::Http::ServerOptions serverOptions;
-        serverOptions.versions = MorphelServer::Service::Versions();
-        server_ = std::make_unique<Kitra::Http::Server>(serverOptions);
-        service_->Attach(*server_);
-        server_->Start();
-        adapter_ = new Kitra::Http::StubAdapter(server_->GetUrl(), "morphel.version.version4");
-        Ref<Morphel::SessionManagerStub> sessions(
-            new Morphel::SessionManagerStub("SessionManager", adapter_.Get(), nullptr));
-        Ref<Morphel::UserSession> session;
-        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        conversions_ = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
-                                                                              adapter_.Get(), nullptr);
-        tasks_ = new Morphel::Task::TaskManagerStub("TaskManager", adapter_.Get(), nullptr);
-        scheduled_ =
-            new Morphel::Task::ScheduledTaskManagerStub("ScheduledTaskManager", adapter_.Get(), nullptr);
+        hosted_ = std::make_unique<Hosted>(options);
+        client_ = std::make_unique<Client>(hosted_->Url());
+        conversions_ = client_->conversions;
+        tasks_ = client_->tasks;
+        scheduled_ = client_->scheduled;
     }
-    void TearDown() override {
-        if (server_) server_->Stop();
-        server_.reset();
-        service_.reset();
-    }
-
     template <class Stub>
     Ref<Stub> Make(const Kitra::MoRef* ref) {
-        return new Stub(ref->GetId(), adapter_.Get(), nullptr);
+        return client_->Make<Stub>(ref);
     }
 
-    // A job converting this machine into a hosted machine "copy", with `extraInfo`, its spec as `adjust`
-    // leaves it.
+    // A job converting this machine, with `extraInfo`, its spec as `adjust` leaves it.
     Ref<ConversionJobInfo> CreateJob(
         const std::string& name, Kitra::Any* extraInfo = nullptr,
         const std::function<void(Morphel::Server::Conversion::ConversionJobSpec&)>& adjust = {}) {
-        Ref<Morphel::ComputerSpec> source = ThisMachine();
-        Ref<Morphel::Params::TargetVmSpec> target(new Morphel::Params::TargetVmSpec());
-        target->SetName("copy");
-        target->SetLocation(Ref<Morphel::Params::TargetVmSpec::HostedVmLocation>(
-                                new Morphel::Params::TargetVmSpec::HostedVmLocation("/vms", {}, {}, {}))
-                                .Get());
-        Ref<Morphel::Params::CloningParams> cloning(new Morphel::Params::CloningParams());
-        cloning->SetTarget(target.Get());
-        Ref<Morphel::Params::ConversionParams> params(new Morphel::Params::ConversionParams());
-        params->SetCloningParams(cloning.Get());
-        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
-            new Morphel::Server::Conversion::ConversionJobSpec());
-        spec->SetName(name);
-        spec->SetSource(source.Get());
-        spec->SetConversionParams(params.Get());
+        auto spec = JobSpecOfThisMachine(name);
         if (adjust) adjust(*spec);
         Ref<ConversionJobInfo> info;
         conversions_->CreateJob(spec.Get(), extraInfo, info);
         return info;
     }
-
     Ref<Morphel::Task::ScheduledTaskInfo> Scheduled(Kitra::MoRef* task) {
         Ref<Morphel::Task::ScheduledTaskInfo> info;
         scheduled_->Get(task, info);
@@ -117,25 +75,16 @@ protected:
         EXPECT_TRUE(Eventually([&] { return JobInfo(job)->GetActiveTask() != nullptr; }));
         return JobInfo(job);
     }
-    // The events `filter` selects.
-    Ref<Kitra::DataArray<Morphel::Event::Event>> Events(Morphel::Event::EventFilterSpec* filter) {
-        Ref<Kitra::DataArray<Morphel::Event::Event>> events;
-        Ref<Morphel::Event::EventManagerStub>(
-            new Morphel::Event::EventManagerStub("EventManager", adapter_.Get(), nullptr))
-            ->QueryEvent(filter, events);
-        return events;
-    }
     // The messages of the events recorded against `job`, oldest first.
     std::vector<std::string> MessagesOf(Kitra::MoRef* job) {
         Ref<Morphel::Event::EventFilterSpec> byJob(new Morphel::Event::EventFilterSpec());
         byJob->SetJob(job);
-        auto events = Events(byJob.Get());
+        auto events = client_->Events(byJob.Get());
         std::vector<std::string> messages;
         for (size_t i = 0; events != nullptr && i < events->GetLength(); ++i)
             messages.push_back(events->Get(i)->GetFullMessage().GetValue());
         return messages;
     }
-
     Ref<TaskInfo> TaskOf(Kitra::MoRef* task) {
         Ref<TaskInfo> info;
         tasks_->GetTaskInfo(task, info);
@@ -143,13 +92,9 @@ protected:
     }
     // The task's info once `done` holds for it (a failure after ten seconds).
     Ref<TaskInfo> WaitFor(Kitra::MoRef* task, const std::function<bool(const TaskInfo&)>& done) {
-        auto deadline = std::chrono::steady_clock::now() + 10s;
-        Ref<TaskInfo> info = TaskOf(task);
-        while (!done(*info) && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(10ms);
-            info = TaskOf(task);
-        }
-        EXPECT_TRUE(done(*info)) << "task " << task->GetId() << " never got there";
+        Ref<TaskInfo> info;
+        EXPECT_TRUE(Eventually([&] { return done(*(info = TaskOf(task))); }))
+            << "task " << task->GetId() << " never got there";
         return info;
     }
     Ref<ConversionJobInfo> JobInfo(ConversionJobStub* job) {
@@ -158,9 +103,8 @@ protected:
         return info;
     }
 
-    std::unique_ptr<MorphelServer::Service> service_;
-    std::unique_ptr<Kitra::Http::Server> server_;
-    Ref<Kitra::Http::StubAdapter> adapter_;
+    std::unique_ptr<Hosted> hosted_;
+    std::unique_ptr<Client> client_;
     Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions_;
     Ref<Morphel::Task::TaskManagerStub> tasks_;
     Ref<Morphel::Task::ScheduledTaskManagerStub> scheduled_;
@@ -190,12 +134,6 @@ TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
     EXPECT_TRUE(TaskOf(created->GetActiveTask())->IsCancelable());
     auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     auto job = Make<ConversionJobStub>(created->GetJob());
-    EXPECT_EQ(job->GetOverallStatus(), Status::gray);
-    Ref<Morphel::Task::TaskSpec> spec;
-    tasks_->GetTaskSpec(created->GetActiveTask(), spec);
-    Ref<Morphel::Task::ConversionRuntimeEnvironmentInfo> env(
-        new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
-    EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 4);
 
     WaitFor(created->GetActiveTask(), Running);
     task->Cancel();
@@ -282,6 +220,9 @@ TEST_F(OperationsTest, DestroyJobCancelsItsActiveTaskOnlyWhenAsked) {
     conversions_->DestroyJob(created->GetJob(), std::string(kCancel));
     Ref<ConversionJobInfo> gone;
     ExpectFault<Dovra::Fault::NotFound>([&] { conversions_->GetJobInfo(created->GetJob(), gone); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { conversions_->DestroyJob(created->GetJob(), {}); });
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
+        [&] { JobInfo(Make<ConversionJobStub>(created->GetJob()).Get()); });
     EXPECT_TRUE(TaskOf(created->GetActiveTask())->IsCancelled());
     // The task stays; what it converted went with its job.
     Ref<Morphel::Task::TaskSpec> spec;
@@ -409,6 +350,7 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     task->GetSpec(property);
     EXPECT_TRUE(property->_IsEqual(spec.Get(), false));
     ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetTaskSpec(unknown.Get(), spec); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { TaskOf(unknown.Get()); });
 
     // An empty array travels as none.
     Ref<Kitra::DataArray<TaskInfo>> children;
@@ -619,15 +561,14 @@ TEST_F(OperationsTest, TasksOfTheirOwnRunAndEndedTasksGo) {
         [&] { Make<Morphel::Task::TaskStub>(ref.Get())->GetEvent(events); });
     Ref<Morphel::Event::EventFilterSpec> chain(new Morphel::Event::EventFilterSpec());
     chain->SetEventChainId(created->GetEventChainId());
-    EXPECT_EQ(Events(chain.Get())->GetLength(), events->GetLength());
+    EXPECT_EQ(client_->Events(chain.Get())->GetLength(), events->GetLength());
 }
 
 TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     Start(1h);
     Ref<ConversionJobInfo> created = CreateJob("bundled");
     Kitra::MoRef* task = created->GetActiveTask();
-    Ref<Morphel::DiagnosticManagerStub> diagnostics(
-        new Morphel::DiagnosticManagerStub("DiagnosticManager", adapter_.Get(), nullptr));
+    Ref<Morphel::DiagnosticManagerStub> diagnostics = client_->diagnostics;
     Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
     diagnostics->GenerateTaskLogBundle(task, info);
     const std::string key = info->GetKey();

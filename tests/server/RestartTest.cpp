@@ -34,41 +34,6 @@ using Fundix::Ref;
 using Morphel::Server::Conversion::ConversionJobInfo;
 using Morphel::Task::TaskInfo;
 
-struct TempFolder {
-    TempFolder() {
-        char name[] = "/tmp/morphel-restart-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
-// A client of the service at `url`, logged in as demo.
-struct Client {
-    explicit Client(const std::string& url)
-        : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {
-        Ref<Morphel::SessionManagerStub> sessions(
-            new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
-        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
-                                                                             adapter.Get(), nullptr);
-        tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
-        events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
-        diagnostics = new Morphel::DiagnosticManagerStub("DiagnosticManager", adapter.Get(), nullptr);
-    }
-    Ref<ConversionJobInfo> CreateJob(const std::string& name) {
-        Ref<ConversionJobInfo> created;
-        conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
-        return created;
-    }
-    Ref<Kitra::Http::StubAdapter> adapter;
-    Ref<Morphel::UserSession> session;
-    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
-    Ref<Morphel::Task::TaskManagerStub> tasks;
-    Ref<Morphel::Event::EventManagerStub> events;
-    Ref<Morphel::DiagnosticManagerStub> diagnostics;
-};
-
 // The task failed as one the restart cut off.
 void ExpectInterrupted(const TaskInfo& info) {
     EXPECT_EQ(info.GetState(), TaskInfo::State::error);
@@ -105,10 +70,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
                 Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
             collectorId = ref->GetId();
             owner = c.session->GetKey();
-            Ref<Morphel::Event::EventHistoryCollectorStub> collector(
-                new Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr));
             Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-            collector->ReadNext(2, page);
+            c.Make<Morphel::Event::EventHistoryCollectorStub>(collectorId)->ReadNext(2, page);
             Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
             c.diagnostics->GenerateLogBundle(nullptr, info);
             bundleKey = info->GetKey();
@@ -175,10 +138,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         EXPECT_EQ(ReadBundle(*c.diagnostics, bundleKey, 1 << 20), bundle);
         // Sessions end with the server that held them, and their collectors with them.
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-        ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr)
-                .ReadNext(1, page);
-        });
+        ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
+            [&] { c.Make<Morphel::Event::EventHistoryCollectorStub>(collectorId)->ReadNext(1, page); });
         options.state->Transact(
             [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
     }
@@ -226,13 +187,12 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         Ref<TaskInfo> info;
         c.tasks->GetTaskInfo(taskRef.Get(), info);
         ExpectInterrupted(*info);
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        do {
+        EXPECT_TRUE(Eventually([&] {
             // Not too often: the program's log goes to a pipe read only at its start.
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             c.conversions->GetJobInfo(later->GetJob(), job);
-        } while (!job->GetLastRunStartTime().IsSet() && std::chrono::steady_clock::now() < deadline);
-        EXPECT_TRUE(job->GetLastRunStartTime().IsSet());
+            return job->GetLastRunStartTime().IsSet();
+        }));
         EXPECT_EQ(job->GetNumConsecutiveErrors(), 0);  // started here, not cut off there
         EXPECT_FALSE(job->GetNextRunStartTime().IsSet());
     }
@@ -251,12 +211,11 @@ TEST(Restart, TwoProgramsOnOnePostgresDatabaseServeOneClient) {
     Program a(args), b(args);
     ASSERT_FALSE(a.Url().empty());
     ASSERT_FALSE(b.Url().empty());
-    Client throughA(a.Url());
+    Client throughA(a.Url()), throughB(b.Url(), "");
     Ref<Kitra::MoRef> task = throughA.CreateJob("shared")->GetActiveTask();
-    Ref<Kitra::Http::StubAdapter> toB(new Kitra::Http::StubAdapter(b.Url(), "morphel.version.version4"));
-    toB->SetSession(throughA.adapter->GetSession());
+    throughB.adapter->SetSession(throughA.adapter->GetSession());
     Ref<TaskInfo> info;
-    Morphel::Task::TaskStub(task->GetId(), toB.Get(), nullptr).GetInfo(info);
+    throughB.Make<Morphel::Task::TaskStub>(task.Get())->GetInfo(info);
     EXPECT_EQ(info->GetKey(), task->GetId());
 }
 
