@@ -1,7 +1,6 @@
 // A restart over a database file keeps every job, task, event, collector and log bundle the server
 // acknowledged, and fails the tasks it cut off: after the service is destroyed and another attached to the
-// same file, and after the program is killed with SIGKILL and started again. And two programs on one
-// PostgreSQL database serve one client between them.
+// same file, and after the program is killed with SIGKILL and started again.
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -23,8 +22,6 @@
 #include <morphel/server/conversion/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
-
-#include "Postgres.h"
 
 #include "Support.h"
 
@@ -198,25 +195,6 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
     }
     int status = second.Kill(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
-// Two programs on one PostgreSQL database: a client logged in through one calls the other, which serves
-// the objects the first created.
-TEST(Restart, TwoProgramsOnOnePostgresDatabaseServeOneClient) {
-    auto& cluster = TestPostgres::Cluster::Get();
-    if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
-    const std::string conninfo = cluster.NewDatabase();
-    ASSERT_FALSE(conninfo.empty());
-    std::vector<std::string> args{"--listen", "127.0.0.1:0", "--database", cluster.Uri(conninfo)};
-    Program a(args), b(args);
-    ASSERT_FALSE(a.Url().empty());
-    ASSERT_FALSE(b.Url().empty());
-    Client throughA(a.Url()), throughB(b.Url(), "");
-    Ref<Kitra::MoRef> task = throughA.CreateJob("shared")->GetActiveTask();
-    throughB.adapter->SetSession(throughA.adapter->GetSession());
-    Ref<TaskInfo> info;
-    throughB.Make<Morphel::Task::TaskStub>(task.Get())->GetInfo(info);
-    EXPECT_EQ(info->GetKey(), task->GetId());
 }
 
 }  // namespace

@@ -19,21 +19,13 @@
 
 #include "Postgres.h"
 
+#include "Support.h"
+
 namespace {
 
 using Fundix::Ref;
 using Fundix::System::DateTime;
 using MorphelServer::StateTransaction;
-
-// A folder of its own, removed with everything in it.
-struct TempFolder {
-    TempFolder() {
-        char name[] = "/tmp/morphel-state-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
 
 std::vector<int32_t> Keys(const std::vector<Ref<Morphel::Event::Event>>& events) {
     std::vector<int32_t> keys;
@@ -51,26 +43,12 @@ Ref<Morphel::Event::Event> EventAt(int64_t micros) {
 
 // Records as complete as the service writes them.
 MorphelServer::JobRecord Job(const std::string& id, const std::string& name) {
-    MorphelServer::JobRecord job;
-    job.id = id;
-    job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
-    job.spec->SetName(name);
-    job.spec->SetSource(Ref<Morphel::ComputerSpec>(
-                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
-                                                          new Morphel::ComputerSpec::HostedVmLocation())
-                                                          .Get()))
-                            .Get());
-    job.spec->SetConversionParams(
-        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
-    job.info = new Morphel::Server::Conversion::ConversionJobInfo();
+    MorphelServer::JobRecord job{id, new Morphel::Server::Conversion::ConversionJobInfo(),
+                                 JobSpecOfThisMachine(name), nullptr};
     job.info->SetKey(id);
     job.info->SetJob(
         Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", id)).Get());
-    job.info->SetTargetVm(Ref<Morphel::ComputerSpec>(
-                              new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
-                                                            new Morphel::ComputerSpec::HostedVmLocation())
-                                                            .Get()))
-                              .Get());
+    job.info->SetTargetVm(job.spec->GetSource());
     return job;
 }
 MorphelServer::TaskRecord Task(const std::string& id) {
@@ -292,35 +270,9 @@ TEST_P(StateTest, DropsTheOldestEventsByCountAndAge) {
     }
 }
 
-// ---- The database file
-
-class SqliteStateTest : public ::testing::Test {
-protected:
-    std::string Path() const { return folder_.path + "/state.db"; }
-    // Runs `sql` on the file directly.
-    void Sql(const std::string& sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
-        char* error = nullptr;
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
-        sqlite3_free(error);
-        sqlite3_close(db);
-    }
-    // The message of the std::runtime_error that `f` throws.
-    static std::string Failure(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        ADD_FAILURE() << "no failure";
-        return "";
-    }
-    TempFolder folder_;
-};
-
-TEST_F(SqliteStateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
-    auto state = MorphelServer::NewSqliteState(Path());
+TEST_P(StateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
+    if (std::string(GetParam()) == "memory") GTEST_SKIP() << "memory keeps nothing to roll back to";
+    auto state = Open();
     state->Transact([](StateTransaction& tx) {
         tx.AppendEvent(EventAt(100).Get());
         MorphelServer::CollectorRecord c;
@@ -349,13 +301,40 @@ TEST_F(SqliteStateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvive
     };
     state->Transact(check);
     state.reset();
-    state = MorphelServer::NewSqliteState(Path());
+    state = Open();
     state->Transact([](StateTransaction& tx) {
         EXPECT_EQ(tx.NextId(), 2);
         EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), (std::vector<int32_t>{1, 2}));
         EXPECT_EQ(tx.SelectEvents(nullptr)[0]->GetUserName(), "ann");
     });
 }
+
+// ---- The database file
+
+class SqliteStateTest : public ::testing::Test {
+protected:
+    std::string Path() const { return folder_.path + "/state.db"; }
+    // Runs `sql` on the file directly.
+    void Sql(const std::string& sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
+        char* error = nullptr;
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
+        sqlite3_free(error);
+        sqlite3_close(db);
+    }
+    // The message of the std::runtime_error that `f` throws.
+    static std::string Failure(const std::function<void()>& f) {
+        try {
+            f();
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        ADD_FAILURE() << "no failure";
+        return "";
+    }
+    TempFolder folder_;
+};
 
 TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
     auto put = [](StateTransaction& tx) {
