@@ -45,18 +45,13 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     const std::string path = folder.path + "/state.db";
     std::string jobId, taskId, runningId, doneId, collectorId, owner, bundleKey, bundle;
     std::vector<int32_t> keys;
+    MorphelServer::ServiceOptions options;
     {
-        MorphelServer::ServiceOptions options;
         options.state = MorphelServer::NewSqliteState(path);
         options.conversionTime = std::chrono::hours(1);  // still queued when the service goes
-        MorphelServer::Service service(options);
-        Kitra::Http::ServerOptions serverOptions;
-        serverOptions.versions = MorphelServer::Service::Versions();
-        Kitra::Http::Server server(serverOptions);
-        service.Attach(server);
-        server.Start();
+        Hosted hosted(options);
         {
-            Client c(server.GetUrl());
+            Client c(hosted.Url());
             auto created = c.CreateJob("kept");
             jobId = created->GetJob()->GetId();
             taskId = created->GetActiveTask()->GetId();
@@ -74,7 +69,7 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
             bundleKey = info->GetKey();
             bundle = ReadBundle(*c.diagnostics, bundleKey, 1 << 20);
         }
-        server.Stop();
+        hosted.server->Stop();
         options.state->Transact([&](MorphelServer::StateTransaction& tx) {
             // One task was running when the service went, another had finished.
             for (auto [id, state] :
@@ -88,9 +83,10 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         });
     }
 
-    MorphelServer::ServiceOptions options;
+    options.state.reset();  // the file's lock goes with its last holder
     options.state = MorphelServer::NewSqliteState(path);
-    MorphelServer::Service again(options);
+    MorphelServer::Service again(
+        options);  // served only below: attached, it ends the old sessions' collectors
     options.state->Transact([&](MorphelServer::StateTransaction& tx) {
         auto task = tx.FindTask(taskId);
         ASSERT_TRUE(task.has_value());
