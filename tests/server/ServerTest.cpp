@@ -350,14 +350,9 @@ TEST(ServerAccounts, ParsedFromFilesWithHashesAndPrivileges) {
     // Each error names the file and line, and a password in plain text says how to hash it.
     auto error = [&](const std::string& text) {
         std::ofstream(path) << "ann:" << hash << "\n" << text << "\n";
-        try {
-            MorphelServer::ReadAccounts(path);
-        } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find(path + ":2: "), std::string::npos) << e.what();
-            return std::string(e.what());
-        }
-        ADD_FAILURE() << text;
-        return std::string();
+        std::string message = Failure([&] { MorphelServer::ReadAccounts(path); });
+        EXPECT_NE(message.find(path + ":2: "), std::string::npos) << text << ": " << message;
+        return message;
     };
     EXPECT_NE(error("bob:secret").find("morphel-server --hash-password bob"), std::string::npos);
     EXPECT_NE(error("bob:$1$abc$def").find("not a password hash"), std::string::npos);
@@ -401,13 +396,10 @@ TEST(ServerMachine, VolumesLieOnListedDisks) {
 // Over HTTPS the content names the certificate for clients to pin; a client that expects another one gets
 // the interface's own fault with what was presented.
 TEST(ServerTls, ContentCarriesTheThumbprintAndARejectionMapsToTheInterfacesFault) {
-    Service service;
     Kitra::Http::ServerOptions options;
-    options.versions = Service::Versions();
     options.tls = Kitra::Http::Tls::CreateSelfSigned("morphel test", {"127.0.0.1"});
-    Kitra::Http::Server server(options);
-    service.Attach(server);
-    server.Start();
+    Hosted hosted({}, options);
+    const Kitra::Http::Server& server = *hosted.server;
     Kitra::Http::ClientOptions pinned;
     pinned.thumbprint = server.GetThumbprint(Kitra::Http::Tls::Digest::Sha256);
     Ref<Kitra::Http::StubAdapter> adapter(
@@ -429,20 +421,15 @@ TEST(ServerTls, ContentCarriesTheThumbprintAndARejectionMapsToTheInterfacesFault
     Ref<Kitra::Http::StubAdapter> wrong(
         new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4", other));
     root = new Morphel::ServiceInstanceStub("ServiceInstance", wrong.Get(), nullptr);
-    try {
-        root->RetrieveContent(content);
-        ADD_FAILURE() << "accepted";
-    } catch (const Kitra::Fault::CertificateRejected::Exception& e) {
-        Ref<Morphel::Fault::SSLVerificationFault> fault = MorphelServer::ToVerificationFault(
-            *static_cast<Kitra::Fault::CertificateRejected*>(e.GetFault()));
-        EXPECT_EQ(fault->GetThumbprint(), server.GetThumbprint());
-        EXPECT_TRUE(fault->IsSelfSigned());
-        ASSERT_EQ(fault->GetCertificateChain()->GetLength(), 1u);
-        std::vector<uint8_t> der = Kitra::Http::Tls::ToDer(options.tls.certificatePem);
-        EXPECT_EQ(fault->GetCertificateChain()->Get(0)->GetData()->GetLength(), der.size());
-        EXPECT_NE(fault->GetMsg().find("is not the expected"), std::string::npos) << fault->GetMsg();
-    }
-    server.Stop();
+    auto rejected = ExpectFault<Kitra::Fault::CertificateRejected>([&] { root->RetrieveContent(content); });
+    ASSERT_NE(rejected, nullptr);
+    Ref<Morphel::Fault::SSLVerificationFault> fault = MorphelServer::ToVerificationFault(*rejected);
+    EXPECT_EQ(fault->GetThumbprint(), server.GetThumbprint());
+    EXPECT_TRUE(fault->IsSelfSigned());
+    ASSERT_EQ(fault->GetCertificateChain()->GetLength(), 1u);
+    std::vector<uint8_t> der = Kitra::Http::Tls::ToDer(options.tls.certificatePem);
+    EXPECT_EQ(fault->GetCertificateChain()->Get(0)->GetData()->GetLength(), der.size());
+    EXPECT_NE(fault->GetMsg().find("is not the expected"), std::string::npos) << fault->GetMsg();
 }
 
 }  // namespace

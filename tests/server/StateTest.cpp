@@ -323,16 +323,6 @@ protected:
         sqlite3_free(error);
         sqlite3_close(db);
     }
-    // The message of the std::runtime_error that `f` throws.
-    static std::string Failure(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        ADD_FAILURE() << "no failure";
-        return "";
-    }
     TempFolder folder_;
 };
 

@@ -45,6 +45,17 @@ Fundix::Ref<Fault> ExpectFault(F&& f) {
     return nullptr;
 }
 
+// The message of the std::runtime_error that `f` throws, or empty (and a failure) when it throws none.
+inline std::string Failure(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    ADD_FAILURE() << "no failure";
+    return "";
+}
+
 // The machine the tests run on, as a live source the service accepts.
 inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine() {
     char host[256] = {};
