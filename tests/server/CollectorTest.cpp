@@ -2,22 +2,8 @@
 // history, and reset stands before its oldest event rather than before the start of time; over a
 // bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
 // in the order of their creation, as each filter selects them.
-#include <chrono>
-#include <memory>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
-#include <morphel/event/types.h>
-#include <morphel/server/conversion/types.h>
 #include <morphel/server/job/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 

@@ -1,26 +1,11 @@
 // What a stranger can send does not grow the server: a flood of failed logins with names of megabytes
 // leaves its resident memory within a bound, and a session that hoards history collectors is refused past
 // its cap while another session still gets its own.
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <dovra/fault/types.h>
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel/event/types.h>
-#include <morphel/server/conversion/types.h>
 #include <morphel/server/job/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 

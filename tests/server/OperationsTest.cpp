@@ -1,28 +1,12 @@
 // The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
 // updating and destroying a job, what the task manager answers about a task, tasks of their own,
 // scheduled runs and log bundles.
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
-#include <thread>
 
-#include <gtest/gtest.h>
-
-#include <dovra/fault/types.h>
 #include <dovra/scheduler/types.h>
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
 #include <morphel/agent/internal/fault/types.h>
-#include <morphel/event/types.h>
 #include <morphel/fault/types.h>
-#include <morphel/params/types.h>
-#include <morphel/server/conversion/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 

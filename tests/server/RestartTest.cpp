@@ -1,27 +1,8 @@
 // A restart over a database file keeps every job, task, event, collector and log bundle the server
 // acknowledged, and fails the tasks it cut off: after the service is destroyed and another attached to the
 // same file, and after the program is killed with SIGKILL and started again.
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <thread>
-
-#include <gtest/gtest.h>
-
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
-#include <morphel/event/types.h>
 #include <morphel/fault/types.h>
-#include <morphel/params/types.h>
-#include <morphel/server/conversion/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 

@@ -1,31 +1,13 @@
 // The reference service over HTTP on loopback: the typical request of a conversion client, sessions and
 // privileges, faults, and what it reads of the machine.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <fstream>
-#include <thread>
 
-#include <gtest/gtest.h>
-
-#include <dovra/fault/types.h>
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
 #include <morphel-server/Certificates.h>
 #include <morphel-server/Machine.h>
-#include <morphel-server/Service.h>
-#include <morphel/event/types.h>
 #include <morphel/fault/types.h>
 #include <morphel/info/types.h>
-#include <morphel/params/types.h>
 #include <morphel/propertyInfo/types.h>
-#include <morphel/server/conversion/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 

@@ -1,27 +1,12 @@
 // Several servers on one PostgreSQL database: a client logged in through one is known to the others, and
 // each serves the jobs, tasks, collectors and events another created. Skips when no PostgreSQL can start.
-#include <unistd.h>
 
 #include <mutex>
 #include <set>
-#include <thread>
 
-#include <gtest/gtest.h>
-
-#include <dovra/fault/types.h>
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
 #include <morphel-server/State.h>
-#include <morphel/event/types.h>
-#include <morphel/params/types.h>
-#include <morphel/server/conversion/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Postgres.h"
-
 #include "Support.h"
 
 namespace {

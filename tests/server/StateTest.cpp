@@ -3,22 +3,14 @@
 // by owner, as every store must keep them; and what only the file does: it rolls back, survives reopening,
 // reads older versions and fails clearly.
 #include <sqlite3.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
-
-#include <gtest/gtest.h>
 
 #include <dovra/scheduler/types.h>
 #include <morphel-server/State.h>
 #include <morphel/fault/types.h>
-#include <morphel/params/types.h>
-#include <morphel/types.h>
 
 #include "Postgres.h"
-
 #include "Support.h"
 
 namespace {

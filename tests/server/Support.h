@@ -20,10 +20,12 @@
 
 #include <gtest/gtest.h>
 
+#include <dovra/fault/types.h>
 #include <fundix/Exception.h>
 #include <fundix/Ref.h>
 #include <kitra/Http.h>
 #include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
 #include <morphel-server/Service.h>
 #include <morphel/event/types.h>
 #include <morphel/params/types.h>
