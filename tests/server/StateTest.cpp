@@ -371,41 +371,28 @@ TEST_F(SqliteStateTest, AFileOfTheFirstSchemaKeepsItsEventCollectorsAndGainsTheL
 }
 
 TEST_F(SqliteStateTest, FailuresNameTheFile) {
+    auto open = [&] { MorphelServer::NewSqliteState(Path()); };
     std::ofstream(Path())
         << "not a database, only text long enough to hold a header of one hundred bytes......";
-    EXPECT_NE(
-        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": file is not a database"),
-        std::string::npos);
+    ExpectFailure(open, Path() + ": file is not a database");
     std::filesystem::remove(Path());
 
     auto held = MorphelServer::NewSqliteState(Path());
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": database is locked"),
-              std::string::npos);
+    ExpectFailure(open, Path() + ": database is locked");
     held->Transact([](StateTransaction& tx) { tx.PutTask(Task("Task-1")); });
     held.reset();
 
     Sql("UPDATE tasks SET info = '<broken'");
     auto state = MorphelServer::NewSqliteState(Path());
-    EXPECT_NE(Failure([&] {
-                  state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); });
-              }).find(Path() + ": task Task-1 cannot be read"),
-              std::string::npos);
+    ExpectFailure([&] { state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); }); },
+                  Path() + ": task Task-1 cannot be read");
     state.reset();
     Sql("INSERT INTO events VALUES (1, 0, 'morphel.version.version4', '<broken')");
-    EXPECT_NE(
-        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
-        std::string::npos);
-    Sql("DELETE FROM events");
-
-    Sql("UPDATE schemaVersion SET version = 99");
-    EXPECT_NE(Failure([&] {
-                  MorphelServer::NewSqliteState(Path());
-              }).find(Path() + ": written by a newer server (schema version 99"),
-              std::string::npos);
-    EXPECT_NE(Failure([&] {
-                  MorphelServer::NewSqliteState(folder_.path + "/none/state.db");
-              }).find(folder_.path + "/none/state.db: cannot be opened"),
-              std::string::npos);
+    ExpectFailure(open, Path() + ": event 1 cannot be read");
+    Sql("DELETE FROM events; UPDATE schemaVersion SET version = 99");
+    ExpectFailure(open, Path() + ": written by a newer server (schema version 99");
+    ExpectFailure([&] { MorphelServer::NewSqliteState(folder_.path + "/none/state.db"); },
+                  folder_.path + "/none/state.db: cannot be opened");
 }
 
 }  // namespace

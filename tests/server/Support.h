@@ -58,6 +58,12 @@ inline std::string Failure(const std::function<void()>& f) {
     return "";
 }
 
+// Expects `f` to throw a std::runtime_error whose message holds `what`.
+inline void ExpectFailure(const std::function<void()>& f, const std::string& what) {
+    std::string message = Failure(f);
+    EXPECT_NE(message.find(what), std::string::npos) << message;
+}
+
 // The machine the tests run on, as a live source the service accepts.
 inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine() {
     char host[256] = {};
