@@ -267,10 +267,7 @@ TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     EXPECT_EQ(NotImplemented([&] { c.conversions->GetRootFolder(none); }),
               "morphel.server.conversion.ConversionManager.rootFolder");
     // Another machine cannot be described.
-    Ref<Morphel::ComputerSpec> other(new Morphel::ComputerSpec(
-        Ref<Morphel::ComputerSpec::LiveComputerLocation>(
-            new Morphel::ComputerSpec::LiveComputerLocation("elsewhere.invalid", {}, {}, {}, "linux", {}, {}))
-            .Get()));
+    Ref<Morphel::ComputerSpec> other = ThisMachine("elsewhere.invalid");
     Ref<Morphel::Info::ComputerHardwareInfo> hardware;
     auto fault = ExpectFault<Morphel::Fault::NoHostConnection>(
         [&] { c.queries->QueryComputerInfo(other.Get(), hardware); });

@@ -64,10 +64,10 @@ inline void ExpectFailure(const std::function<void()>& f, const std::string& wha
     EXPECT_NE(message.find(what), std::string::npos) << message;
 }
 
-// The machine the tests run on, as a live source the service accepts.
-inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine() {
-    char host[256] = {};
-    gethostname(host, sizeof(host) - 1);
+// The live machine `host` as a source; by default the machine the tests run on, which the service accepts.
+inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine(std::string host = "") {
+    char name[256] = {};
+    if (host.empty() && gethostname(name, sizeof(name) - 1) == 0) host = name;
     return new Morphel::ComputerSpec(
         Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation>(
             new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
