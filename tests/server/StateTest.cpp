@@ -287,7 +287,7 @@ TEST_P(StateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReope
         EXPECT_EQ(tx.NextId(), 1);
         EXPECT_EQ(tx.GetMaxTask(), 100);
         EXPECT_FALSE(tx.FindJob("j").has_value());
-        EXPECT_EQ(tx.FindCollector("kept")->owner, "s");
+        EXPECT_EQ(tx.CollectorIds(), std::vector<std::string>{"kept"});
         EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), std::vector<int32_t>{1});
         EXPECT_EQ(tx.AppendEvent(EventAt(300).Get()), 2);
     };
