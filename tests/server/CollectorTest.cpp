@@ -2,7 +2,6 @@
 // history, and reset stands before its oldest event rather than before the start of time; over a
 // bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
 // in the order of their creation, as each filter selects them.
-
 #include <morphel/server/job/types.h>
 
 #include "Support.h"

@@ -1,7 +1,6 @@
 // What a stranger can send does not grow the server: a flood of failed logins with names of megabytes
 // leaves its resident memory within a bound, and a session that hoards history collectors is refused past
 // its cap while another session still gets its own.
-
 #include <atomic>
 #include <fstream>
 

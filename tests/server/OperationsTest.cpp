@@ -1,7 +1,6 @@
 // The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
 // updating and destroying a job, what the task manager answers about a task, tasks of their own,
 // scheduled runs and log bundles.
-
 #include <algorithm>
 
 #include <dovra/scheduler/types.h>

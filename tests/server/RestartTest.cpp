@@ -1,7 +1,6 @@
 // A restart over a database file keeps every job, task, event, collector and log bundle the server
 // acknowledged, and fails the tasks it cut off: after the service is destroyed and another attached to the
 // same file, and after the program is killed with SIGKILL and started again.
-
 #include <morphel/fault/types.h>
 
 #include "Support.h"

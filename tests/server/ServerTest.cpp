@@ -1,6 +1,5 @@
 // The reference service over HTTP on loopback: the typical request of a conversion client, sessions and
 // privileges, faults, and what it reads of the machine.
-
 #include <fstream>
 
 #include <morphel-server/Certificates.h>

@@ -1,6 +1,6 @@
 // Several servers on one PostgreSQL database: a client logged in through one is known to the others, and
-// each serves the jobs, tasks, collectors and events another created. Skips when no PostgreSQL can start.
-
+// each (the program among them) serves the jobs, tasks, collectors and events another created. Skips when no
+// PostgreSQL can start.
 #include <mutex>
 #include <set>
 

@@ -1,7 +1,7 @@
 // The state stores, in memory, in a database file and in PostgreSQL (skipped when no PostgreSQL can start,
 // see Postgres.h): keys, records as they were put, recent tasks, the bounded event history and collectors
-// by owner, as every store must keep them; and what only the file does: it rolls back, survives reopening,
-// reads older versions and fails clearly.
+// by owner, as every store must keep them; a throwing transaction rolled back by the file and PostgreSQL;
+// and what only the file does: it reads older versions and fails clearly.
 #include <sqlite3.h>
 
 #include <fstream>
