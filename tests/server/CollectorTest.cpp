@@ -75,6 +75,8 @@ TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
     collector->SetLatestPageSize(2);
+    collector->GetLatestPage(page);  // the newest of a longer history
+    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
     collector->Reset();
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
