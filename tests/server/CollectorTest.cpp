@@ -2,22 +2,7 @@
 // history, and reset stands before its oldest event rather than before the start of time; over a
 // bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
 // in the order of their creation, as each filter selects them.
-#include <chrono>
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
-#include <morphel/event/types.h>
-#include <morphel/server/conversion/types.h>
 #include <morphel/server/job/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 
@@ -26,69 +11,24 @@ namespace {
 using Fundix::Ref;
 using Morphel::Event::Event;
 
-std::vector<int32_t> Keys(Kitra::DataArray<Event>* page) {
-    std::vector<int32_t> out;
-    for (size_t i = 0; page != nullptr && i < page->GetLength(); ++i)
-        out.push_back(page->Get(i)->GetKey());
-    return out;
-}
-
 // A service with `options` served on loopback, with a session of demo.
-struct Hosted {
-    explicit Hosted(MorphelServer::ServiceOptions options) : service(options), server(ServerOptions()) {
-        service.Attach(server);
-        server.Start();
-        adapter = new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4");
-        sessions = new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr);
-        events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
-        tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
-        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
-                                                                             adapter.Get(), nullptr);
-        Login();
-    }
-    ~Hosted() { server.Stop(); }
-    static Kitra::Http::ServerOptions ServerOptions() {
-        Kitra::Http::ServerOptions options;
-        options.versions = MorphelServer::Service::Versions();
-        return options;
-    }
-    void Login() {
-        Ref<Morphel::UserSession> session;
-        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-    }
+struct Served {
+    explicit Served(MorphelServer::ServiceOptions options) : hosted(options), client(hosted.Url()) {}
     Ref<Morphel::Event::EventHistoryCollectorStub> NewCollector() {
         Ref<Kitra::MoRef> ref;
-        events->CreateCollector(
+        client.events->CreateCollector(
             Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
-        return new Morphel::Event::EventHistoryCollectorStub(ref->GetId(), adapter.Get(), nullptr);
+        return client.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
     }
     // Two events, a login and a logout, of another client: the collectors of this one's session stay.
-    void OtherLogsInAndOut() {
-        Ref<Kitra::Http::StubAdapter> other(
-            new Kitra::Http::StubAdapter(server.GetUrl(), "morphel.version.version4"));
-        Ref<Morphel::SessionManagerStub> stub(
-            new Morphel::SessionManagerStub("SessionManager", other.Get(), nullptr));
-        Ref<Morphel::UserSession> session;
-        stub->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        stub->Logout();
-    }
-    std::vector<int32_t> All() {
-        Ref<Kitra::DataArray<Event>> page;
-        events->QueryEvent(Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(),
-                           page);
-        return Keys(page.Get());
-    }
-    MorphelServer::Service service;
-    Kitra::Http::Server server;
-    Ref<Kitra::Http::StubAdapter> adapter;
-    Ref<Morphel::SessionManagerStub> sessions;
-    Ref<Morphel::Event::EventManagerStub> events;
-    Ref<Morphel::Task::TaskManagerStub> tasks;
-    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
+    void OtherLogsInAndOut() { Client(hosted.Url()).sessions->Logout(); }
+    std::vector<int32_t> All() { return Keys(client.Events().Get()); }
+    Hosted hosted;
+    Client client;
 };
 
 TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
-    Hosted hosted({});  // start, login: 1, 2
+    Served hosted({});  // start, login: 1, 2
     auto collector = hosted.NewCollector();
     Ref<Kitra::DataArray<Event>> page;
     collector->SetLatestPageSize(5);
@@ -108,12 +48,14 @@ TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
     collector->Reset();
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->SetLatestPageSize(0); });
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
 }
 
 TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
     MorphelServer::ServiceOptions options;
     options.maxEvents = 4;
-    Hosted hosted(options);  // start, login: 1, 2
+    Served hosted(options);  // start, login: 1, 2
     auto collector = hosted.NewCollector();
     Ref<Kitra::DataArray<Event>> page;
     collector->ReadNext(1, page);
@@ -133,6 +75,8 @@ TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
     collector->SetLatestPageSize(2);
+    collector->GetLatestPage(page);  // the newest of a longer history
+    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
     collector->Reset();
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
@@ -144,10 +88,10 @@ TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
 TEST(Collector, EventsOlderThanTheAgeLimitGo) {
     MorphelServer::ServiceOptions options;
     options.maxEventAge = std::chrono::seconds(1);
-    Hosted hosted(options);  // start, login: 1, 2
+    Served hosted(options);  // start, login: 1, 2
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    hosted.sessions->Logout();  // 3: the others are past the limit
-    hosted.Login();
+    hosted.client.sessions->Logout();  // 3: the others are past the limit
+    hosted.client.Login("demo", "demo");
     EXPECT_EQ(hosted.All(), (std::vector<int32_t>{3, 4}));
 }
 
@@ -175,25 +119,25 @@ Ref<Kitra::Array<T>> ArrayOf(const std::vector<T>& values) {
 TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     MorphelServer::ServiceOptions options;
     options.conversionTime = std::chrono::hours(1);  // the runs go on while the test reads
-    Hosted hosted(options);
+    Served hosted(options);
     Ref<ConversionJobInfo> created, fifth;
     for (int i = 0; i < 5; ++i) {  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
-        hosted.conversions->CreateJob(JobSpecOfThisMachine("job" + std::to_string(i)).Get(), nullptr,
-                                      created);
+        hosted.client.conversions->CreateJob(JobSpecOfThisMachine("job" + std::to_string(i)).Get(), nullptr,
+                                             created);
         if (i == 2) fifth = created;
     }
-    Morphel::Task::TaskStub("Task-4", hosted.adapter.Get(), nullptr).Cancel();
-    Morphel::Server::Conversion::ConversionJobStub("ConversionJob-3", hosted.adapter.Get(), nullptr)
+    Morphel::Task::TaskStub("Task-4", hosted.client.adapter.Get(), nullptr).Cancel();
+    Morphel::Server::Conversion::ConversionJobStub("ConversionJob-3", hosted.client.adapter.Get(), nullptr)
         .Suspend("failIfActiveTask");
     Ref<TaskInfo> sixth;
-    hosted.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
+    hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
 
     Ref<Kitra::DataArray<TaskInfo>> page;
     auto read = [&](Ref<TaskFilterSpec> filter) {
         Ref<Kitra::MoRef> ref;
-        hosted.tasks->CreateCollector(filter.Get(), ref);
+        hosted.client.tasks->CreateCollector(filter.Get(), ref);
         return Ref<Morphel::Task::TaskHistoryCollectorStub>(
-            new Morphel::Task::TaskHistoryCollectorStub(ref->GetId(), hosted.adapter.Get(), nullptr));
+            new Morphel::Task::TaskHistoryCollectorStub(ref->GetId(), hosted.client.adapter.Get(), nullptr));
     };
     auto all = read(new TaskFilterSpec());
     all->ReadNext(10, page);
@@ -258,9 +202,9 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     for (const auto& c : jobCases) {
         Ref<JobFilterSpec> filter(new JobFilterSpec());
         c.set(*filter);
-        hosted.conversions->CreateCollector(filter.Get(), ref);
-        Morphel::Server::Conversion::ConversionJobHistoryCollectorStub(ref->GetId(), hosted.adapter.Get(),
-                                                                       nullptr)
+        hosted.client.conversions->CreateCollector(filter.Get(), ref);
+        Morphel::Server::Conversion::ConversionJobHistoryCollectorStub(ref->GetId(),
+                                                                       hosted.client.adapter.Get(), nullptr)
             .ReadNext(10, jobs);
         EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
     }
@@ -269,7 +213,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
                                   new Morphel::Server::Job::JobFilterSpec_ByTime("someTime", {}, {}))
                                   .Get());
     EXPECT_EQ(ExpectFault<Kitra::Fault::InvalidArgument>(
-                  [&] { hosted.conversions->CreateCollector(unknownTime.Get(), ref); })
+                  [&] { hosted.client.conversions->CreateCollector(unknownTime.Get(), ref); })
                   ->GetInvalidProperty()
                   .GetValue(),
               "filter.timeRange.timeType");

@@ -1,26 +1,10 @@
 // What a stranger can send does not grow the server: a flood of failed logins with names of megabytes
 // leaves its resident memory within a bound, and a session that hoards history collectors is refused past
 // its cap while another session still gets its own.
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdio>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <dovra/fault/types.h>
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel/event/types.h>
-#include <morphel/server/conversion/types.h>
 #include <morphel/server/job/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
 
 #include "Support.h"
 
@@ -36,35 +20,20 @@ long ResidentKiB(pid_t pid) {
     return -1;
 }
 
-// A client of the program at `url`, logged in as demo by Login.
-struct Client {
-    explicit Client(const std::string& url)
-        : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {}
-    void Login(const std::string& name = "demo", const std::string& password = "demo") {
-        Ref<Morphel::UserSession> session;
-        Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr)
-            .Login(name, password, Fundix::Optional<std::string>(), session);
-    }
-    // A collector of events (0), tasks (1) or jobs (2).
-    Ref<Kitra::MoRef> NewCollector(int kind) {
-        Ref<Kitra::MoRef> ref;
-        if (kind == 0)
-            Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr)
-                .CreateCollector(
-                    Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
-        else if (kind == 1)
-            Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr)
-                .CreateCollector(
-                    Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(), ref);
-        else
-            Morphel::Server::Conversion::ConversionManagerStub("ConversionManager", adapter.Get(), nullptr)
-                .CreateCollector(
-                    Ref<Morphel::Server::Job::JobFilterSpec>(new Morphel::Server::Job::JobFilterSpec()).Get(),
-                    ref);
-        return ref;
-    }
-    Ref<Kitra::Http::StubAdapter> adapter;
-};
+// A collector of events (0), tasks (1) or jobs (2) for the client `c`.
+Ref<Kitra::MoRef> NewCollector(Client& c, int kind) {
+    Ref<Kitra::MoRef> ref;
+    if (kind == 0)
+        c.events->CreateCollector(
+            Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
+    else if (kind == 1)
+        c.tasks->CreateCollector(
+            Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(), ref);
+    else
+        c.conversions->CreateCollector(
+            Ref<Morphel::Server::Job::JobFilterSpec>(new Morphel::Server::Job::JobFilterSpec()).Get(), ref);
+    return ref;
+}
 
 TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) {
     // A cheap hash (SHA-512 crypt, 1000 rounds) for the account, so that the flood costs parsing, not
@@ -78,8 +47,7 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     Program server({"--listen", "127.0.0.1:0", "--memory", "--users", users});
     unlink(users);
     ASSERT_FALSE(server.Url().empty());
-    Client a(server.Url()), b(server.Url());
-    a.Login();
+    Client a(server.Url()), b(server.Url(), "");
     const long start = ResidentKiB(server.Pid());
     ASSERT_GT(start, 0);
 
@@ -89,7 +57,7 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     std::atomic<int> refused{0};
     for (int c = 0; c < 4; ++c)
         clients.emplace_back([&] {
-            Client stranger(server.Url());
+            Client stranger(server.Url(), "");
             for (int i = 0; i < 50; ++i)
                 if (ExpectFault<Dovra::Fault::InvalidLogin>([&] { stranger.Login(name, "wrong"); }))
                     ++refused;
@@ -106,17 +74,16 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     // and cannot reach the hoarder's.
     std::vector<Ref<Kitra::MoRef>> hoard;
     for (int i = 0; i < 32; ++i)
-        hoard.push_back(a.NewCollector(i % 3));
+        hoard.push_back(NewCollector(a, i % 3));
     for (int kind = 0; kind < 3; ++kind)
-        ExpectFault<Dovra::Fault::InvalidState>([&] { a.NewCollector(kind); });
-    b.Login();
-    auto own = b.NewCollector(1);
+        ExpectFault<Dovra::Fault::InvalidState>([&] { NewCollector(a, kind); });
+    b.Login("demo", "demo");
+    auto own = NewCollector(b, 1);
     Ref<Kitra::DataArray<Morphel::Task::TaskInfo>> page;
     Morphel::Task::TaskHistoryCollectorStub(own->GetId(), b.adapter.Get(), nullptr).ReadNext(1, page);
-    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-        Morphel::Task::TaskHistoryCollectorStub(hoard[1]->GetId(), b.adapter.Get(), nullptr)
-            .ReadNext(1, page);
-    });
+    auto theirs = b.Make<Morphel::Task::TaskHistoryCollectorStub>(hoard[1].Get());
+    ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { theirs->ReadNext(1, page); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { theirs->Remove(); });
 }
 
 }  // namespace

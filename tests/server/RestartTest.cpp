@@ -1,30 +1,7 @@
 // A restart over a database file keeps every job, task, event, collector and log bundle the server
 // acknowledged, and fails the tasks it cut off: after the service is destroyed and another attached to the
-// same file, and after the program is killed with SIGKILL and started again. And two programs on one
-// PostgreSQL database serve one client between them.
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <thread>
-
-#include <gtest/gtest.h>
-
-#include <kitra/Http.h>
-#include <kitra/Kitra.h>
-#include <kitra/fault/types.h>
-#include <morphel-server/Service.h>
-#include <morphel/event/types.h>
+// same file, and after the program is killed with SIGKILL and started again.
 #include <morphel/fault/types.h>
-#include <morphel/params/types.h>
-#include <morphel/server/conversion/types.h>
-#include <morphel/task/types.h>
-#include <morphel/types.h>
-
-#include "Postgres.h"
 
 #include "Support.h"
 
@@ -33,41 +10,6 @@ namespace {
 using Fundix::Ref;
 using Morphel::Server::Conversion::ConversionJobInfo;
 using Morphel::Task::TaskInfo;
-
-struct TempFolder {
-    TempFolder() {
-        char name[] = "/tmp/morphel-restart-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
-// A client of the service at `url`, logged in as demo.
-struct Client {
-    explicit Client(const std::string& url)
-        : adapter(new Kitra::Http::StubAdapter(url, "morphel.version.version4")) {
-        Ref<Morphel::SessionManagerStub> sessions(
-            new Morphel::SessionManagerStub("SessionManager", adapter.Get(), nullptr));
-        sessions->Login("demo", "demo", Fundix::Optional<std::string>(), session);
-        conversions = new Morphel::Server::Conversion::ConversionManagerStub("ConversionManager",
-                                                                             adapter.Get(), nullptr);
-        tasks = new Morphel::Task::TaskManagerStub("TaskManager", adapter.Get(), nullptr);
-        events = new Morphel::Event::EventManagerStub("EventManager", adapter.Get(), nullptr);
-        diagnostics = new Morphel::DiagnosticManagerStub("DiagnosticManager", adapter.Get(), nullptr);
-    }
-    Ref<ConversionJobInfo> CreateJob(const std::string& name) {
-        Ref<ConversionJobInfo> created;
-        conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
-        return created;
-    }
-    Ref<Kitra::Http::StubAdapter> adapter;
-    Ref<Morphel::UserSession> session;
-    Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
-    Ref<Morphel::Task::TaskManagerStub> tasks;
-    Ref<Morphel::Event::EventManagerStub> events;
-    Ref<Morphel::DiagnosticManagerStub> diagnostics;
-};
 
 // The task failed as one the restart cut off.
 void ExpectInterrupted(const TaskInfo& info) {
@@ -83,18 +25,13 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     const std::string path = folder.path + "/state.db";
     std::string jobId, taskId, runningId, doneId, collectorId, owner, bundleKey, bundle;
     std::vector<int32_t> keys;
+    MorphelServer::ServiceOptions options;
     {
-        MorphelServer::ServiceOptions options;
         options.state = MorphelServer::NewSqliteState(path);
         options.conversionTime = std::chrono::hours(1);  // still queued when the service goes
-        MorphelServer::Service service(options);
-        Kitra::Http::ServerOptions serverOptions;
-        serverOptions.versions = MorphelServer::Service::Versions();
-        Kitra::Http::Server server(serverOptions);
-        service.Attach(server);
-        server.Start();
+        Hosted hosted(options);
         {
-            Client c(server.GetUrl());
+            Client c(hosted.Url());
             auto created = c.CreateJob("kept");
             jobId = created->GetJob()->GetId();
             taskId = created->GetActiveTask()->GetId();
@@ -105,16 +42,14 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
                 Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
             collectorId = ref->GetId();
             owner = c.session->GetKey();
-            Ref<Morphel::Event::EventHistoryCollectorStub> collector(
-                new Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr));
             Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-            collector->ReadNext(2, page);
+            c.Make<Morphel::Event::EventHistoryCollectorStub>(collectorId)->ReadNext(2, page);
             Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
             c.diagnostics->GenerateLogBundle(nullptr, info);
             bundleKey = info->GetKey();
             bundle = ReadBundle(*c.diagnostics, bundleKey, 1 << 20);
         }
-        server.Stop();
+        hosted.server->Stop();
         options.state->Transact([&](MorphelServer::StateTransaction& tx) {
             // One task was running when the service went, another had finished.
             for (auto [id, state] :
@@ -128,9 +63,10 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         });
     }
 
-    MorphelServer::ServiceOptions options;
+    options.state.reset();  // the file's lock goes with its last holder
     options.state = MorphelServer::NewSqliteState(path);
-    MorphelServer::Service again(options);
+    MorphelServer::Service again(
+        options);  // served only below: attached, it ends the old sessions' collectors
     options.state->Transact([&](MorphelServer::StateTransaction& tx) {
         auto task = tx.FindTask(taskId);
         ASSERT_TRUE(task.has_value());
@@ -175,10 +111,8 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         EXPECT_EQ(ReadBundle(*c.diagnostics, bundleKey, 1 << 20), bundle);
         // Sessions end with the server that held them, and their collectors with them.
         Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-        ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] {
-            Morphel::Event::EventHistoryCollectorStub(collectorId, c.adapter.Get(), nullptr)
-                .ReadNext(1, page);
-        });
+        ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
+            [&] { c.Make<Morphel::Event::EventHistoryCollectorStub>(collectorId)->ReadNext(1, page); });
         options.state->Transact(
             [&](MorphelServer::StateTransaction& tx) { EXPECT_TRUE(tx.CollectorIds().empty()); });
     }
@@ -226,38 +160,17 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         Ref<TaskInfo> info;
         c.tasks->GetTaskInfo(taskRef.Get(), info);
         ExpectInterrupted(*info);
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        do {
+        EXPECT_TRUE(Eventually([&] {
             // Not too often: the program's log goes to a pipe read only at its start.
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             c.conversions->GetJobInfo(later->GetJob(), job);
-        } while (!job->GetLastRunStartTime().IsSet() && std::chrono::steady_clock::now() < deadline);
-        EXPECT_TRUE(job->GetLastRunStartTime().IsSet());
+            return job->GetLastRunStartTime().IsSet();
+        }));
         EXPECT_EQ(job->GetNumConsecutiveErrors(), 0);  // started here, not cut off there
         EXPECT_FALSE(job->GetNextRunStartTime().IsSet());
     }
     int status = second.Kill(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
-// Two programs on one PostgreSQL database: a client logged in through one calls the other, which serves
-// the objects the first created.
-TEST(Restart, TwoProgramsOnOnePostgresDatabaseServeOneClient) {
-    auto& cluster = TestPostgres::Cluster::Get();
-    if (!cluster.Running()) GTEST_SKIP() << cluster.Reason();
-    const std::string conninfo = cluster.NewDatabase();
-    ASSERT_FALSE(conninfo.empty());
-    std::vector<std::string> args{"--listen", "127.0.0.1:0", "--database", cluster.Uri(conninfo)};
-    Program a(args), b(args);
-    ASSERT_FALSE(a.Url().empty());
-    ASSERT_FALSE(b.Url().empty());
-    Client throughA(a.Url());
-    Ref<Kitra::MoRef> task = throughA.CreateJob("shared")->GetActiveTask();
-    Ref<Kitra::Http::StubAdapter> toB(new Kitra::Http::StubAdapter(b.Url(), "morphel.version.version4"));
-    toB->SetSession(throughA.adapter->GetSession());
-    Ref<TaskInfo> info;
-    Morphel::Task::TaskStub(task->GetId(), toB.Get(), nullptr).GetInfo(info);
-    EXPECT_EQ(info->GetKey(), task->GetId());
 }
 
 }  // namespace

@@ -1,39 +1,23 @@
 // The state stores, in memory, in a database file and in PostgreSQL (skipped when no PostgreSQL can start,
 // see Postgres.h): keys, records as they were put, recent tasks, the bounded event history and collectors
-// by owner, as every store must keep them; and what only the file does: it rolls back, survives reopening,
-// reads older versions and fails clearly.
+// by owner, as every store must keep them; a throwing transaction rolled back by the file and PostgreSQL;
+// and what only the file does: it reads older versions and fails clearly.
 #include <sqlite3.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
-
-#include <gtest/gtest.h>
 
 #include <dovra/scheduler/types.h>
 #include <morphel-server/State.h>
 #include <morphel/fault/types.h>
-#include <morphel/params/types.h>
-#include <morphel/types.h>
 
 #include "Postgres.h"
+#include "Support.h"
 
 namespace {
 
 using Fundix::Ref;
 using Fundix::System::DateTime;
 using MorphelServer::StateTransaction;
-
-// A folder of its own, removed with everything in it.
-struct TempFolder {
-    TempFolder() {
-        char name[] = "/tmp/morphel-state-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
 
 std::vector<int32_t> Keys(const std::vector<Ref<Morphel::Event::Event>>& events) {
     std::vector<int32_t> keys;
@@ -51,26 +35,12 @@ Ref<Morphel::Event::Event> EventAt(int64_t micros) {
 
 // Records as complete as the service writes them.
 MorphelServer::JobRecord Job(const std::string& id, const std::string& name) {
-    MorphelServer::JobRecord job;
-    job.id = id;
-    job.spec = new Morphel::Server::Conversion::ConversionJobSpec();
-    job.spec->SetName(name);
-    job.spec->SetSource(Ref<Morphel::ComputerSpec>(
-                            new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
-                                                          new Morphel::ComputerSpec::HostedVmLocation())
-                                                          .Get()))
-                            .Get());
-    job.spec->SetConversionParams(
-        Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
-    job.info = new Morphel::Server::Conversion::ConversionJobInfo();
+    MorphelServer::JobRecord job{id, new Morphel::Server::Conversion::ConversionJobInfo(),
+                                 JobSpecOfThisMachine(name), nullptr};
     job.info->SetKey(id);
     job.info->SetJob(
         Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.server.conversion.ConversionJob", id)).Get());
-    job.info->SetTargetVm(Ref<Morphel::ComputerSpec>(
-                              new Morphel::ComputerSpec(Ref<Morphel::ComputerSpec::HostedVmLocation>(
-                                                            new Morphel::ComputerSpec::HostedVmLocation())
-                                                            .Get()))
-                              .Get());
+    job.info->SetTargetVm(job.spec->GetSource());
     return job;
 }
 MorphelServer::TaskRecord Task(const std::string& id) {
@@ -292,35 +262,9 @@ TEST_P(StateTest, DropsTheOldestEventsByCountAndAge) {
     }
 }
 
-// ---- The database file
-
-class SqliteStateTest : public ::testing::Test {
-protected:
-    std::string Path() const { return folder_.path + "/state.db"; }
-    // Runs `sql` on the file directly.
-    void Sql(const std::string& sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
-        char* error = nullptr;
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
-        sqlite3_free(error);
-        sqlite3_close(db);
-    }
-    // The message of the std::runtime_error that `f` throws.
-    static std::string Failure(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        ADD_FAILURE() << "no failure";
-        return "";
-    }
-    TempFolder folder_;
-};
-
-TEST_F(SqliteStateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
-    auto state = MorphelServer::NewSqliteState(Path());
+TEST_P(StateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
+    if (std::string(GetParam()) == "memory") GTEST_SKIP() << "memory keeps nothing to roll back to";
+    auto state = Open();
     state->Transact([](StateTransaction& tx) {
         tx.AppendEvent(EventAt(100).Get());
         MorphelServer::CollectorRecord c;
@@ -343,19 +287,36 @@ TEST_F(SqliteStateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvive
         EXPECT_EQ(tx.NextId(), 1);
         EXPECT_EQ(tx.GetMaxTask(), 100);
         EXPECT_FALSE(tx.FindJob("j").has_value());
-        EXPECT_EQ(tx.FindCollector("kept")->owner, "s");
+        EXPECT_EQ(tx.CollectorIds(), std::vector<std::string>{"kept"});
         EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), std::vector<int32_t>{1});
         EXPECT_EQ(tx.AppendEvent(EventAt(300).Get()), 2);
     };
     state->Transact(check);
     state.reset();
-    state = MorphelServer::NewSqliteState(Path());
+    state = Open();
     state->Transact([](StateTransaction& tx) {
         EXPECT_EQ(tx.NextId(), 2);
         EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), (std::vector<int32_t>{1, 2}));
         EXPECT_EQ(tx.SelectEvents(nullptr)[0]->GetUserName(), "ann");
     });
 }
+
+// ---- The database file
+
+class SqliteStateTest : public ::testing::Test {
+protected:
+    std::string Path() const { return folder_.path + "/state.db"; }
+    // Runs `sql` on the file directly.
+    void Sql(const std::string& sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
+        char* error = nullptr;
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
+        sqlite3_free(error);
+        sqlite3_close(db);
+    }
+    TempFolder folder_;
+};
 
 TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
     auto put = [](StateTransaction& tx) {
@@ -410,41 +371,28 @@ TEST_F(SqliteStateTest, AFileOfTheFirstSchemaKeepsItsEventCollectorsAndGainsTheL
 }
 
 TEST_F(SqliteStateTest, FailuresNameTheFile) {
+    auto open = [&] { MorphelServer::NewSqliteState(Path()); };
     std::ofstream(Path())
         << "not a database, only text long enough to hold a header of one hundred bytes......";
-    EXPECT_NE(
-        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": file is not a database"),
-        std::string::npos);
+    ExpectFailure(open, Path() + ": file is not a database");
     std::filesystem::remove(Path());
 
     auto held = MorphelServer::NewSqliteState(Path());
-    EXPECT_NE(Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": database is locked"),
-              std::string::npos);
+    ExpectFailure(open, Path() + ": database is locked");
     held->Transact([](StateTransaction& tx) { tx.PutTask(Task("Task-1")); });
     held.reset();
 
     Sql("UPDATE tasks SET info = '<broken'");
     auto state = MorphelServer::NewSqliteState(Path());
-    EXPECT_NE(Failure([&] {
-                  state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); });
-              }).find(Path() + ": task Task-1 cannot be read"),
-              std::string::npos);
+    ExpectFailure([&] { state->Transact([](StateTransaction& tx) { tx.FindTask("Task-1"); }); },
+                  Path() + ": task Task-1 cannot be read");
     state.reset();
     Sql("INSERT INTO events VALUES (1, 0, 'morphel.version.version4', '<broken')");
-    EXPECT_NE(
-        Failure([&] { MorphelServer::NewSqliteState(Path()); }).find(Path() + ": event 1 cannot be read"),
-        std::string::npos);
-    Sql("DELETE FROM events");
-
-    Sql("UPDATE schemaVersion SET version = 99");
-    EXPECT_NE(Failure([&] {
-                  MorphelServer::NewSqliteState(Path());
-              }).find(Path() + ": written by a newer server (schema version 99"),
-              std::string::npos);
-    EXPECT_NE(Failure([&] {
-                  MorphelServer::NewSqliteState(folder_.path + "/none/state.db");
-              }).find(folder_.path + "/none/state.db: cannot be opened"),
-              std::string::npos);
+    ExpectFailure(open, Path() + ": event 1 cannot be read");
+    Sql("DELETE FROM events; UPDATE schemaVersion SET version = 99");
+    ExpectFailure(open, Path() + ": written by a newer server (schema version 99");
+    ExpectFailure([&] { MorphelServer::NewSqliteState(folder_.path + "/none/state.db"); },
+                  folder_.path + "/none/state.db: cannot be opened");
 }
 
 }  // namespace

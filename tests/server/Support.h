@@ -1,5 +1,6 @@
-// What the server suite's tests share: expecting a fault of one class, this machine as a source, a log
-// bundle read back, and the program run as a child process.
+// What the server suite's tests share: expecting a fault of one class, waiting, a service hosted on loopback
+// and a client of it, this machine as a source and a job of it, a log bundle read back, and the program run
+// as a child process.
 #pragma once
 
 #include <poll.h>
@@ -10,17 +11,26 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
+#include <dovra/fault/types.h>
 #include <fundix/Exception.h>
 #include <fundix/Ref.h>
+#include <kitra/Http.h>
+#include <kitra/Kitra.h>
+#include <kitra/fault/types.h>
+#include <morphel-server/Service.h>
+#include <morphel/event/types.h>
 #include <morphel/params/types.h>
 #include <morphel/server/conversion/types.h>
+#include <morphel/task/types.h>
 #include <morphel/types.h>
 
 // The fault of class `Fault` that `f` raises, or null (and a failure) when it raises another or none.
@@ -37,26 +47,144 @@ Fundix::Ref<Fault> ExpectFault(F&& f) {
     return nullptr;
 }
 
-// The machine the tests run on, as a live source the service accepts.
-inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine() {
-    char host[256] = {};
-    gethostname(host, sizeof(host) - 1);
+// The message of the std::runtime_error that `f` throws, or empty (and a failure) when it throws none.
+inline std::string Failure(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    ADD_FAILURE() << "no failure";
+    return "";
+}
+
+// Expects `f` to throw a std::runtime_error whose message holds `what`.
+inline void ExpectFailure(const std::function<void()>& f, const std::string& what) {
+    std::string message = Failure(f);
+    EXPECT_NE(message.find(what), std::string::npos) << message;
+}
+
+// The live machine `host` as a source; by default the machine the tests run on, which the service accepts.
+inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine(std::string host = "") {
+    char name[256] = {};
+    if (host.empty() && gethostname(name, sizeof(name) - 1) == 0) host = name;
     return new Morphel::ComputerSpec(
         Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation>(
             new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
             .Get());
 }
 
-// A job `name` converting this machine with default parameters.
+// Whether `done` holds within ten seconds.
+inline bool Eventually(const std::function<bool()>& done) {
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10); !done();) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// A folder of its own, removed with everything in it.
+struct TempFolder {
+    TempFolder() {
+        char name[] = "/tmp/morphel-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempFolder() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+// A job `name` converting this machine into a hosted machine "copy" with default parameters.
 inline Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpecOfThisMachine(
     const std::string& name) {
+    using namespace Morphel::Params;
+    Fundix::Ref<TargetVmSpec> target(new TargetVmSpec());
+    target->SetName("copy");
+    target->SetLocation(
+        Fundix::Ref<TargetVmSpec::HostedVmLocation>(new TargetVmSpec::HostedVmLocation("/vms", {}, {}, {}))
+            .Get());
+    Fundix::Ref<CloningParams> cloning(new CloningParams());
+    cloning->SetTarget(target.Get());
+    Fundix::Ref<ConversionParams> params(new ConversionParams());
+    params->SetCloningParams(cloning.Get());
     Fundix::Ref<Morphel::Server::Conversion::ConversionJobSpec> spec(
         new Morphel::Server::Conversion::ConversionJobSpec());
     spec->SetName(name);
     spec->SetSource(ThisMachine().Get());
-    spec->SetConversionParams(
-        Fundix::Ref<Morphel::Params::ConversionParams>(new Morphel::Params::ConversionParams()).Get());
+    spec->SetConversionParams(params.Get());
     return spec;
+}
+
+// A service with `options`, served on loopback by a server with `serverOptions` and the service's versions.
+struct Hosted {
+    explicit Hosted(MorphelServer::ServiceOptions options = {}, Kitra::Http::ServerOptions serverOptions = {})
+        : service(std::move(options)) {
+        serverOptions.versions = MorphelServer::Service::Versions();
+        server = std::make_unique<Kitra::Http::Server>(serverOptions);
+        service.Attach(*server);
+        server->Start();
+    }
+    ~Hosted() { server->Stop(); }
+    std::string Url() const { return server->GetUrl(); }
+    MorphelServer::Service service;
+    std::unique_ptr<Kitra::Http::Server> server;
+};
+
+// A client of the service at `url` with a stub of each manager, logged in unless `user` is empty.
+struct Client {
+    explicit Client(const std::string& url, const std::string& user = "demo",
+                    const std::string& password = "demo", const char* version = "morphel.version.version4")
+        : adapter(new Kitra::Http::StubAdapter(url, version)) {
+        sessions = Make<Morphel::SessionManagerStub>("SessionManager");
+        queries = Make<Morphel::QueryManagerStub>("QueryManager");
+        conversions = Make<Morphel::Server::Conversion::ConversionManagerStub>("ConversionManager");
+        tasks = Make<Morphel::Task::TaskManagerStub>("TaskManager");
+        events = Make<Morphel::Event::EventManagerStub>("EventManager");
+        diagnostics = Make<Morphel::DiagnosticManagerStub>("DiagnosticManager");
+        scheduled = Make<Morphel::Task::ScheduledTaskManagerStub>("ScheduledTaskManager");
+        if (!user.empty()) Login(user, password);
+    }
+    template <class Stub>
+    Fundix::Ref<Stub> Make(const std::string& id) const {
+        return new Stub(id, adapter.Get(), nullptr);
+    }
+    template <class Stub>
+    Fundix::Ref<Stub> Make(const Kitra::MoRef* ref) const {
+        return Make<Stub>(ref->GetId());
+    }
+    Fundix::Ref<Morphel::UserSession> Login(const std::string& user, const std::string& password) {
+        sessions->Login(user, password, Fundix::Optional<std::string>(), session);
+        return session;
+    }
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> CreateJob(const std::string& name) {
+        Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
+        conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
+        return created;
+    }
+    // The events `filter` selects (all when null).
+    Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Events(
+        Morphel::Event::EventFilterSpec* filter = nullptr) {
+        Fundix::Ref<Morphel::Event::EventFilterSpec> all(new Morphel::Event::EventFilterSpec());
+        Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> events;
+        this->events->QueryEvent(filter != nullptr ? filter : all.Get(), events);
+        return events;
+    }
+    Fundix::Ref<Kitra::Http::StubAdapter> adapter;
+    Fundix::Ref<Morphel::UserSession> session;
+    Fundix::Ref<Morphel::SessionManagerStub> sessions;
+    Fundix::Ref<Morphel::QueryManagerStub> queries;
+    Fundix::Ref<Morphel::Server::Conversion::ConversionManagerStub> conversions;
+    Fundix::Ref<Morphel::Task::TaskManagerStub> tasks;
+    Fundix::Ref<Morphel::Event::EventManagerStub> events;
+    Fundix::Ref<Morphel::DiagnosticManagerStub> diagnostics;
+    Fundix::Ref<Morphel::Task::ScheduledTaskManagerStub> scheduled;
+};
+
+// The keys of the events on `page`.
+inline std::vector<int32_t> Keys(Kitra::DataArray<Morphel::Event::Event>* page) {
+    std::vector<int32_t> out;
+    for (size_t i = 0; page != nullptr && i < page->GetLength(); ++i)
+        out.push_back(page->Get(i)->GetKey());
+    return out;
 }
 
 // The bytes of base64 `text`.
