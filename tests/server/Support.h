@@ -9,11 +9,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -244,7 +246,9 @@ inline std::string ReadZip(const std::string& bytes) {
     return out;
 }
 
-// The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running.
+// The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running. What it
+// writes to its standard error is read as it comes (a program blocked on a full pipe serves nothing), and
+// its lines are kept for NextLine.
 class Program {
 public:
     explicit Program(std::vector<std::string> args) {
@@ -263,6 +267,17 @@ public:
         }
         close(fds[1]);
         fd_ = fds[0];
+        reader_ = std::thread([this] {
+            char buffer[4096];
+            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (text_.size() < (size_t(1) << 20)) text_.append(buffer, size_t(n));  // the rest goes
+                arrived_.notify_all();
+            }
+            std::lock_guard<std::mutex> lock(mutex_);
+            ended_ = true;
+            arrived_.notify_all();
+        });
         // The line "morphel-server: serving URL", within 20 s.
         while (url_.empty()) {
             std::string line = NextLine();
@@ -273,6 +288,7 @@ public:
     }
     ~Program() {
         if (pid_ > 0) Kill(SIGKILL);
+        if (reader_.joinable()) reader_.join();  // the pipe ends with the program
         if (fd_ >= 0) close(fd_);
     }
     const std::string& Url() const { return url_; }
@@ -280,16 +296,10 @@ public:
     // The next line the program writes to its standard error (without its end), within 20 s; empty when
     // none comes.
     std::string NextLine() {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        size_t end;
-        while ((end = text_.find('\n')) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0) continue;
-            char buffer[512];
-            ssize_t n = read(fd_, buffer, sizeof buffer);
-            if (n <= 0) break;
-            text_.append(buffer, size_t(n));
-        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        arrived_.wait_for(lock, std::chrono::seconds(20),
+                          [&] { return ended_ || text_.find('\n') != std::string::npos; });
+        size_t end = text_.find('\n');
         if (end == std::string::npos) return "";
         std::string line = text_.substr(0, end);
         text_.erase(0, end + 1);
@@ -316,5 +326,9 @@ private:
     pid_t pid_ = -1;
     int fd_ = -1;
     std::string url_;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    bool ended_ = false;
     std::string text_;  // read and not yet taken
 };

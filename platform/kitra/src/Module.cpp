@@ -1,6 +1,8 @@
 // Registration of generated modules and the once-only creation of their types.
 #include <kitra/Module.h>
 
+#include <atomic>
+
 #include <fundix/PanicAssert.h>
 
 namespace Kitra::Binding {
@@ -29,9 +31,15 @@ Kitra::Type* CreateManaged(const void* record) {
     return Kitra::CreateManagedObjectType(static_cast<const Kitra::ManagedTypeInfo*>(record));
 }
 
+// Threads may ask at once: each finds the same type, and the cache is read and written whole.
 Kitra::DataObjectType* DataTypeOnce(Kitra::DataObjectType*& cache, Kitra::Type* type) {
-    if (cache == nullptr && type != nullptr) cache = type->AsDataObjectType();
-    return cache;
+    std::atomic_ref<Kitra::DataObjectType*> slot(cache);
+    Kitra::DataObjectType* found = slot.load(std::memory_order_acquire);
+    if (found == nullptr && type != nullptr) {
+        found = type->AsDataObjectType();
+        slot.store(found, std::memory_order_release);
+    }
+    return found;
 }
 
 void RegisterModule(const ModuleInfo& module) {
@@ -49,7 +57,8 @@ void RegisterModule(const ModuleInfo& module) {
     Kitra::TypeMap* typeMap = Kitra::GetTypeMap();
     if (typeMap == nullptr) Fundix::PanicAssert("typeMap != 0", module.sourcePath, module.assertLine + 282);
     typeMap->BeginModule(module.sourcePath);
-    for (size_t i = 0; i < module.typeCount; ++i) typeMap->AddType(module.types[i]());
+    for (size_t i = 0; i < module.typeCount; ++i)
+        typeMap->AddType(module.types[i]());
 }
 
 }  // namespace Kitra::Binding
