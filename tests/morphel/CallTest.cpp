@@ -174,70 +174,7 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     } catch (const Kitra::Fault::InvalidArgument::Exception& e) {
         EXPECT_EQ(e.GetFault()->GetInvalidProperty(), "result");
     }
-
-    // No object under the reference: a fault, not a crash.
-    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
-    Ref<Morphel::SessionManagerStub> sessions(new Morphel::SessionManagerStub("nobody", local.Get(), nullptr));
-    try {
-        sessions->Logout();
-        FAIL() << "no fault";
-    } catch (const Kitra::Fault::ManagedObjectNotFound::Exception& e) {
-        EXPECT_EQ(e.GetFault()->GetObj()->GetId(), "nobody");
-        EXPECT_EQ(e.GetFault()->GetObj()->GetTypeName(), "morphel.SessionManager");
-    }
 }
-
-// An implementation written by hand: the task manager's maximum, and a fault from destroyTask.
-class TaskManagerImpl : public Morphel::Task::TaskManagerStub {
-public:
-    TaskManagerImpl() : Kitra::StubImpl("impl", nullptr, nullptr), TaskManagerStub("impl", nullptr, nullptr) {}
-    int32_t GetMaxTask() override { return max; }
-    void SetMaxTask(int32_t value) override { max = value; }
-    void DestroyTask(Kitra::MoRef* task) override {
-        Morphel::Fault::JobHasActiveTaskFault::Exception(nullptr, task).Throw();
-    }
-    int32_t max = 10;
-};
-
-TEST(CallTest, DispatchReachesTheImplementationSynchronouslyAndAsynchronously) {
-    Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
-    Ref<TaskManagerImpl> impl(new TaskManagerImpl());
-    local->Register("tasks", impl.Get());
-    Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
-
-    stub->SetMaxTask(25);
-    EXPECT_EQ(stub->GetMaxTask(), 25);  // a property, read through the same path
-    Ref<Kitra::MoRef> task(new Kitra::MoRef("morphel.task.Task", "task-1"));
-    EXPECT_THROW(stub->DestroyTask(task.Get()), Morphel::Fault::JobFault::Exception);
-
-    // Asynchronous: the completion runs on another thread with the result, or with the fault.
-    std::atomic<int> value{-1};
-    std::atomic<bool> sameThread{true};
-    auto caller = std::this_thread::get_id();
-    Ref<Fundix::System::ScheduledItem> item;
-    stub->GetMaxTask([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any* result) {
-        sameThread = std::this_thread::get_id() == caller;
-        auto* box = dynamic_cast<Kitra::Primitive<int32_t>*>(result);
-        value = e == nullptr && box != nullptr ? box->GetValue() : -2;
-    }, item);
-    ASSERT_TRUE(item);
-    item->Wait();
-    EXPECT_EQ(value, 25);
-    EXPECT_FALSE(sameThread);
-
-    std::string caught;
-    stub->DestroyTask(task.Get(), [&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any* result) {
-        if (auto* f = dynamic_cast<Morphel::Fault::JobHasActiveTaskFault::Exception*>(e))
-            caught = f->GetFault()->GetTask()->GetId();
-        if (result != nullptr) caught = "unexpected result";
-    }, item);
-    item->Wait();
-    EXPECT_EQ(caught, "task-1");
-}
-
-}  // namespace
-
-namespace {
 
 // Implementations over the generated bases: each overrides only what it serves.
 class MaxOnlyTaskManager : public Morphel::Task::TaskManagerBase {
@@ -300,10 +237,6 @@ TEST(CallTest, ImplementationBasesRaiseNotImplementedNamingTheOperation) {
     item->Wait();
     EXPECT_EQ(method, "morphel.task.TaskManager.destroyTask");
 }
-
-}  // namespace
-
-namespace {
 
 // Answers every call with `answer` and counts the calls.
 class AnswerAdapter : public Kitra::StubAdapter {
@@ -381,10 +314,6 @@ TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
     EXPECT_EQ(adapter->calls, before);
 }
 
-}  // namespace
-
-namespace {
-
 class CountingTaskManager : public Morphel::Task::TaskManagerBase {
 public:
     explicit CountingTaskManager(int32_t max) : max(max) {}
@@ -425,6 +354,21 @@ TEST(CallTest, InProcessStubsFollowTheRegistrations) {
     }
     local->Register("tasks", second.Get());
     EXPECT_EQ(stub->GetMaxTask(), 2);
+
+    // Asynchronously: the completion runs on another thread with the result.
+    std::atomic<int> value{-1};
+    std::atomic<bool> sameThread{true};
+    auto caller = std::this_thread::get_id();
+    Ref<Fundix::System::ScheduledItem> item;
+    stub->GetMaxTask([&](Fundix::System::ScheduledItem*, Fundix::Exception* e, Any* result) {
+        sameThread = std::this_thread::get_id() == caller;
+        auto* box = dynamic_cast<Kitra::Primitive<int32_t>*>(result);
+        value = e == nullptr && box != nullptr ? box->GetValue() : -2;
+    }, item);
+    ASSERT_TRUE(item);
+    item->Wait();
+    EXPECT_EQ(value, 2);
+    EXPECT_FALSE(sameThread);
 
     // An object of another managed type under the identifier.
     Ref<RewindingCollector> collector(new RewindingCollector());
