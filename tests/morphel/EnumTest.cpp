@@ -38,30 +38,20 @@ std::vector<std::string> Split(const char* words) {
     return out;
 }
 
+// Conversion both ways and the refusals are checked for every enumeration below and on a hand-made one in
+// the object model's tests; here the typed helpers and the exported constants.
 TEST(EnumTest, TextsAndValuesOfTaskState) {
-    EXPECT_EQ(Kitra::FromText<State>("running"), State::running);
     EXPECT_EQ(static_cast<int32_t>(Kitra::FromText<State>("running")), 1);
     EXPECT_EQ(Kitra::ToText(State::error), "error");
-    EXPECT_EQ(InvalidArgumentMessage([] { Kitra::FromText<State>("Running"); }), "Running");
     EXPECT_EQ(InvalidArgumentMessage([] { Kitra::FromText<State>("running "); }), "running ");
-    EXPECT_EQ(InvalidArgumentMessage([] { Kitra::ToText(static_cast<State>(4)); }), "4");
     EXPECT_EQ(InvalidArgumentMessage([] { Kitra::ToText(static_cast<State>(-1)); }), "-1");
-
-    // The exported constants are the texts of the value table.
     const char* const constants[] = {Morphel::Task::TaskInfo::STATE_QUEUED, Morphel::Task::TaskInfo::STATE_RUNNING,
                                      Morphel::Task::TaskInfo::STATE_SUCCESS, Morphel::Task::TaskInfo::STATE_ERROR};
-    const auto& values = Kitra::GetType<State>()->AsEnumType()->GetValues();
-    ASSERT_EQ(values.size(), 4u);
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(values[i], constants[i]);
-    EXPECT_STREQ(Morphel::Task::TaskInfo::STATE_RUNNING, "running");
-
+    EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(), std::vector<std::string>(constants, constants + 4));
     // A box of another enumeration is refused.
-    Kitra::EnumType* type = Kitra::GetType<State>()->AsEnumType();
-    Fundix::Ref<Kitra::Any> own(new Kitra::Primitive<State>(State::success));
     Fundix::Ref<Kitra::Any> foreign(new Kitra::Primitive<Morphel::Server::Job::JobInfo::State>(
         Morphel::Server::Job::JobInfo::State::active));
-    EXPECT_EQ(type->BoxedValueToText(own.Get()), "success");
-    EXPECT_THROW(type->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);
+    EXPECT_THROW(Kitra::GetType<State>()->AsEnumType()->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);
 }
 
 TEST(EnumTest, EveryEnumerationAsRegistered) {
