@@ -53,15 +53,6 @@ TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
     EXPECT_EQ(content->GetRefCount(), 1);  // the record's reference only
     EXPECT_EQ(content->GetValues(), (std::vector<Content>{Content::agentLogs, Content::serverLogs, Content::workerLogs}));
 
-    // A clone holds a clone of the array.
-    Fundix::Ref<Bundle> copy(bundle->_Clone());
-    ASSERT_NE(copy->GetContent(), nullptr);
-    EXPECT_NE(copy->GetContent(), content);
-    EXPECT_TRUE(copy->_IsEqual(bundle.Get(), false));
-    copy->GetContent()->Append(Content::clientLogs);
-    EXPECT_EQ(content->GetLength(), 3u);
-    EXPECT_FALSE(copy->_IsEqual(bundle.Get(), false));
-
     // Null empties the held array in place; the property then counts as not set.
     Kitra::DataObjectType* type = bundle->_GetDataType();
     const int contentIndex = type->FindProperty("content");
@@ -84,15 +75,7 @@ TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
     EXPECT_EQ(fresh->GetRefCount(), 1);
 }
 
-TEST(DataObjectTest, EqualityAcrossClassesAndPartialComparison) {
-    auto withPort = MakeLive("src", 902);
-    auto withoutPort = MakeLive("src");
-    EXPECT_FALSE(withPort->_IsEqual(withoutPort.Get(), false));
-    EXPECT_TRUE(withPort->_IsEqual(withoutPort.Get(), true));
-    EXPECT_FALSE(withoutPort->_IsEqual(withPort.Get(), true));
-    EXPECT_FALSE(withPort->_IsEqual(MakeLive("src", 903).Get(), true));
-    EXPECT_FALSE(withPort->_IsEqual(MakeLive("other", 902).Get(), true));  // required: never forgiven
-
+TEST(DataObjectTest, EqualityAcrossClassesDatesAndWideValues) {
     // Same fields, other class: never equal, in either direction.
     Fundix::Ref<Morphel::ComputerSpec::HostedVmLocation> hosted(
         new Morphel::ComputerSpec::HostedVmLocation("/vm/a.cfg", {}, {}, {}, {}));
@@ -103,7 +86,7 @@ TEST(DataObjectTest, EqualityAcrossClassesAndPartialComparison) {
     Fundix::Ref<Morphel::ComputerSpec::HyperVComputerLocation> hyperV(
         new Morphel::ComputerSpec::HyperVComputerLocation("src", 902, Fundix::Optional<std::string>("admin"), {}, {},
                                                           {}, true, {}));
-    EXPECT_FALSE(withPort->_IsEqual(hyperV.Get(), true));
+    EXPECT_FALSE(MakeLive("src", 902)->_IsEqual(hyperV.Get(), true));
     Fundix::Ref<Morphel::UserSession> session(new Morphel::UserSession());
     EXPECT_FALSE(MakeBundle()->_IsEqual(session.Get(), false));
     EXPECT_FALSE(session->_IsEqual(nullptr, true));
@@ -120,35 +103,13 @@ TEST(DataObjectTest, EqualityAcrossClassesAndPartialComparison) {
     Fundix::Ref<Bundle> bigger(big->_Clone());
     bigger->SetSize(big->GetSize() + (int64_t{1} << 40));
     EXPECT_FALSE(big->_IsEqual(bigger.Get(), true));
-
-    // Records are compared by value, through their fields.
-    Fundix::Ref<Morphel::ComputerSpec> a(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
-    Fundix::Ref<Morphel::ComputerSpec> b(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
-    EXPECT_TRUE(a->_IsEqual(b.Get(), false));
-    b->SetLocation(withoutPort.Get());
-    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
-    EXPECT_TRUE(a->_IsEqual(b.Get(), true));
 }
 
 TEST(DataObjectTest, DifferencePaths) {
-    auto mine = MakeBundle();
-    Fundix::Ref<Bundle> theirs(mine->_Clone());
-    Kitra::PropertyDiffSet diffs;
-    mine->_DiffProperties(theirs.Get(), "", diffs);
-    EXPECT_TRUE(diffs.Empty());
-
-    theirs->SetCrc(1);
-    theirs->GetContent()->Append(Content::clientLogs);
-    mine->_DiffProperties(theirs.Get(), "", diffs);
-    EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{".content", ".crc"}));
-    diffs.Clear();
-    mine->_DiffProperties(theirs.Get(), "bundle", diffs);
-    EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{"bundle.content", "bundle.crc"}));
-
     // Records of one class are descended into; a change of class stops at the field.
     Fundix::Ref<Morphel::ComputerSpec> a(new Morphel::ComputerSpec(MakeLive("src", 902).Get()));
     Fundix::Ref<Morphel::ComputerSpec> b(new Morphel::ComputerSpec(MakeLive("dst").Get()));
-    diffs.Clear();
+    Kitra::PropertyDiffSet diffs;
     a->_DiffProperties(b.Get(), "", diffs);
     EXPECT_EQ(diffs.Paths(), (std::vector<std::string>{".location.hostname", ".location.port"}));
     Fundix::Ref<Morphel::ComputerSpec::HostedVmLocation> hosted(
@@ -189,11 +150,6 @@ TEST(DataObjectTest, SizeCountsStringBuffersAndHeldObjects) {
     ovf->SetConfigFilePath(std::string(40, 'p'));
     const unsigned pathCapacity = static_cast<unsigned>(ovf->GetConfigFilePath().capacity());
     EXPECT_EQ(ovf->_GetSize(&CountingSizer), sizeof(Morphel::ComputerSpec::OvfVmLocation) + 8 + pathCapacity + 8);
-
-    // An optional string that is set holds a string object of its own.
-    auto bare = MakeLive("src");
-    bare->UnsetUsername();
-    EXPECT_EQ(live->_GetSize(&Kitra::IdentitySizer) - bare->_GetSize(&Kitra::IdentitySizer), sizeof(std::string));
 }
 
 TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
@@ -283,14 +239,6 @@ TEST(DataObjectTest, ReferencesTakenAndReleased) {
         EXPECT_EQ(second->GetRefCount(), 2);
         computer->SetLocation(second.Get());  // the same value again
         EXPECT_EQ(second->GetRefCount(), 2);
-        // A clone holds a clone of each record field, so changing it leaves the original alone.
-        Fundix::Ref<Morphel::ComputerSpec> clone(computer->_Clone());
-        ASSERT_NE(clone->GetLocation(), nullptr);
-        EXPECT_NE(clone->GetLocation(), second.Get());
-        EXPECT_TRUE(clone->GetLocation()->_IsEqual(second.Get(), false));
-        EXPECT_EQ(second->GetRefCount(), 2);
-        static_cast<Live*>(clone->GetLocation())->SetHostname("changed");
-        EXPECT_EQ(second->GetHostname(), "b");
     }
     EXPECT_EQ(second->GetRefCount(), 1);
 
