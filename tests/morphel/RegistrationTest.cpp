@@ -8,13 +8,8 @@
 #include <vector>
 
 #include <kitra/Kitra.h>
-#include <morphel/fault/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
-
-namespace Kitra::Binding {
-extern const VersionTable gMorphelVersions;
-}
 
 namespace {
 
@@ -161,37 +156,6 @@ TEST(RegistrationTest, VersionsAndTheirInclusions) {
     EXPECT_FALSE(map->IsIncluded(m + "1", d + "4"));
     EXPECT_FALSE(map->IsIncluded(m + "1", m + "2"));
     EXPECT_FALSE(map->IsIncluded(m + "3", d + "8"));
-}
-
-struct Snapshot {
-    std::vector<std::pair<std::string, std::vector<std::string>>> versions;
-    std::vector<Kitra::Type*> types;
-    std::vector<std::pair<std::string, std::vector<Kitra::Type*>>> modules;
-
-    static Snapshot Take() {
-        Snapshot s;
-        for (const Kitra::Version* v : Kitra::GetVersionMap()->GetVersions()) s.versions.emplace_back(v->name, v->includes);
-        s.types = Kitra::GetTypeMap()->GetTypes();
-        for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules()) s.modules.emplace_back(m->source, m->types);
-        return s;
-    }
-    bool operator==(const Snapshot&) const = default;
-};
-
-Kitra::Type* (*const kSomeTypes[])() = {
-    &Kitra::GetType<Morphel::SessionManager>,
-    &Kitra::GetType<Morphel::ComputerSpec>,
-    &Kitra::GetType<Morphel::Task::TaskInfo>,
-    &Kitra::GetType<Morphel::Fault::FileNotFound>,
-    &Kitra::GetType<Morphel::Task::TaskInfo::State>,
-};
-
-TEST(RegistrationTest, RegisteringAgainChangesNothing) {
-    const Snapshot before = Snapshot::Take();
-    Kitra::Binding::RegisterModule({"sysimage/kodl/morphel/types", 3655, &Kitra::Binding::gMorphelVersions, kSomeTypes, 5});
-    Kitra::Binding::RegisterModule({"sysimage/kodl/morphel/task/types", 100, &Kitra::Binding::gMorphelVersions, kSomeTypes, 5});
-    for (auto get : kSomeTypes) Kitra::GetTypeMap()->AddType(get());
-    EXPECT_TRUE(Snapshot::Take() == before);
 }
 
 // Every record's instances name their type (RecordTest); here the names a program may reach a type by.

@@ -6,18 +6,6 @@ namespace {
 
 using namespace WireTest;
 
-const char kHead[] =
-    "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-    "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">"
-    "<soapenv:Body>";
-const char kTail[] = "</soapenv:Body></soapenv:Envelope>";
-
-std::string Body(const std::string& inner) { return kHead + inner + kTail; }
-
-std::string Value(const std::string& type, const std::string& fields) {
-    return Body("<value xmlns=\"urn:morphel\" xsi:type=\"" + type + "\">" + fields + "</value>");
-}
-
 std::string Reject(const std::string& message, int version = 4, Kitra::Soap::Limits limits = {}) {
     return Rejection([&] { Kitra::Soap::Codec(V(version), limits).Decode(message); });
 }

@@ -15,13 +15,6 @@ using namespace WireTest;
 using Fundix::Ref;
 using Fundix::System::DateTime;
 
-std::string Value(const std::string& type, const std::string& fields) {
-    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-           "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">"
-           "<soapenv:Body><value xmlns=\"urn:morphel\" xsi:type=\"" +
-           type + "\">" + fields + "</value></soapenv:Body></soapenv:Envelope>";
-}
-
 Ref<Morphel::SSLCertificateData> Certificate(const std::vector<int8_t>& bytes) {
     Ref<Kitra::Array<int8_t>> data(new Kitra::Array<int8_t>());
     for (int8_t b : bytes) data->Append(b);

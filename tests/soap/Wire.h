@@ -61,6 +61,17 @@ inline Fundix::Ref<Kitra::Any> RoundTrip(const Kitra::Any* value, int version = 
     return Decode(Encode(value, version), version);
 }
 
+// A message of its own making: `inner` as the body's content; a value element of `type` holding `fields`.
+inline std::string Body(const std::string& inner) {
+    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+           "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">"
+           "<soapenv:Body>" +
+           inner + "</soapenv:Body></soapenv:Envelope>";
+}
+inline std::string Value(const std::string& type, const std::string& fields) {
+    return Body("<value xmlns=\"urn:morphel\" xsi:type=\"" + type + "\">" + fields + "</value>");
+}
+
 // Runs `f` and returns the fault it raised as F (failing the test when it raised nothing or another).
 template <class F, class Fn>
 Fundix::Ref<F> FaultOf(Fn&& f) {
