@@ -14,40 +14,14 @@
 #include <kitra/fault/types.h>
 #include <morphel/morphelTypes.h>
 
+#include "Values.h"
+
 namespace {
 
 using Fundix::Ref;
 using Kitra::Any;
 
-Kitra::Type* ElementType(const Kitra::TypeInfo* t) {
-    return Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t) : Kitra::GetTypeMap()->GetType(t->name);
-}
-
-// A value of the type a parameter or result record names.
-Ref<Any> MakeValue(const Kitra::TypeInfo* t, uint32_t flags) {
-    if (t == nullptr) return nullptr;
-    if (flags & Kitra::kFlagArray) {
-        Ref<Kitra::ArrayBase> array = ElementType(t)->CreateArray();
-        Ref<Any> element = MakeValue(t, 0);
-        array->AppendBoxed(element.Get());
-        return array.Get();
-    }
-    switch (t->kind) {
-    case Kitra::kKindData:
-    case Kitra::kKindFault: return ElementType(t)->AsDataObjectType()->CreateInstance().Get();
-    case Kitra::kKindManaged: return new Kitra::MoRef(t->name, "obj-7");
-    case Kitra::kKindEnum: return ElementType(t)->AsEnumType()->CreateBox(0);
-    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(7);
-    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(1LL << 40);
-    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(3);
-    case Kitra::kKindBool: return new Kitra::Primitive<bool>(true);
-    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(-18);
-    case Kitra::kKindFloat: return new Kitra::Primitive<float>(0.5f);
-    case Kitra::kKindDouble: return new Kitra::Primitive<double>(0.25);
-    case Kitra::kKindDateTime: return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(2026, 11, 23));
-    default: return new Kitra::Primitive<std::string>("text");
-    }
-}
+using Values::ElementType;
 
 // True when `value` may travel where a record of type `t` with `flags` is declared.
 bool Fits(const Any* value, const Kitra::TypeInfo* t, uint32_t flags) {
@@ -92,7 +66,7 @@ public:
         received = args;
         if (nullResult) result = nullptr;
         else if (wrongResult) result = new Kitra::MoRef("kodl.ManagedObject", "x");
-        else result = MakeValue(d.result, d.resultFlags & 1);
+        else result = Values::Sample(d.result, d.resultFlags & 1);
     }
     int calls = 0;
     bool wrongResult = false;
@@ -128,7 +102,7 @@ TEST(CallTest, EveryMethodOfEveryManagedTypeRoundTrips) {
             for (const auto* p = d.params; p != nullptr && p->name != nullptr; ++p, ++i) {
                 // Every second optional parameter stays unset: a null slot, never a shorter vector.
                 bool unset = (p->flags & Kitra::kFlagOptional) && i % 2 == 1;
-                args.push_back(unset ? nullptr : MakeValue(p->type, p->flags));
+                args.push_back(unset ? nullptr : Values::Sample(p->type, p->flags));
             }
             Ref<Any> result;
             int before = echo->calls;
@@ -152,9 +126,9 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     Ref<EchoAdapter> echo(new EchoAdapter());
     Ref<Morphel::QueryManagerStub> query(new Morphel::QueryManagerStub("query", echo.Get(), nullptr));
     Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
-    EXPECT_EQ(query->ValidateAgentAvailability(spec.Get()), Morphel::QueryManager::AgentAvailabilityResult::available);
+    EXPECT_EQ(query->ValidateAgentAvailability(spec.Get()), Morphel::QueryManager::AgentAvailabilityResult::hyperVNotSupported);
     Ref<Morphel::DiagnosticManagerStub> diag(new Morphel::DiagnosticManagerStub("diag", echo.Get(), nullptr));
-    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "text");
+    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "a text long enough for the heap");
 
     // A result of another class: a type mismatch, and the out-parameter is left as it was.
     echo->wrongResult = true;

@@ -14,6 +14,8 @@
 #include <morphel/info/types.h>
 #include <morphel/types.h>
 
+#include "Values.h"
+
 namespace {
 
 std::string Str(const char* s) { return s != nullptr ? s : "<null>"; }
@@ -28,7 +30,7 @@ struct Field {
 
 struct Record {
     const char* wireName;
-    const char* wsdlName;  // null where the rule alone gives it
+    const char* wsdlName;
     uint32_t kind;
     const char* version;
     const char* base;
@@ -37,7 +39,6 @@ struct Record {
 
 const char* const v1 = "morphel.version.version1";
 const char* const v2 = "morphel.version.version2";
-const char* const v3 = "morphel.version.version3";
 
 TEST(RecordTest, SampleRecordsFieldByField) {
     const Record records[] = {
@@ -58,25 +59,10 @@ TEST(RecordTest, SampleRecordsFieldByField) {
           {"content", 3, v1, "morphel.DiagnosticManager.BundleContent", nullptr},
           {"size", 0, v1, "long", nullptr},
           {"crc", 0, v1, "int", nullptr}}},
-        {"morphel.fault.SSLVerificationFault", "MorphelSSLVerificationFault", Kitra::kKindFault, v2,
-         "morphel.fault.MorphelFault",
-         {{"selfSigned", 0, v2, "boolean", nullptr},
-          {"thumbprint", 0, v2, "string", nullptr},
-          {"msg", 0, v2, "string", nullptr},
-          {"errorFlags", 2, v3, "long", nullptr},
-          {"certificateChain", 1, v2, "morphel.SSLCertificateData", nullptr}}},
         {"morphel.info.PropertyInfo", "MorphelPropertyInfo", Kitra::kKindData, v1, "kodl.DynamicData",
          {{"property", 0, v1, "propertyPath", nullptr},
           {"severityLevel", 0, v1, "string", nullptr},
           {"message", 2, v1, "string", ""}}},
-        {"morphel.event.Event", nullptr, Kitra::kKindData, v1, "kodl.DynamicData",
-         {{"key", 0, v1, "int", nullptr},
-          {"chainId", 0, v1, "int", nullptr},
-          {"type", 0, v1, "morphel.event.Event.Type", nullptr},
-          {"createdTime", 0, v1, "dateTime", nullptr},
-          {"userName", 0, v1, "string", nullptr},
-          {"fullMessage", 2, v1, "string", ""},
-          {"job", 2, v2, "morphel.server.job.Job", nullptr}}},
         {"morphel.agent.internal.fault.PlatformError", "MorphelPlatformError", Kitra::kKindFault, v1,
          "kodl.RuntimeFault", {{"errCode", 0, v1, "int", nullptr}}},
         {"morphel.fault.FileNotFound", "MorphelFileNotFound", Kitra::kKindFault, v1, "morphel.fault.MorphelFileFault",
@@ -91,9 +77,7 @@ TEST(RecordTest, SampleRecordsFieldByField) {
         const Kitra::DataTypeInfo* info = data->GetDataTypeInfo();
         EXPECT_EQ(info->type->kind, r.kind);
         EXPECT_STREQ(info->type->name, r.wireName);
-        if (r.wsdlName != nullptr) {
-            EXPECT_STREQ(info->type->wsdlName, r.wsdlName);
-        }
+        EXPECT_STREQ(info->type->wsdlName, r.wsdlName);
         EXPECT_STREQ(info->type->version, r.version);
         ASSERT_NE(info->base, nullptr);
         EXPECT_STREQ(info->base->name, r.base);
@@ -338,46 +322,6 @@ TEST(RecordTest, EveryMethodRecordIsComplete) {
                                               "unregisterWithAgent"}));
 }
 
-// A value of the property's type that differs from the default one.
-Fundix::Ref<Kitra::Any> ScalarSample(const Kitra::TypeInfo* t) {
-    switch (t->kind) {
-    case Kitra::kKindString: return new Kitra::Primitive<std::string>("a text long enough for the heap");
-    case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
-    case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("source.location.hostname");
-    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(0x12345678);
-    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>((int64_t{1} << 40) + 5);
-    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(-300);
-    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(static_cast<int8_t>(0xEE));
-    case Kitra::kKindBool: return new Kitra::Primitive<bool>(true);
-    case Kitra::kKindFloat: return new Kitra::Primitive<float>(1.5f);
-    case Kitra::kKindDouble: return new Kitra::Primitive<double>(2.25);
-    case Kitra::kKindDateTime: return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(2021, 3, 4));
-    case Kitra::kKindAnyType: return new Kitra::Primitive<int32_t>(7);
-    case Kitra::kKindManaged: return new Kitra::MoRef(t->name, "object-1");
-    case Kitra::kKindEnum: {
-        Kitra::EnumType* e = Kitra::GetTypeMap()->GetType(t->name)->AsEnumType();
-        return e->CreateBox(static_cast<int32_t>(e->GetValues().size()) - 1);
-    }
-    default: {
-        Kitra::Type* type = Kitra::GetTypeMap()->GetType(t->name);
-        return type != nullptr && type->AsDataObjectType() ? type->AsDataObjectType()->CreateInstance() : nullptr;
-    }
-    }
-}
-
-Fundix::Ref<Kitra::Any> Sample(const Kitra::PropertyTypeInfo* p) {
-    if ((p->flags & Kitra::kFlagArray) == 0) return ScalarSample(p->type);
-    const Kitra::TypeInfo* t = p->type;
-    Kitra::Type* element = Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t) : Kitra::GetTypeMap()->GetType(t->name);
-    if (element == nullptr) return nullptr;
-    Fundix::Ref<Kitra::ArrayBase> array = element->CreateArray();
-    if (!array) return nullptr;
-    Fundix::Ref<Kitra::Any> item = ScalarSample(t);
-    array->AppendBoxed(item.Get());
-    array->AppendBoxed(item.Get());
-    return Fundix::Ref<Kitra::Any>(array.Get());
-}
-
 TEST(RecordTest, EveryPropertyKeepsWhatIsSetInIt) {
     for (Kitra::Type* type : MorphelTypes()) {
         Kitra::DataObjectType* data = type->AsDataObjectType();
@@ -388,7 +332,7 @@ TEST(RecordTest, EveryPropertyKeepsWhatIsSetInIt) {
         std::vector<Fundix::Ref<Kitra::Any>> values;
         for (size_t i = 0; i < all.size(); ++i) {
             SCOPED_TRACE(all[i].info->name);
-            values.push_back(Sample(all[i].info));
+            values.push_back(Values::Sample(all[i].info->type, all[i].info->flags));
             ASSERT_TRUE(values.back());
             ASSERT_NO_THROW(data->SetPropertyValue(object.Get(), static_cast<int>(i), values.back().Get()));
         }
