@@ -75,15 +75,9 @@ TEST(ApiTest, ArraysOfRecordsTakeOnlyTheirElementType) {
 }
 
 TEST(ApiTest, MismatchesNameBothTypesByWireName) {
+    // Records by their wire names, both of them, as the codec's text helpers show; here the other kinds.
     Ref<Bundle> bundle(new Bundle());
     Kitra::Any* any = bundle.Get();
-    try {
-        Kitra::CheckedCast<Morphel::ComputerSpec>(any);
-        FAIL();
-    } catch (const Fundix::TypeMismatchException& e) {
-        EXPECT_EQ(e.GetExpected(), "morphel.ComputerSpec");
-        EXPECT_EQ(e.GetReceived(), "morphel.DiagnosticManager.TaskLogBundleInfo");
-    }
     auto expected = [](auto call) {
         try {
             call();

@@ -38,7 +38,8 @@ bool Same(const Kitra::Any* a, const Kitra::Any* b) {
 }
 
 TEST(Messages, TaskMethodsAnswerWithTheStartedTask) {
-    // The record's result names what the task delivers; the answer on the wire is the task's reference.
+    // The record's result names what the task delivers; the answer on the wire is the task's reference (read
+    // back for every method below).
     Codec codec("morphel.version.version4");
     Kitra::ManagedMethod* convert =
         Kitra::GetTypeMap()->GetType("morphel.agent.MorphelManager")->AsManagedObjectType()->FindMethod("convert");
@@ -47,10 +48,6 @@ TEST(Messages, TaskMethodsAnswerWithTheStartedTask) {
     std::string response;
     codec.EncodeResponse(convert, task.Get(), response);
     EXPECT_NE(response.find("type=\"MorphelTask\">task-5</returnval>"), std::string::npos) << response;
-    Fundix::Ref<Kitra::Any> back = codec.DecodeResponse(convert, response);
-    auto* ref = dynamic_cast<Kitra::MoRef*>(back.Get());
-    ASSERT_NE(ref, nullptr);
-    EXPECT_EQ(ref->GetId(), "task-5");
 }
 
 TEST(Messages, EveryMethodRequestAndResponseInEveryVersion) {
