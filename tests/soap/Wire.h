@@ -61,6 +61,40 @@ inline Fundix::Ref<Kitra::Any> RoundTrip(const Kitra::Any* value, int version = 
     return Decode(Encode(value, version), version);
 }
 
+// One value of `type` for parameters, results and anyType places, at the edges of its lexical form; `seed`
+// tells apart the values of one message.
+inline Fundix::Ref<Kitra::Any> One(const Kitra::Type* type, const Kitra::Soap::Codec& codec, int seed = 0) {
+    switch (type->GetKind()) {
+    case Kitra::kKindString: return new Kitra::Primitive<std::string>("a <b> & \"c\" " + std::to_string(seed));
+    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(-2147483647 - 1 + seed);
+    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(INT64_MAX - seed);
+    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(static_cast<int16_t>(-300 + seed));
+    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(static_cast<int8_t>(-128 + seed));
+    case Kitra::kKindBool: return new Kitra::Primitive<bool>(seed % 2 == 0);
+    case Kitra::kKindFloat: return new Kitra::Primitive<float>(3.4e38f);
+    case Kitra::kKindDouble: return new Kitra::Primitive<double>(-0.1 - seed);
+    case Kitra::kKindDateTime:
+        return new Kitra::Primitive<Fundix::System::DateTime>({2026, 2, 3, 4, 5, 6, 7 + seed});
+    case Kitra::kKindAnyType: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
+    case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.Task");
+    case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("info.state");
+    case Kitra::kKindEnum: return type->AsEnumType()->CreateBox(0);
+    case Kitra::kKindManaged: return new Kitra::MoRef(type->GetName(), "obj-" + std::to_string(seed));
+    default: return Fundix::Ref<Kitra::Any>(MorphelTypesTool::Sample(type->AsDataObjectType(), codec).Get());
+    }
+}
+
+// A value for a record of `info` with `flags`: two of them in an array where the record says so.
+inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t flags, const Kitra::Soap::Codec& codec,
+                                        int seed = 0) {
+    const Kitra::Type* type = Kitra::Soap::TypeOf(info);
+    if (!(flags & Kitra::kFlagArray)) return One(type, codec, seed);
+    Fundix::Ref<Kitra::ArrayBase> array = type->CreateArray();
+    array->AppendBoxed(One(type, codec, seed).Get());
+    array->AppendBoxed(One(type, codec, seed + 1).Get());
+    return Fundix::Ref<Kitra::Any>(array.Get());
+}
+
 // A message of its own making: `inner` as the body's content; a value element of `type` holding `fields`.
 inline std::string Body(const std::string& inner) {
     return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "

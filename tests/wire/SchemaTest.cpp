@@ -16,7 +16,7 @@
 #include <kitra/Wsdl.h>
 #include <morphel/types.h>
 
-#include "Sample.h"
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -24,8 +24,7 @@ using Fundix::Ref;
 using Kitra::Any;
 using Kitra::Soap::Codec;
 
-const char* const kVersions[] = {"morphel.version.version1", "morphel.version.version2",
-                                 "morphel.version.version3", "morphel.version.version4"};
+using namespace WireTest;  // versions, sample values and envelopes shared with the codec's tests
 
 // The envelope as the codec writes it. The body's element, and the one in a fault's detail, are matched
 // strictly: each must be declared by the imported schema of the version.
@@ -115,37 +114,6 @@ Ref<Kitra::DataObject> Lean(Ref<Kitra::DataObject> object) {
         if (type->GetProperties()[i].info->flags & (Kitra::kFlagOptional | Kitra::kFlagArray))
             type->SetPropertyValue(object.Get(), static_cast<int>(i), nullptr);
     return object;
-}
-
-// One value of `type`, for parameters, results and arrays in anyType places.
-Ref<Any> One(const Kitra::Type* type, const Codec& codec) {
-    switch (type->GetKind()) {
-    case Kitra::kKindString: return new Kitra::Primitive<std::string>("a <b> & \"c\"");
-    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(-2147483647 - 1);
-    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(INT64_MAX);
-    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(-300);
-    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(-128);
-    case Kitra::kKindBool: return new Kitra::Primitive<bool>(true);
-    case Kitra::kKindFloat: return new Kitra::Primitive<float>(3.4e38f);
-    case Kitra::kKindDouble: return new Kitra::Primitive<double>(-0.1);
-    case Kitra::kKindDateTime:
-        return new Kitra::Primitive<Fundix::System::DateTime>({2026, 2, 3, 4, 5, 6, 7});
-    case Kitra::kKindAnyType: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
-    case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.Task");
-    case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("info.state");
-    case Kitra::kKindEnum: return type->AsEnumType()->CreateBox(0);
-    case Kitra::kKindManaged: return new Kitra::MoRef(type->GetName(), "obj-1");
-    default: return Ref<Any>(MorphelTypesTool::Sample(type->AsDataObjectType(), codec).Get());
-    }
-}
-
-Ref<Any> Argument(const Kitra::TypeInfo* info, uint32_t flags, const Codec& codec) {
-    const Kitra::Type* type = Kitra::Soap::TypeOf(info);
-    if (!(flags & Kitra::kFlagArray)) return One(type, codec);
-    Ref<Kitra::ArrayBase> array = type->CreateArray();
-    array->AppendBoxed(One(type, codec).Get());
-    array->AppendBoxed(One(type, codec).Get());
-    return Ref<Any>(array.Get());
 }
 
 class Schema : public testing::Test {
@@ -272,25 +240,18 @@ TEST_F(Schema, RefusesWhatTheCodecWouldNotWrite) {
     Codec v1(kVersions[0]);
     Codec v4(kVersions[3]);
     Validator validator(v1);
-    auto value = [](const std::string& type, const std::string& content) {
-        return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-               "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" "
-               "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"><soapenv:Body>"
-               "<value xmlns=\"urn:morphel\" xsi:type=\"" + type + "\">" + content +
-               "</value></soapenv:Body></soapenv:Envelope>";
-    };
     std::string live = "<location xsi:type=\"MorphelComputerSpecLiveComputerLocation\">";
     std::string good = live + "<hostname>h</hostname><osType>w</osType></location>";
-    ASSERT_EQ(validator.Check(value("MorphelComputerSpec", good)), "");
-    EXPECT_NE(validator.Check(value("MorphelComputerSpec", "")), "") << "a required record left out";
-    EXPECT_NE(validator.Check(value("MorphelComputerSpec", live + "<osType>w</osType></location>")), "");
-    EXPECT_NE(validator.Check(value("MorphelComputerSpec", good + good)), "") << "a single value twice";
-    EXPECT_NE(validator.Check(value("MorphelComputerSpec", good + "<extra/>")), "") << "an unknown element";
+    ASSERT_EQ(validator.Check(Value("MorphelComputerSpec", good)), "");
+    EXPECT_NE(validator.Check(Value("MorphelComputerSpec", "")), "") << "a required record left out";
+    EXPECT_NE(validator.Check(Value("MorphelComputerSpec", live + "<osType>w</osType></location>")), "");
+    EXPECT_NE(validator.Check(Value("MorphelComputerSpec", good + good)), "") << "a single value twice";
+    EXPECT_NE(validator.Check(Value("MorphelComputerSpec", good + "<extra/>")), "") << "an unknown element";
     // Valid beside invalid: an enumeration's text, an int's lexical form.
     for (auto [type, valid, invalid] : {std::tuple{"MorphelAgentInternalDiskAttachPointBusType", "IDE", "X"},
                                         std::tuple{"xsd:int", "-12", "12x"}}) {
-        EXPECT_EQ(validator.Check(value(type, valid)), "");
-        EXPECT_NE(validator.Check(value(type, invalid)), "") << type;
+        EXPECT_EQ(validator.Check(Value(type, valid)), "");
+        EXPECT_NE(validator.Check(Value(type, invalid)), "") << type;
     }
 
     // A type that only later versions know is not in version 1's schema.
