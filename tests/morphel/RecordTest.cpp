@@ -375,7 +375,9 @@ TEST(RecordTest, EveryPropertyKeepsWhatIsSetInIt) {
             one->_DiffProperties(bare.Get(), "", alone);
             EXPECT_EQ(alone.Paths(), differs ? std::vector<std::string>{std::string(".") + all[i].info->name}
                                              : std::vector<std::string>{});
-            if (differs && Kitra::StorageOf(*all[i].info) != Kitra::Storage::Slot) {
+            // (A record field left at its default may equal the sample in part, so records are not asked.)
+            if (differs && (Kitra::StorageOf(*all[i].info) != Kitra::Storage::Slot ||
+                            (all[i].info->flags & Kitra::kFlagArray))) {
                 EXPECT_EQ(one->_IsEqual(bare.Get(), true), (all[i].info->flags & Kitra::kFlagOptional) != 0);
             }
         }
