@@ -44,7 +44,6 @@ TEST(EnumTest, TextsAndValuesOfTaskState) {
     EXPECT_EQ(static_cast<int32_t>(Kitra::FromText<State>("running")), 1);
     EXPECT_EQ(Kitra::ToText(State::error), "error");
     EXPECT_EQ(InvalidArgumentMessage([] { Kitra::FromText<State>("running "); }), "running ");
-    EXPECT_EQ(InvalidArgumentMessage([] { Kitra::ToText(static_cast<State>(-1)); }), "-1");
     const char* const constants[] = {Morphel::Task::TaskInfo::STATE_QUEUED, Morphel::Task::TaskInfo::STATE_RUNNING,
                                      Morphel::Task::TaskInfo::STATE_SUCCESS, Morphel::Task::TaskInfo::STATE_ERROR};
     EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(), std::vector<std::string>(constants, constants + 4));
