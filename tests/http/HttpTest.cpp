@@ -150,21 +150,19 @@ protected:
             return Ref<Kitra::Any>(MorphelTypesTool::Sample(
                 Kitra::GetType<Morphel::ServiceInstanceContent>()->AsDataObjectType(), codec).Get());
         };
-        backend_->handlers["login"] = [](Fundix::RefVector<Kitra::Any>& args) -> Ref<Kitra::Any> {
-            if (Text(args[1].Get()) != "pw") Ref<Dovra::Fault::InvalidLogin>(new Dovra::Fault::InvalidLogin())->Throw();
-            Kitra::Http::Session* session = Call::Current()->OpenSession(Text(args[0].Get()));
-            return new Morphel::UserSession(session->GetKey(), session->GetUserName(), "", Fundix::System::DateTime(),
+        auto session = [](Kitra::Http::Session* s) -> Ref<Kitra::Any> {
+            return new Morphel::UserSession(s->GetKey(), s->GetUserName(), "", Fundix::System::DateTime(),
                                             Fundix::System::DateTime(), "en", "en", Fundix::Optional<bool>());
+        };
+        backend_->handlers["login"] = [session](Fundix::RefVector<Kitra::Any>& args) {
+            if (Text(args[1].Get()) != "pw") Ref<Dovra::Fault::InvalidLogin>(new Dovra::Fault::InvalidLogin())->Throw();
+            return session(Call::Current()->OpenSession(Text(args[0].Get())));
         };
         backend_->handlers["logout"] = [](auto&) {
             Call::Current()->CloseSession();
             return Ref<Kitra::Any>();
         };
-        backend_->handlers["currentSession"] = [](auto&) -> Ref<Kitra::Any> {
-            Kitra::Http::Session* s = Call::Current()->GetSession();
-            return new Morphel::UserSession(s->GetKey(), s->GetUserName(), "", Fundix::System::DateTime(),
-                                            Fundix::System::DateTime(), "en", "en", Fundix::Optional<bool>());
-        };
+        backend_->handlers["currentSession"] = [session](auto&) { return session(Call::Current()->GetSession()); };
         backend_->handlers["terminate"] = [](Fundix::RefVector<Kitra::Any>& args) {
             auto* keys = static_cast<Kitra::Array<std::string>*>(args[0].Get());
             for (const auto& k : keys->GetValues()) Call::Current()->CloseSession(k);
