@@ -98,8 +98,7 @@ TEST(Records, WireNamesAsDeclared) {
     // OvfFile's identifier is spelled with a capital.
     std::string message = Encode(Sample("morphel.ovf.OvfFile").Get());
     EXPECT_NE(message.find("<Id>"), std::string::npos);
-    // (The two parameter-update records that differ only by name come back as themselves: see the table of
-    // subclasses in their base's place.)
+    // (The two parameter-update records that differ only by name are rows of the subclass table.)
 }
 
 TEST(Records, RequiredFieldAddedLaterFollowsTheMissingRequiredRule) {
