@@ -249,6 +249,12 @@ protected:
     void SynchronousAndAsynchronousTakeTurns(Client& c);
     void LargeAnswer(Client& c);
 
+    // What the server logged so far.
+    std::vector<std::string> Log() {
+        std::lock_guard<std::mutex> lock(logMutex_);
+        return log_;
+    }
+
     std::unique_ptr<Kitra::Http::Server> server_;
     Ref<Backend> backend_;
     std::mutex logMutex_;
@@ -293,9 +299,9 @@ TEST_F(HttpTest, AnonymousThenSessionOnly) {
     EXPECT_EQ(current->GetUserName(), "ann");
     c.sessions->Logout();
     EXPECT_TRUE(Refused(c));
-    std::lock_guard<std::mutex> lock(logMutex_);
-    ASSERT_FALSE(log_.empty());
-    EXPECT_NE(log_.front().find("morphel.ServiceInstance.retrieveContent 200"), std::string::npos) << log_.front();
+    const auto log = Log();
+    ASSERT_FALSE(log.empty());
+    EXPECT_TRUE(Has(log.front(), "morphel.ServiceInstance.retrieveContent 200")) << log.front();
 }
 
 TEST_F(HttpTest, SeparateSessionsAndPrivileges) {
@@ -322,13 +328,9 @@ TEST_F(HttpTest, FailuresWithoutInternalsAndUnknownObjects) {
         EXPECT_STREQ(e.GetMessage().c_str(), "kodl.RuntimeFault");
         EXPECT_EQ(e.GetFault()->_GetType()->GetName(), std::string("kodl.RuntimeFault"));
     }
-    {
-        // The log names the cause; the answer does not.
-        std::lock_guard<std::mutex> lock(logMutex_);
-        ASSERT_FALSE(log_.empty());
-        EXPECT_NE(log_.back().find("500 "), std::string::npos) << log_.back();
-        EXPECT_NE(log_.back().find("cause=std::runtime_error: secret internal detail"), std::string::npos) << log_.back();
-    }
+    const auto log = Log();  // the log names the cause; the answer does not
+    ASSERT_FALSE(log.empty());
+    EXPECT_TRUE(Has(log.back(), "500 ") && Has(log.back(), "cause=std::runtime_error: secret internal detail")) << log.back();
     Ref<Morphel::SessionManagerStub> ghost(new Morphel::SessionManagerStub("nobody", c.adapter.Get(), nullptr));
     ExpectFault<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { ghost->Logout(); });
 }
@@ -634,11 +636,7 @@ TEST_F(HttpsTest, PinnedThumbprintOrTrustedCertificate) {
 }
 
 TEST_F(HttpsTest, RejectedCertificatesStopTheCallBeforeItIsSent) {
-    size_t before;
-    {
-        std::lock_guard<std::mutex> lock(logMutex_);
-        before = log_.size();
-    }
+    const size_t before = Log().size();
     auto rejected = [&](const std::function<void(Kitra::Http::ClientOptions&)>& tune) {
         Client c = Connect(kV4, tune);
         try {
@@ -667,9 +665,7 @@ TEST_F(HttpsTest, RejectedCertificatesStopTheCallBeforeItIsSent) {
     auto misnamed = rejected([&](Kitra::Http::ClientOptions& o) { o.trustedPem = other.certificatePem; });
     ASSERT_NE(misnamed, nullptr);
     EXPECT_NE(misnamed->GetReason().find("mismatch"), std::string::npos) << misnamed->GetReason();
-    // None of these calls reached the server.
-    std::lock_guard<std::mutex> lock(logMutex_);
-    EXPECT_EQ(log_.size(), before);
+    EXPECT_EQ(Log().size(), before);  // none of these calls reached the server
     EXPECT_THROW(Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.thumbprint = "12:34"; }), Fundix::InvalidArgumentException);
 }
 
