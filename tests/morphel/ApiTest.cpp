@@ -9,7 +9,6 @@
 
 #include <fundix/Exception.h>
 #include <kitra/Kitra.h>
-#include <morphel/info/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 

@@ -10,7 +10,6 @@
 #include <kitra/Kitra.h>
 #include <morphel/agent/internal/fault/types.h>
 #include <morphel/fault/types.h>
-#include <morphel/info/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 

@@ -7,10 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <fundix/System/DateTime.h>
 #include <kitra/Kitra.h>
-#include <morphel/event/types.h>
-#include <morphel/fault/types.h>
 #include <morphel/info/types.h>
 #include <morphel/types.h>
 
