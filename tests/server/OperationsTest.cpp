@@ -38,7 +38,7 @@ protected:
         return client_->Make<Stub>(ref);
     }
 
-    // A job converting this machine, with `extraInfo`, its spec as `adjust` leaves it.
+    // A job converting this machine, with `extraInfo`, its settings as `adjust` leaves them.
     Ref<ConversionJobInfo> CreateJob(
         const std::string& name, Kitra::Any* extraInfo = nullptr,
         const std::function<void(Morphel::Server::Conversion::ConversionJobSpec&)>& adjust = {}) {

@@ -156,7 +156,7 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.CollectorIds(), (std::vector<std::string>{"d", "e"}));
 
         // Scheduled tasks by name, by job and by due time (enabled, with a next run); a task of its own
-        // keeps its spec; an erased task leaves the recent tasks.
+        // keeps the record it was created with; an erased task leaves the recent tasks.
         auto scheduled = [](const std::string& id, const std::string& job, int64_t next, bool enabled) {
             MorphelServer::ScheduledTaskRecord s{id, job, new Dovra::Scheduler::ScheduledTaskInfo()};
             s.info->SetKey(id);

@@ -2,7 +2,7 @@
 // thread of its own: queued, running with progress 0 to 100 (an event as each disk starts and ends),
 // success; or cancelled on the way (error).
 //
-// A job is "active" from its creation (or "suspended" when its spec says startSuspended), "suspended" by
+// A job is "active" from its creation (or "suspended" when created with startSuspended), "suspended" by
 // suspend until resume, and "deactivated" by stop for good. Its first run starts with it, or at its
 // firstRun (a scheduled task waits for it: the job has no task until then), or at resume for a job
 // created suspended; later runs come from scheduled tasks (Scheduler.cpp).

@@ -24,9 +24,9 @@ TaskRecord FindTask(StateTransaction& tx, const Kitra::MoRef* ref) {
     return FindTask(tx, ref->GetId());
 }
 
-// What the task converts: a task of its own, the spec it was created with; a job's, from its job's spec as it
-// stands: the source, the machine made, the parameters and what is done to the source; null once the job is
-// gone.
+// What the task converts: for a task of its own, the record it was created with; for a job's task, taken from
+// the job's settings as they stand (the source, the machine made, the parameters and what is done to the
+// source); null once the job is gone.
 Ref<TaskSpec> SpecOf(StateTransaction& tx, const std::string& id) {
     TaskRecord task = FindTask(tx, id);
     if (task.spec != nullptr) return task.spec;
@@ -99,8 +99,9 @@ public:
         result = CreateTaskCollector(context_, filter);
     }
 
-    // A task of its own, run as a job's run is: its spec names this machine as its source (else
-    // morphel.fault.NoHostConnection; kodl.fault.InvalidArgument "source" for none, "taskSpec" for no spec).
+    // A task of its own, run as a job's run is: `taskSpec` names this machine as its source (else
+    // morphel.fault.NoHostConnection; kodl.fault.InvalidArgument "source" for no source, "taskSpec" for
+    // none).
     void CreateTask(TaskSpec* taskSpec, Ref<TaskInfo>& result) override {
         if (taskSpec == nullptr) ThrowInvalidArgument("taskSpec");
         const std::string user = CurrentSession().GetUserName();
