@@ -133,7 +133,7 @@ bool CancelConversion(Context& context, StateTransaction& tx, const std::string&
 
 // Fails the task `id` if it is queued or running, cut off by the end of the process that ran it: state
 // error, a morphel.fault.CloneFault (kInterruptedTask when this server `restarted`, else kOrphanedTask),
-// its job's active task cleared and the failure counted and recorded (Service.cpp).
+// its job's active task cleared and the failure counted and recorded (Conversion.cpp).
 void FailCutOffTask(Context& context, StateTransaction& tx, const std::string& id, bool restarted);
 
 // ---- Runs of jobs (Conversion.cpp) and scheduled runs (Scheduler.cpp)

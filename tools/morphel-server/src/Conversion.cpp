@@ -630,29 +630,51 @@ void LaunchRun(Context& context, const std::string& taskId, bool registerTask) {
     if (registerTask) RegisterTask(context, taskId);
 }
 
-bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId) {
+namespace {
+
+// Ends the task `taskId` in the error state with `fault` when it is queued or running (false otherwise),
+// `cancelled` or not, recording `message`; its job, when this is its active task, is left without one and
+// counts the fault as its most recent error.
+bool EndInError(Context& context, StateTransaction& tx, const std::string& taskId,
+                Ref<Kitra::MethodFault> fault, bool cancelled, const std::string& message,
+                Morphel::Event::Event::Type type) {
     auto task = tx.FindTask(taskId);
     if (!task || !IsActive(*task->info)) return false;
     DateTime now = DateTime::Now();
-    Ref<Morphel::Agent::Internal::Fault::Cancel> cancelled(new Morphel::Agent::Internal::Fault::Cancel());
     task->info->SetState(Morphel::Task::TaskInfo::State::error);
-    task->info->SetCancelled(true);
+    if (cancelled) task->info->SetCancelled(true);
     task->info->SetCancelable(false);
-    task->info->SetError(cancelled.Get());
+    task->info->SetError(fault.Get());
     task->info->SetCompleteTime(now);
     task->info->UnsetEstimatedTimeRemaining();
     tx.PutTask(*task);
-    context.LogTask(tx, *task, "Task cancelled");
+    context.LogTask(tx, *task, message, type);
     auto job = tx.FindJob(task->jobId);
     if (job && job->info->GetActiveTask() != nullptr && job->info->GetActiveTask()->GetId() == taskId) {
         job->info->SetActiveTask(nullptr);
         job->info->SetLastRunCompleteTime(now);
         job->info->SetLastModifiedTime(now);
-        job->info->SetMostRecentError(cancelled.Get());
+        job->info->SetMostRecentError(fault.Get());
         job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
         tx.PutJob(*job);
     }
     return true;
+}
+
+}  // namespace
+
+bool CancelConversion(Context& context, StateTransaction& tx, const std::string& taskId) {
+    return EndInError(context, tx, taskId, new Morphel::Agent::Internal::Fault::Cancel(), true,
+                      "Task cancelled", Morphel::Event::Event::Type::info);
+}
+
+void FailCutOffTask(Context& context, StateTransaction& tx, const std::string& id, bool restarted) {
+    Ref<Morphel::Fault::CloneFault> fault(new Morphel::Fault::CloneFault());
+    fault->SetDescription(restarted ? kInterruptedTask : kOrphanedTask);
+    EndInError(context, tx, id, fault.Get(), false,
+               restarted ? "Task failed: the server restarted while it ran"
+                         : "Task failed: the server that ran it ended while it ran",
+               Morphel::Event::Event::Type::error);
 }
 
 Ref<Kitra::ManagedObject> RegisterJob(Context& context, const std::string& id) {

@@ -185,35 +185,6 @@ bool Context::Stopping() {
 
 // ---- The service
 
-void FailCutOffTask(Context& context, StateTransaction& tx, const std::string& id, bool restarted) {
-    using State = Morphel::Task::TaskInfo::State;
-    auto task = tx.FindTask(id);
-    if (!task || (task->info->GetState() != State::queued && task->info->GetState() != State::running))
-        return;
-    DateTime now = DateTime::Now();
-    Ref<Morphel::Fault::CloneFault> fault(new Morphel::Fault::CloneFault());
-    fault->SetDescription(restarted ? kInterruptedTask : kOrphanedTask);
-    task->info->SetState(State::error);
-    task->info->SetError(fault.Get());
-    task->info->SetCancelable(false);
-    task->info->SetCompleteTime(now);
-    task->info->UnsetEstimatedTimeRemaining();
-    tx.PutTask(*task);
-    if (auto job = tx.FindJob(task->jobId)) {
-        auto* active = job->info->GetActiveTask();
-        if (active != nullptr && active->GetId() == id) job->info->SetActiveTask(nullptr);
-        job->info->SetMostRecentError(fault.Get());
-        job->info->SetNumConsecutiveErrors(job->info->GetNumConsecutiveErrors() + 1);
-        job->info->SetLastRunCompleteTime(now);
-        job->info->SetLastModifiedTime(now);
-        tx.PutJob(*job);
-    }
-    context.LogTask(tx, *task,
-                    restarted ? "Task failed: the server restarted while it ran"
-                              : "Task failed: the server that ran it ended while it ran",
-                    Morphel::Event::Event::Type::error);
-}
-
 struct Service::Impl {
     explicit Impl(ServiceOptions options) : context(std::move(options)) {}
     Context context;
