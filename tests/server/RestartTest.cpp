@@ -18,6 +18,7 @@ void ExpectInterrupted(const TaskInfo& info) {
     ASSERT_NE(fault, nullptr);
     EXPECT_EQ(fault->GetDescription(), MorphelServer::kInterruptedTask);
     EXPECT_TRUE(info.GetCompleteTime().IsSet());
+    EXPECT_FALSE(info.IsCancelled());  // failed, not cancelled
 }
 
 TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
