@@ -71,9 +71,14 @@ TEST(ValueHelpersTest, ComparisonAndDiffOfHeldValues) {
     set.Add(".b");
     set.Add(".a");
     set.Add(".b");
-    EXPECT_EQ(set.Paths(), (std::vector<std::string>{".b", ".a"}));
-    EXPECT_EQ(set.Size(), 2u);
-    EXPECT_FALSE(set.Contains(".c"));
+    set.Add(std::string(".c"));
+    set.Add(".a");
+    EXPECT_EQ(set.Paths(), (std::vector<std::string>{".b", ".a", ".c"}));
+    EXPECT_EQ(set.Size(), 3u);
+    EXPECT_FALSE(set.Contains(".d"));
+    set.Clear();
+    EXPECT_TRUE(set.Empty());
+    EXPECT_FALSE(set.Contains(".b"));
 }
 
 TEST(ArrayTest, CloneComparisonAndElementChecks) {

@@ -18,15 +18,22 @@ namespace Kitra {
 // ---- PropertyDiffSet and helpers
 
 void PropertyDiffSet::Add(const std::string& path) {
-    if (!Contains(path)) paths_.push_back(path);
+    if (!Contains(path)) Add(std::string(path));
 }
 
 void PropertyDiffSet::Add(std::string&& path) {
-    if (paths_.empty() || !Contains(path)) paths_.push_back(std::move(path));
+    if (!hasFirst_) {
+        first_ = std::move(path);
+        hasFirst_ = true;
+    } else if (!Contains(path)) {
+        rest_.push_back(std::move(path));
+    }
 }
 
 bool PropertyDiffSet::Contains(const std::string& path) const {
-    for (const auto& p : paths_)
+    if (!hasFirst_) return false;
+    if (first_ == path) return true;
+    for (const auto& p : rest_)
         if (p == path) return true;
     return false;
 }

@@ -2,6 +2,8 @@
 // managed-object references.
 #pragma once
 
+#include <cstddef>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -15,29 +17,67 @@ class Type;
 // Maps a requested allocation size to the size the allocator really uses.
 using Sizer = unsigned (*)(unsigned);
 
-// The set of property paths ("prefix.field") at which two values differ, in the order found.
+// The set of property paths ("prefix.field") at which two values differ, in the order found. The first
+// path is held in place, so a comparison that finds one difference (the common case) allocates nothing
+// beyond the path's own text.
 class PropertyDiffSet {
 public:
+    class const_iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = std::string;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const std::string*;
+        using reference = const std::string&;
+
+        const_iterator() = default;
+        reference operator*() const { return set_->At(i_); }
+        pointer operator->() const { return &set_->At(i_); }
+        const_iterator& operator++() {
+            ++i_;
+            return *this;
+        }
+        const_iterator operator++(int) {
+            const_iterator before = *this;
+            ++i_;
+            return before;
+        }
+        friend bool operator==(const const_iterator& a, const const_iterator& b) { return a.i_ == b.i_; }
+
+    private:
+        friend class PropertyDiffSet;
+        const_iterator(const PropertyDiffSet* set, size_t i) : set_(set), i_(i) {}
+        const PropertyDiffSet* set_ = nullptr;
+        size_t i_ = 0;
+    };
     using value_type = std::string;
-    using const_iterator = std::vector<std::string>::const_iterator;
     using iterator = const_iterator;
     using size_type = size_t;
 
-    const_iterator begin() const { return paths_.begin(); }
-    const_iterator end() const { return paths_.end(); }
-    size_t size() const { return paths_.size(); }
-    bool empty() const { return paths_.empty(); }
+    const_iterator begin() const { return {this, 0}; }
+    const_iterator end() const { return {this, size()}; }
+    size_t size() const { return hasFirst_ ? 1 + rest_.size() : 0; }
+    bool empty() const { return !hasFirst_; }
 
     void Add(const std::string& path);
     void Add(std::string&& path);
     bool Contains(const std::string& path) const;
-    size_t Size() const { return paths_.size(); }
-    bool Empty() const { return paths_.empty(); }
-    const std::vector<std::string>& Paths() const { return paths_; }
-    void Clear() { paths_.clear(); }
+    size_t Size() const { return size(); }
+    bool Empty() const { return empty(); }
+    // The paths, copied out in the order found.
+    std::vector<std::string> Paths() const { return {begin(), end()}; }
+    void Clear() {
+        first_.clear();
+        rest_.clear();
+        hasFirst_ = false;
+    }
 
 private:
-    std::vector<std::string> paths_;
+    const std::string& At(size_t i) const { return i == 0 ? first_ : rest_[i - 1]; }
+
+    std::string first_;
+    std::vector<std::string> rest_;
+    bool hasFirst_ = false;
 };
 
 class Any : public Fundix::ObjectImpl {
