@@ -51,11 +51,11 @@ TEST(OptionalStringTest, CopiesAreIndependent) {
 
     Optional<std::string> moved = std::move(copy);
     EXPECT_EQ(moved, "alpha-beta");
+    EXPECT_FALSE(copy.IsSet());
 }
 
 TEST(OptionalStringTest, UnsetAndEmptyDiffer) {
     Optional<std::string> unset;
-    EXPECT_EQ(sizeof(unset), sizeof(void*));
     EXPECT_EQ(unset.GetPtr(), nullptr);
     EXPECT_THROW(unset.GetValue(), InvalidArgumentException);
     EXPECT_FALSE(Optional<std::string>(static_cast<const char*>(nullptr)).IsSet());

@@ -397,8 +397,7 @@ template <bool identity>
         for (const uint32_t* end = OpenRun(at); at != end; ++at)
             if (const std::string* text =
                     reinterpret_cast<const Optional<std::string>*>(object + *at)->GetPtr())
-                size += identity ? static_cast<unsigned>(sizeof(std::string)) + TextHeap(*text)
-                                 : sizer(sizeof(std::string)) + GetExtraSize(*text, sizer);
+                size += identity ? TextHeap(*text) : GetExtraSize(*text, sizer);
         --runs;
     }
     if (runs != 0 && RunStorage(*at) == Storage::Slot) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -77,38 +76,33 @@ private:
     bool set_ = false;
 };
 
-// Strings are kept in a separate allocation so that an unset optional string, the common case in sparse
-// records, costs a single null pointer.
+// A string that may be absent, held in place: setting, copying and clearing one allocates only what its
+// text needs, as a plain string would. A null C string gives an unset optional; a moved-from optional is
+// unset.
 template <>
 class Optional<std::string> {
 public:
     Optional() = default;
-    Optional(std::string value) : value_(std::make_unique<std::string>(std::move(value))) {}
-    // A null pointer gives an unset optional.
+    Optional(std::string value) : value_(std::move(value)), set_(true) {}
     Optional(const char* value) {
         if (value != nullptr) {
-            value_ = std::make_unique<std::string>(value);
+            value_ = value;
+            set_ = true;
         }
     }
 
-    Optional(const Optional& other) {
-        if (other.value_) {
-            value_ = std::make_unique<std::string>(*other.value_);
-        }
-    }
-    Optional(Optional&&) noexcept = default;
+    Optional(const Optional& other) = default;
+    Optional(Optional&& other) noexcept : value_(std::move(other.value_)), set_(other.set_) { other.Unset(); }
 
-    Optional& operator=(const Optional& other) {
+    Optional& operator=(const Optional& other) = default;
+    Optional& operator=(Optional&& other) noexcept {
         if (this != &other) {
-            if (other.value_) {
-                Set(*other.value_);
-            } else {
-                Unset();
-            }
+            value_ = std::move(other.value_);
+            set_ = other.set_;
+            other.Unset();
         }
         return *this;
     }
-    Optional& operator=(Optional&&) noexcept = default;
 
     Optional& operator=(std::string value) {
         Set(std::move(value));
@@ -116,16 +110,16 @@ public:
     }
     Optional& operator=(const char* value) { return *this = Optional(value); }
 
-    bool IsSet() const { return value_ != nullptr; }
+    bool IsSet() const { return set_; }
 
     const std::string& GetValue() const {
         CheckSet();
-        return *value_;
+        return value_;
     }
 
     std::string& GetValue() {
         CheckSet();
-        return *value_;
+        return value_;
     }
 
     const std::string& operator*() const { return GetValue(); }
@@ -133,39 +127,37 @@ public:
     const std::string* operator->() const { return &GetValue(); }
     std::string* operator->() { return &GetValue(); }
 
-    // The separately allocated string, or null when unset.
-    const std::string* GetPtr() const { return value_.get(); }
+    // The string, or null when unset.
+    const std::string* GetPtr() const { return set_ ? &value_ : nullptr; }
 
-    // Reuses the existing allocation when there is one.
     void Set(std::string value) {
-        if (value_) {
-            *value_ = std::move(value);
-        } else {
-            value_ = std::make_unique<std::string>(std::move(value));
-        }
+        value_ = std::move(value);
+        set_ = true;
     }
 
-    void Unset() { value_.reset(); }
+    // Releases the text now rather than on the next Set: an unset optional holds no memory.
+    void Unset() {
+        std::string().swap(value_);
+        set_ = false;
+    }
 
     friend bool operator==(const Optional& a, const Optional& b) {
-        if (!a.value_ || !b.value_) {
-            return !a.value_ && !b.value_;
-        }
-        return *a.value_ == *b.value_;
+        return a.set_ == b.set_ && (!a.set_ || a.value_ == b.value_);
     }
-    friend bool operator==(const Optional& a, const std::string& b) { return a.value_ && *a.value_ == b; }
+    friend bool operator==(const Optional& a, const std::string& b) { return a.set_ && a.value_ == b; }
     friend bool operator==(const Optional& a, const char* b) {
-        return b == nullptr ? !a.value_ : a.value_ && *a.value_ == b;
+        return b == nullptr ? !a.set_ : a.set_ && a.value_ == b;
     }
 
 private:
     void CheckSet() const {
-        if (!value_) {
+        if (!set_) {
             throw InvalidArgumentException("unset optional");
         }
     }
 
-    std::unique_ptr<std::string> value_;
+    std::string value_;
+    bool set_ = false;
 };
 
 }  // namespace Fundix
