@@ -154,6 +154,32 @@ TEST(Values, LexicalFormsRoundTrip) {
     EXPECT_TRUE(task->_IsEqual(Decode(message).Get(), false));
 }
 
+TEST(Values, RepeatedReferencesShareOneObjectAndStayApart) {
+    // More references than the reader remembers, ids repeating within a type and across types.
+    const std::pair<const char*, const char*> items[] = {
+        {"morphel.task.Task", "t-1"}, {"morphel.server.job.Job", "t-1"}, {"morphel.task.Task", "t-1"},
+        {"morphel.task.Task", "t-2"}, {"morphel.task.Task", "t-3"},      {"morphel.task.Task", "t-4"},
+        {"morphel.task.Task", "t-5"}, {"morphel.server.job.Job", "t-1"}, {"morphel.task.Task", "t-1"},
+    };
+    Fundix::Ref<Kitra::ArrayBase> refs = Kitra::GetTypeMap()->GetType("morphel.task.Task")->CreateArray();
+    for (const auto& [type, id] : items) refs->AppendBoxed(Fundix::Ref<Kitra::Any>(new Kitra::MoRef(type, id)).Get());
+    Fundix::Ref<Kitra::DataObject> task = Sample("morphel.task.TaskInfo");
+    Set(task.Get(), "result", refs.Get());
+    Fundix::Ref<Kitra::Any> back = Get(static_cast<Kitra::DataObject*>(RoundTrip(task.Get()).Get()), "result");
+    auto* read = dynamic_cast<Kitra::ArrayBase*>(back.Get());
+    ASSERT_NE(read, nullptr);
+    ASSERT_EQ(read->GetLength(), std::size(items));
+    for (size_t i = 0; i < std::size(items); ++i) {
+        auto* ref = dynamic_cast<const Kitra::MoRef*>(read->GetBoxed(i).Get());
+        ASSERT_NE(ref, nullptr);
+        EXPECT_EQ(ref->GetTypeName(), items[i].first) << i;
+        EXPECT_EQ(ref->GetId(), items[i].second) << i;
+    }
+    // A repeat of a recent reference is the same object.
+    EXPECT_EQ(read->GetBoxed(2).Get(), read->GetBoxed(0).Get());
+    EXPECT_NE(read->GetBoxed(1).Get(), read->GetBoxed(0).Get());
+}
+
 TEST(Writer, RefusesWhatCannotTravel) {
     // A required record left null.
     Fundix::Ref<Morphel::ComputerSpec> spec = new Morphel::ComputerSpec();

@@ -1,5 +1,6 @@
 // The codec's reader: expat reports elements as they stream by, and each is decoded straight into the
 // typed object its record names. Nothing is handed out unless the whole message was read.
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -1543,11 +1544,29 @@ private:
             case kKindEnum:
                 return type->AsEnumType()->CreateBox(EnumValue(type));
             case kKindManaged:
-                return new MoRef(refType_ ? std::string(refType_->GetName()) : refName_, std::string(Text()));
+                return Reference();
             default:
                 Fail(std::string("cannot read a value of type ") + type->GetName());
         }
     }
+
+    // A reference of the open leaf's type and text. A message names the same objects again and again (each
+    // event of a page names its job), and a reference cannot change once made, so a repeat of one of the
+    // last few read shares the object already made.
+    Fundix::Ref<Any> Reference() {
+        const std::string_view id = Text();
+        if (refType_ == nullptr) return new MoRef(refName_, std::string(id));
+        for (const SeenRef& seen : seenRefs_)
+            if (seen.type == refType_ && seen.ref->GetId() == id) return seen.ref.Get();
+        Fundix::Ref<MoRef> ref(new MoRef(std::string(refType_->GetName()), std::string(id)));
+        seenRefs_[nextSeenRef_++ % seenRefs_.size()] = SeenRef{refType_, ref};
+        return ref.Get();
+    }
+
+    struct SeenRef {
+        const Type* type = nullptr;
+        Fundix::Ref<MoRef> ref;
+    };
 
     const Codec& codec_;
     const Limits& limits_;
@@ -1564,6 +1583,8 @@ private:
     uintptr_t bufferBegin_ = 0, bufferEnd_ = 0;
     const Type* refType_ = nullptr;  // the open leaf's managed type, when it is a reference
     std::string refName_;            // its type's name when this library does not register it
+    std::array<SeenRef, 4> seenRefs_;  // references read last, the oldest replaced first
+    unsigned nextSeenRef_ = 0;
     bool failed_ = false;
     std::string reason_;
     std::string errorPath_;
