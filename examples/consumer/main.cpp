@@ -18,7 +18,8 @@ int main() {
     Kitra::PropertyDiffSet diffs;
     spec->_DiffProperties(copy.Get(), "spec", diffs);
     std::cout << spec->_GetType()->GetName() << " differs at";
-    for (const auto& path : diffs) std::cout << " " << path;
+    for (const auto& path : diffs)
+        std::cout << " " << path;
     std::cout << "\n";
 
     try {

@@ -162,10 +162,12 @@ TEST(Values, RepeatedReferencesShareOneObjectAndStayApart) {
         {"morphel.task.Task", "t-5"}, {"morphel.server.job.Job", "t-1"}, {"morphel.task.Task", "t-1"},
     };
     Fundix::Ref<Kitra::ArrayBase> refs = Kitra::GetTypeMap()->GetType("morphel.task.Task")->CreateArray();
-    for (const auto& [type, id] : items) refs->AppendBoxed(Fundix::Ref<Kitra::Any>(new Kitra::MoRef(type, id)).Get());
+    for (const auto& [type, id] : items)
+        refs->AppendBoxed(Fundix::Ref<Kitra::Any>(new Kitra::MoRef(type, id)).Get());
     Fundix::Ref<Kitra::DataObject> task = Sample("morphel.task.TaskInfo");
     Set(task.Get(), "result", refs.Get());
-    Fundix::Ref<Kitra::Any> back = Get(static_cast<Kitra::DataObject*>(RoundTrip(task.Get()).Get()), "result");
+    Fundix::Ref<Kitra::Any> back =
+        Get(static_cast<Kitra::DataObject*>(RoundTrip(task.Get()).Get()), "result");
     auto* read = dynamic_cast<Kitra::ArrayBase*>(back.Get());
     ASSERT_NE(read, nullptr);
     ASSERT_EQ(read->GetLength(), std::size(items));
