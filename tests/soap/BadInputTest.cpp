@@ -50,9 +50,17 @@ TEST(BadInput, StructureOfRecords) {
               "unknown type MorphelNoSuchType @ ");
     EXPECT_EQ(Reject(Value("MorphelComputerSpec", "<location xsi:type=\"MorphelDovraConnectionSpec\"/>")),
               "type MorphelDovraConnectionSpec is not a MorphelComputerSpecComputerLocation @ location");
+    // Items of an array of records, in a field and in a value of its own.
+    EXPECT_EQ(Reject(Value("MorphelBootConfigInfoBootLoaderInfo", "<entry xsi:type=\"MorphelDovraConnectionSpec\"/>")),
+              "type MorphelDovraConnectionSpec is not a MorphelBootConfigInfoBootLoaderEntryInfo @ entry");
+    EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\" xsi:type=\"ArrayOfMorphelEvent\"><MorphelEvent "
+                          "xsi:type=\"MorphelDovraConnectionSpec\"/></value>")),
+              "type MorphelDovraConnectionSpec is not a MorphelEvent @ ");
     EXPECT_EQ(Reject(Value("MorphelComputerSpec", "<location xsi:type=\"nope:X\"/>")),
               "unknown namespace prefix in xsi:type nope:X @ ");
     EXPECT_EQ(Reject(Value("MorphelComputerSpec", "stray text")), "unexpected text @ ");
+    EXPECT_EQ(Reject(Value("MorphelComputerSpec", spec + "<hostname>h<b>old</b></hostname></location>")),
+              "unexpected element b inside a value @ location.hostname");
     EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\">1</value>")), "a value of type anyType needs xsi:type @ ");
     // Nil stands for absent: fine for an optional field, missing for a required one.
     Fundix::Ref<Kitra::Any> nil = Decode(Value("MorphelComputerSpec", spec + kLocation + "<port xsi:nil=\"true\"/></location>"));

@@ -130,8 +130,10 @@ public:
 
 protected:
     DataArrayBase(const DataArrayBase&) = delete;
-    // For DataArray<T>, whose element's class the compiler has checked.
+    // For DataArray<T>, whose element's class the compiler has checked, and for the wire reader, which
+    // has checked each record's type against the element type before it made the record.
     void AppendUnchecked(Any* value) { items_.emplace_back(value); }
+    friend struct ReaderAccess;
 
 private:
     const TypeInfo* elementInfo_;

@@ -22,6 +22,15 @@
 
 #include "Internal.h"
 
+namespace Kitra {
+
+// How the reader appends a record whose type it has checked (DataArrayBase names it a friend).
+struct ReaderAccess {
+    static void Append(DataArrayBase* array, Any* value) { array->AppendUnchecked(value); }
+};
+
+}  // namespace Kitra
+
 namespace Kitra::Soap {
 
 using Fundix::Optional;
@@ -45,7 +54,7 @@ enum class Kind : uint8_t {
     FaultText,  // faultcode, faultstring, faultactor
     Detail,
     Data,      // a data object or fault being filled
-    Leaf,      // a primitive or enumeration value, or a reference
+    Leaf,      // a primitive or enumeration value, or a reference: never a frame, the reader holds it
     AnyArray,  // ArrayOf<X> in an anyType place
     Nil,       // an element with xsi:nil="true"
 };
@@ -60,8 +69,8 @@ struct Slot {
 
 // An open element. Frames hold nothing that must be freed but the object or array being filled, so that
 // opening and closing one is cheap; what a record needs beyond its frame lies in the reader (its arrays
-// under construction, seen-bits past 128 properties), and what a leaf needs too, since only one leaf is
-// open at a time.
+// under construction, seen-bits past 128 properties). A leaf (a value written as text) has no frame at
+// all: only one is open at a time, and the reader holds it.
 struct Frame {
     explicit Frame(Kind k, const Slot& s = {}, const char* n = "", long i = -1)
         : kind(k), slot(s), name(n), index(i) {}
@@ -256,6 +265,7 @@ private:
         };
         for (size_t i = topIndex_ + 1; topIndex_ != 0 && i < stack_.size(); ++i)
             add(stack_[i].name, stack_[i].index);
+        if (leafOpen_ && topIndex_ != 0 && stack_.size() > topIndex_) add(leafName_, leafIndex_);
         if (child != nullptr) add(child, -1);
         return path;
     }
@@ -297,7 +307,7 @@ private:
         auto* r = static_cast<Reader*>(self);
         const std::string_view text(s, static_cast<size_t>(len));
         // Most leaves: their text in one piece, in expat's buffer, within the limit.
-        if (!r->failed_ && r->stack_.back().kind == Kind::Leaf && r->view_.empty() && r->text_.empty() &&
+        if (!r->failed_ && r->leafOpen_ && r->view_.empty() && r->text_.empty() &&
             text.size() <= r->limits_.maxTextBytes && r->InBuffer(text)) {
             r->view_ = text;
             return;
@@ -335,6 +345,15 @@ private:
         if (stack_.size() > limits_.maxDepth) TooDeep();
         return stack_.emplace_back(std::forward<Args>(args)...);
     }
+    // Opens a leaf. A leaf has no frame: at most one is open, above the top frame, and it holds no more
+    // than its place and name.
+    [[gnu::always_inline]] void OpenLeaf(const Slot& slot, const char* name, long index) {
+        if (stack_.size() > limits_.maxDepth) TooDeep();
+        leafSlot_ = slot;
+        leafName_ = name;
+        leafIndex_ = index;
+        leafOpen_ = true;
+    }
     [[noreturn, gnu::noinline]] void TooDeep() {
         Fail("nesting deeper than " + std::to_string(limits_.maxDepth) + " elements");
     }
@@ -371,6 +390,8 @@ private:
     }
 
     void Start(const char* name, const char** attrs) {
+        if (leafOpen_) [[unlikely]]
+            Fail("unexpected element " + std::string(Local(name)) + " inside a value");
         Frame& parent = stack_.back();
         // Expat writes the expanded name of each element after the namespace, in a buffer of the namespace's
         // binding, so the elements of one namespace mostly come at one address. That buffer moves only when
@@ -448,7 +469,7 @@ private:
             case Kind::AnyArray:
                 StartAnyItem(local.data(), attrs);
                 return;
-            case Kind::Leaf:
+            case Kind::Leaf:  // (leaves have no frame; Start refused the element already)
             case Kind::Nil:
                 Fail("unexpected element " + std::string(local) + " inside a value");
         }
@@ -456,7 +477,7 @@ private:
 
     void Chars(std::string_view s) {
         Frame& top = stack_.back();
-        if (top.kind == Kind::Leaf) {
+        if (leafOpen_) {
             if (text_.size() + view_.size() + s.size() > limits_.maxTextBytes)
                 Fail("text longer than " + std::to_string(limits_.maxTextBytes) + " bytes");
             if (view_.empty() && text_.empty() && InBuffer(s)) {
@@ -478,6 +499,10 @@ private:
     }
 
     void End() {
+        if (leafOpen_) {
+            EndLeaf();
+            return;
+        }
         Frame& top = stack_.back();
         switch (top.kind) {
             case Kind::VersionId:
@@ -488,19 +513,14 @@ private:
             case Kind::Body:
                 if (!haveTop_) Fail("the body holds no message");
                 break;
-            case Kind::Leaf: {
-                Fundix::Ref<Any> value = LeafValue(top);
-                if (value != nullptr) Deliver(value.Get());
-                break;
-            }
             case Kind::Data:
                 FinishData(top);
                 arrays_.resize(top.arraysFrom);
                 seenMore_.resize(top.seenFrom);
-                Deliver(top.object.Get());
+                Deliver(top.slot, stack_[stack_.size() - 2], top.object.Get(), Kind::Data);
                 break;
             case Kind::AnyArray:
-                Deliver(top.anyArray.Get());
+                Deliver(top.slot, stack_[stack_.size() - 2], top.anyArray.Get(), Kind::AnyArray);
                 break;
             case Kind::Request:
                 FinishRequest();
@@ -509,6 +529,13 @@ private:
                 break;
         }
         stack_.pop_back();
+    }
+
+    // A leaf ends: its value goes to the top frame, stored in place where it can be.
+    void EndLeaf() {
+        Fundix::Ref<Any> value = LeafValue();
+        if (value != nullptr) Deliver(leafSlot_, stack_.back(), value.Get(), Kind::Leaf);
+        leafOpen_ = false;
     }
 
     // ---- The body's message
@@ -684,7 +711,7 @@ private:
         }
         if (attrs[0] == nullptr && facts.leaf) {  // what StartValue would do, without asking again
             StartLeaf();
-            Push(Kind::Leaf, Slot{declared, index, array, into}, p.name, item);
+            OpenLeaf(Slot{declared, index, array, into}, p.name, item);
             return;
         }
         StartValue(p.name, declared, attrs, Slot{declared, index, array, into}, item);
@@ -846,6 +873,20 @@ private:
         std::memcpy(e->text, text.data(), text.size());
     }
 
+    // Whether records of `type` may stand where `declared` records are expected, remembered for the pairs
+    // met last: a page of events asks it of a dozen classes a thousand times.
+    bool Derives(const Type* type, const Type* declared) {
+        Derivation& d = derivations_[(reinterpret_cast<uintptr_t>(type) >> 4) % derivations_.size()];
+        if (d.type == type && d.declared == declared) return true;
+        if (!type->IsA(declared) || declared->AsDataObjectType() == nullptr) return false;
+        d = Derivation{type, declared};
+        return true;
+    }
+    struct Derivation {
+        const Type* type = nullptr;
+        const Type* declared = nullptr;
+    };
+
     // ---- Values
 
     // Resolves "prefix:Name" against the namespaces in scope.
@@ -937,7 +978,7 @@ private:
         if (const char* xsi = found.xsiType) {
             const Type* named = ResolveQName(xsi);
             if (declared != nullptr && declared->GetKind() != kKindAnyType && named != declared) {
-                bool ok = named->IsA(declared) && declared->AsDataObjectType() != nullptr;
+                bool ok = Derives(named, declared);
                 if (declared->GetKind() == kKindManaged && named == GetType<ManagedObject>()) ok = true;
                 if (!ok)
                     Fail(std::string("type ") + named->GetWsdlName() + " is not a " + declared->GetWsdlName(),
@@ -967,7 +1008,7 @@ private:
         }
         StartLeaf();
         if (kind != kKindManaged) {
-            Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+            OpenLeaf(Slot{type, slot.prop, slot.array, slot.into}, name, index);
             return;
         }
         const char* refType = found.refType;
@@ -980,7 +1021,7 @@ private:
             if (t == nullptr && generic && GetTypeMap()->GetType(refType) == nullptr) {
                 // A place for any managed object may name a type of another library by its own name,
                 // as the writer sends it.
-                Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+                OpenLeaf(Slot{type, slot.prop, slot.array, slot.into}, name, index);
                 refType_ = nullptr;
                 refName_ = refType;
                 return;
@@ -995,7 +1036,7 @@ private:
         if (declared != nullptr && declared->GetKind() == kKindManaged &&
             declared != GetType<ManagedObject>() && !t->IsA(declared))
             Fail(std::string("type ") + t->GetWsdlName() + " is not a " + declared->GetWsdlName(), name);
-        Push(Kind::Leaf, Slot{type, slot.prop, slot.array, slot.into}, name, index);
+        OpenLeaf(Slot{type, slot.prop, slot.array, slot.into}, name, index);
         refType_ = t;
     }
 
@@ -1069,20 +1110,17 @@ private:
                  "_this");
     }
 
-    // Hands a finished value to the frame below the top.
-    void Deliver(Any* value) {
-        Frame& child = stack_.back();
-        Frame& parent = stack_[stack_.size() - 2];
-        const Slot& slot = child.slot;
+    // Hands a finished value, made by an element of kind `made` for `slot`, to the frame it lies in.
+    void Deliver(const Slot& slot, Frame& parent, Any* value, Kind made) {
         switch (parent.kind) {
             case Kind::Data:
                 if (slot.array)
-                    Append(slot.into, value);
+                    Append(slot.into, value, made);
                 else
                     StoreSlot(parent.object.Get(), parent.props[slot.prop], value);
                 return;
             case Kind::AnyArray:
-                Append(parent.anyArray.Get(), value);
+                Append(parent.anyArray.Get(), value, made);
                 return;
             case Kind::Request:
                 if (slot.prop == -2) {
@@ -1111,8 +1149,15 @@ private:
         }
     }
 
-    // Every array checks what it takes against its element type.
-    void Append(ArrayBase* array, Any* value) { array->AppendBoxed(value); }
+    // Every array checks what it takes against its element type, but for a record: StartValue took its
+    // type only if it is the element type or derives from it (or the element is anyType), so its array
+    // holds counted values and need not ask the record's type again.
+    void Append(ArrayBase* array, Any* value, Kind made = Kind::Leaf) {
+        if (made == Kind::Data)
+            ReaderAccess::Append(static_cast<DataArrayBase*>(array), value);
+        else
+            array->AppendBoxed(value);
+    }
 
     // ---- Leaf text
 
@@ -1328,14 +1373,15 @@ private:
     }
 
     // Stores a leaf straight into its data-object field when it is one; otherwise returns it boxed.
-    Fundix::Ref<Any> LeafValue(Frame& leaf) {
-        const Type* type = leaf.slot.type;
+    Fundix::Ref<Any> LeafValue() {
+        const Slot& leaf = leafSlot_;
+        const Type* type = leaf.type;
         uint32_t kind = type->GetKind();
-        Frame& parent = stack_[stack_.size() - 2];
+        Frame& parent = stack_.back();
         if (parent.kind == Kind::Data) {
-            if (leaf.slot.array) {
-                if (AppendText(leaf.slot.into, kind, type)) return nullptr;
-            } else if (StoreText(parent.object.Get(), parent.props[leaf.slot.prop], kind, type)) {
+            if (leaf.array) {
+                if (AppendText(leaf.into, kind, type)) return nullptr;
+            } else if (StoreText(parent.object.Get(), parent.props[leaf.prop], kind, type)) {
                 return nullptr;
             }
         }
@@ -1581,6 +1627,10 @@ private:
     std::string_view view_;  // or while it came in one piece, where it lies in expat's buffer
     bool bufferKnown_ = false;
     uintptr_t bufferBegin_ = 0, bufferEnd_ = 0;
+    bool leafOpen_ = false;  // the open leaf, which has no frame: where its value goes, and for paths
+    Slot leafSlot_;
+    const char* leafName_ = "";
+    long leafIndex_ = -1;
     const Type* refType_ = nullptr;  // the open leaf's managed type, when it is a reference
     std::string refName_;            // its type's name when this library does not register it
     std::array<SeenRef, 4> seenRefs_;  // references read last, the oldest replaced first
@@ -1604,6 +1654,7 @@ private:
     const char* versionKeys_[kVersionCache] = {};
     bool versionIncluded_[kVersionCache] = {};
     Named named_[kNamed] = {};
+    std::array<Derivation, 16> derivations_;  // pairs Derives found true
     KnownEnum enums_[kEnums] = {};
     // The day of the last date read in the writer's form, and its first microsecond.
     char day_[10] = {};
