@@ -51,7 +51,8 @@ TEST(BadInput, StructureOfRecords) {
     EXPECT_EQ(Reject(Value("MorphelComputerSpec", "<location xsi:type=\"MorphelDovraConnectionSpec\"/>")),
               "type MorphelDovraConnectionSpec is not a MorphelComputerSpecComputerLocation @ location");
     // Items of an array of records, in a field and in a value of its own.
-    EXPECT_EQ(Reject(Value("MorphelBootConfigInfoBootLoaderInfo", "<entry xsi:type=\"MorphelDovraConnectionSpec\"/>")),
+    EXPECT_EQ(Reject(Value("MorphelBootConfigInfoBootLoaderInfo",
+                           "<entry xsi:type=\"MorphelDovraConnectionSpec\"/>")),
               "type MorphelDovraConnectionSpec is not a MorphelBootConfigInfoBootLoaderEntryInfo @ entry");
     EXPECT_EQ(Reject(Body("<value xmlns=\"urn:morphel\" xsi:type=\"ArrayOfMorphelEvent\"><MorphelEvent "
                           "xsi:type=\"MorphelDovraConnectionSpec\"/></value>")),
