@@ -63,7 +63,9 @@ TEST(DateTimeTest, FormatsAndParsesIso8601) {
     const DateTime withOffset = Parse("2026-11-23T11:45:00+02:30");
     EXPECT_EQ(withOffset, DateTime(2026, 11, 23, 9, 15));
     EXPECT_EQ(withOffset.GetOffsetMinutes(), 150);
-    EXPECT_EQ(Parse("2026-11-23T00:00:00-05:00").ToIso8601(), "2026-11-23T05:00:00Z");
+    const DateTime west = Parse("2026-11-23T00:00:00-03:30");  // minutes west of UTC count westward too
+    EXPECT_EQ(west.ToIso8601(), "2026-11-23T03:30:00Z");
+    EXPECT_EQ(west.GetOffsetMinutes(), -210);
 
     EXPECT_EQ(Parse("2024-02-29T00:00:00.5Z").GetMicrosecond(), 500000);
     EXPECT_EQ(Parse("2024-02-29T00:00:00.000042Z").GetMicrosecond(), 42);

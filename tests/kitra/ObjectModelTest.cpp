@@ -74,6 +74,10 @@ TEST(ValueHelpersTest, ComparisonAndDiffOfHeldValues) {
     set.Add(".a");
     EXPECT_EQ(set.Paths(), (std::vector<std::string>{".b", ".a", ".c"}));
     EXPECT_EQ(set.Size(), 3u);
+    // It iterates like a standard container.
+    EXPECT_EQ(std::vector<std::string>(set.begin(), set.end()), set.Paths());
+    EXPECT_EQ(set.size(), 3u);
+    EXPECT_FALSE(set.empty());
     EXPECT_FALSE(set.Contains(".d"));
     set.Clear();
     EXPECT_TRUE(set.Empty());

@@ -1,11 +1,9 @@
-// The containers and casts as a C++ programmer expects them: a difference set iterates like a standard
-// container, indexes past the end raise the library's exception, arrays of records take only records of
-// their element type, and a mismatch names both types by their wire names.
+// The containers and casts as a C++ programmer expects them: indexes past the end raise the library's
+// exception, arrays of records take only records of their element type, and a mismatch names both types by
+// their wire names.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
 #include <fundix/Exception.h>
 #include <kitra/Kitra.h>
@@ -16,22 +14,6 @@ namespace {
 
 using Fundix::Ref;
 using Bundle = Morphel::DiagnosticManager::TaskLogBundleInfo;
-
-TEST(ApiTest, DifferenceSetIsAContainer) {
-    Ref<Bundle> a(new Bundle());
-    Ref<Bundle> b(new Bundle());
-    b->SetKey("k");
-    b->SetCrc(3);
-    Kitra::PropertyDiffSet diffs;
-    a->_DiffProperties(b.Get(), "", diffs);
-    std::vector<std::string> paths;
-    for (const std::string& p : diffs) paths.push_back(p);
-    EXPECT_EQ(paths, (std::vector<std::string>{".key", ".crc"}));
-    EXPECT_EQ(diffs.size(), 2u);
-    EXPECT_FALSE(diffs.empty());
-    EXPECT_NE(std::find(diffs.begin(), diffs.end(), ".crc"), diffs.end());
-    EXPECT_EQ(std::vector<std::string>(diffs.begin(), diffs.end()), diffs.Paths());
-}
 
 TEST(ApiTest, IndexesPastTheEndRaiseTheLibrarysException) {
     Ref<Kitra::Array<int32_t>> numbers(new Kitra::Array<int32_t>());

@@ -186,19 +186,13 @@ TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     EXPECT_EQ(ovf->FindProperty("propertyMapping"), 6);
     EXPECT_EQ(ovf->GetProperties().size(), 7u);
 
-    // Enumerations travel as boxes of their own type.
+    // Enumerations travel as boxes of their own type (read back for every property in RecordTest): a box of
+    // another enumeration is refused, and so is an array of another element type.
     auto bundle = MakeBundle();
     Kitra::DataObjectType* bundleType = bundle->_GetDataType();
-    const int format = bundleType->FindProperty("format");
-    auto box = bundleType->GetPropertyValue(bundle.Get(), format);
-    auto* formatBox = dynamic_cast<Kitra::EnumBox*>(box.Get());
-    ASSERT_NE(formatBox, nullptr);
-    EXPECT_EQ(formatBox->_GetType(), Kitra::GetType<Morphel::DiagnosticManager::BundleFormat>());
     Fundix::Ref<Kitra::Any> contentBox(new Kitra::Primitive<Content>(Content::agentLogs));
-    EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), format, contentBox.Get()), Fundix::TypeMismatchException);
-    auto contentValue = bundleType->GetPropertyValue(bundle.Get(), bundleType->FindProperty("content"));
-    EXPECT_EQ(contentValue.Get(), bundle->GetContent());
-    // An array field, like a record field, takes only arrays of its element type.
+    EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), bundleType->FindProperty("format"), contentBox.Get()),
+                 Fundix::TypeMismatchException);
     Fundix::Ref<Kitra::Array<std::string>> texts(new Kitra::Array<std::string>());
     texts->Append("agentLogs");
     EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), bundleType->FindProperty("content"), texts.Get()),

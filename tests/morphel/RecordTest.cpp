@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -172,8 +171,6 @@ TEST(RecordTest, EveryDataRecordIsComplete) {
         Fundix::Ref<Kitra::ArrayBase> array = data->CreateArray();
         ASSERT_TRUE(array);
         EXPECT_EQ(array->GetElementType(), type);
-        Fundix::Ref<Kitra::Any> clone(object->_Clone());
-        EXPECT_TRUE(object->_IsEqual(clone.Get(), false));
 
         // A default object: required fields are set, optional ones and arrays are not; every value reads.
         const auto& all = data->GetProperties();
@@ -200,10 +197,10 @@ TEST(RecordTest, EveryDataRecordIsComplete) {
     for (const auto& [flags, count] : flagCounts) EXPECT_LE(count, limits.at(flags)) << "flags " << flags;
 }
 
+// What each method does (names, parameters, results, privileges, flags and faults) is in the golden catalogue;
+// here the record's own shape and where registration put the method objects.
 TEST(RecordTest, EveryMethodRecordIsComplete) {
     size_t methods = 0;
-    size_t privileged = 0;
-    std::set<std::string> flagged;
     for (Kitra::Type* type : MorphelTypes()) {
         Kitra::ManagedObjectType* managed = type->AsManagedObjectType();
         if (managed == nullptr) continue;
@@ -220,22 +217,8 @@ TEST(RecordTest, EveryMethodRecordIsComplete) {
         for (const Kitra::MethodTypeInfo* m = info->methods; m != nullptr && m->name != nullptr; ++m, ++slots) {
             SCOPED_TRACE(m->name);
             ++methods;
-            if (m->privilege != nullptr) ++privileged;
-            if (m->methodFlags & Kitra::kMethodFlag100) flagged.insert(m->name);
             EXPECT_EQ(m->reserved, 0u);
-            ASSERT_NE(m->wsdlName, nullptr);
-            ASSERT_NE(m->version, nullptr);
-            EXPECT_TRUE(m->methodFlags == 0 || m->methodFlags == Kitra::kMethodTask ||
-                        m->methodFlags == Kitra::kMethodFlag100);
-            EXPECT_EQ((m->methodFlags & Kitra::kMethodTask) != 0, std::string(m->wsdlName).ends_with("_Task"));
             EXPECT_STREQ(m->result.name, "result");
-            ASSERT_NE(m->result.version, nullptr);
-            if (std::string(m->result.version) == "kodl.version.version0") {
-                EXPECT_EQ(m->result.type, nullptr);
-            }
-            if (m->result.type == nullptr) {
-                EXPECT_EQ(m->result.flags, 0u);
-            }
             const Kitra::ParamTypeInfo* p = m->params;
             for (; p != nullptr && p->name != nullptr; ++p) {
                 SCOPED_TRACE(p->name);
@@ -268,9 +251,6 @@ TEST(RecordTest, EveryMethodRecordIsComplete) {
         EXPECT_EQ(managed->GetMethods().size(), slots);
     }
     EXPECT_EQ(methods, 120u);
-    EXPECT_EQ(privileged, 16u);
-    EXPECT_EQ(flagged, (std::set<std::string>{"queryOvfInfo", "loginBySSPI", "registerWithAgent",
-                                              "unregisterWithAgent"}));
 }
 
 TEST(RecordTest, EveryPropertyKeepsWhatIsSetInIt) {

@@ -103,9 +103,8 @@ TEST(Messages, RequestsNameTheirOperationAndTarget) {
     std::string response;
     codec.EncodeResponse(logout, nullptr, response);
     EXPECT_EQ(Rejection([&] { codec.DecodeResponse(login, response); }).substr(0, 28), "expected a response to Morph");
-    std::string wrongTarget = request;
+    std::string wrongTarget;
     args[0] = new Kitra::Primitive<std::string>("ann");
-    wrongTarget.clear();
     codec.EncodeRequest(Kitra::MoRef("morphel.task.Task", "t"), login, args, wrongTarget);
     EXPECT_EQ(Rejection([&] { codec.Decode(wrongTarget); }),
               std::string("object of type morphel.task.Task has no operation ") + login->GetWsdlName() + " @ _this");

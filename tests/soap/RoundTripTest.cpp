@@ -46,10 +46,9 @@ TEST(RoundTrip, EveryTypeInEveryVersionThatKnowsIt) {
 }
 
 TEST(RoundTrip, TypesAPeerDoesNotKnowAreRefused) {
-    for (const auto& c : {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
-                          std::pair{"morphel.params.ThrottlingParams", 1}, std::pair{"morphel.server.job.JobInfo", 1}}) {
-        const char* type = c.first;
-        int version = c.second;
+    for (const auto& [type, version] : {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
+                                        std::pair{"morphel.params.ThrottlingParams", 1},
+                                        std::pair{"morphel.server.job.JobInfo", 1}}) {
         std::string out = "kept";
         auto fault = FaultOf<Kitra::Fault::NotInVersion>([&] {
             Kitra::Soap::Codec(V(version)).EncodeValue(Sample(type).Get(), out);

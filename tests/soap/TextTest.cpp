@@ -84,14 +84,7 @@ TEST(Text, ByteArraysOfEveryLength) {
 }
 
 TEST(Text, OffsetsWestOfUtcWithMinutes) {
-    DateTime parsed;
-    ASSERT_TRUE(DateTime::ParseIso8601("2026-11-23T00:00:00-03:30", parsed));
-    EXPECT_EQ(parsed.ToIso8601(), "2026-11-23T03:30:00Z");
-    EXPECT_EQ(parsed.GetOffsetMinutes(), -210);
-    ASSERT_TRUE(DateTime::ParseIso8601("2026-11-23T00:00:00+03:30", parsed));
-    EXPECT_EQ(parsed.ToIso8601(), "2026-11-22T20:30:00Z");
-
-    // The reader converts dates on its own; the same instant comes out of a message.
+    // The reader converts dates on its own (DateTimeTest has the general parser): the same instant comes out.
     auto read = [](const std::string& text) {
         Ref<Kitra::Any> v = Decode(Value("xsd:dateTime", text));
         return static_cast<Kitra::Primitive<DateTime>*>(v.Get())->GetValue();
