@@ -1,6 +1,7 @@
 // The process-wide maps, the once-only type creation and the registration of a module.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include <fundix/Exception.h>
@@ -148,58 +149,40 @@ const Kitra::Binding::VersionTable kConflictingTable = {kConflictingVersions, 1,
 const Kitra::TypeInfo kGammaInfo = {Kitra::kKindData, "regmod.Gamma", "RegmodGamma", "regmod.version1"};
 const Kitra::TypeInfo kDeltaInfo = {Kitra::kKindData, "regmod.Delta", "RegmodDelta", "regmod.version2"};
 
-Kitra::Type* Gamma() {
+template <const Kitra::TypeInfo* kInfo>
+Kitra::Type* Made() {
     static Kitra::Binding::TypeCache cache;
-    return Kitra::Binding::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
-        return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r));
-    }, &kGammaInfo);
+    return Kitra::Binding::GetTypeOnce(
+        cache, [](const void* r) -> Kitra::Type* { return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r)); },
+        kInfo);
 }
-Kitra::Type* Delta() {
-    static Kitra::Binding::TypeCache cache;
-    return Kitra::Binding::GetTypeOnce(cache, [](const void* r) -> Kitra::Type* {
-        return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r));
-    }, &kDeltaInfo);
-}
-Kitra::Type* (*const kModuleTypes[])() = {&Gamma, &Delta};
+Kitra::Type* (*const kModuleTypes[])() = {&Made<&kGammaInfo>, &Made<&kDeltaInfo>};
 
-struct MapSnapshot {
-    size_t versions = 0;
-    size_t relations = 0;
-    size_t types = 0;
-    size_t modules = 0;
-    size_t moduleTypes = 0;
-
-    static MapSnapshot Take(const std::string& source) {
-        MapSnapshot s;
-        for (const Kitra::Version* v : Kitra::GetVersionMap()->GetVersions()) {
-            ++s.versions;
-            s.relations += v->includes.size();
-        }
-        s.types = Kitra::GetTypeMap()->GetTypes().size();
-        for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules()) {
-            ++s.modules;
-            if (m->source == source) s.moduleTypes = m->types.size();
-        }
-        return s;
+// Versions, their relations, types, modules, and the types of the module from `source`.
+std::array<size_t, 5> Snapshot(const std::string& source) {
+    std::array<size_t, 5> s{0, 0, Kitra::GetTypeMap()->GetTypes().size(), 0, 0};
+    for (const Kitra::Version* v : Kitra::GetVersionMap()->GetVersions()) {
+        ++s[0];
+        s[1] += v->includes.size();
     }
-    bool operator==(const MapSnapshot&) const = default;
-};
+    for (const Kitra::Module* m : Kitra::GetTypeMap()->GetModules()) {
+        ++s[3];
+        if (m->source == source) s[4] = m->types.size();
+    }
+    return s;
+}
 
 TEST(RegisterModuleTest, SecondRegistrationChangesNothing) {
     const Kitra::Binding::ModuleInfo module = {"regmod/types", 10, &kModuleTable, kModuleTypes, 2};
-    const MapSnapshot before = MapSnapshot::Take("regmod/types");
+    const auto before = Snapshot("regmod/types");
     Kitra::Binding::RegisterModule(module);
-    const MapSnapshot first = MapSnapshot::Take("regmod/types");
-    EXPECT_EQ(first.versions, before.versions + 2);
-    EXPECT_EQ(first.relations, before.relations + 3);
-    EXPECT_EQ(first.types, before.types + 2);
-    EXPECT_EQ(first.modules, before.modules + 1);
-    EXPECT_EQ(first.moduleTypes, 2u);
+    const auto first = Snapshot("regmod/types");
+    EXPECT_EQ(first, (std::array<size_t, 5>{before[0] + 2, before[1] + 3, before[2] + 2, before[3] + 1, 2}));
     EXPECT_TRUE(Kitra::GetVersionMap()->IsIncluded("regmod.version2", "regmod.version1"));
-    EXPECT_EQ(Kitra::GetTypeMap()->GetType("regmod.Delta"), Delta());
+    EXPECT_EQ(Kitra::GetTypeMap()->GetType("regmod.Delta"), Made<&kDeltaInfo>());
 
     Kitra::Binding::RegisterModule(module);
-    EXPECT_EQ(MapSnapshot::Take("regmod/types"), first);
+    EXPECT_EQ(Snapshot("regmod/types"), first);
 
     // A module whose version contradicts one already known is refused.
     const Kitra::Binding::ModuleInfo conflicting = {"regmod/conflict", 10, &kConflictingTable, kModuleTypes, 2};

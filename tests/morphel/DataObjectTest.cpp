@@ -75,7 +75,9 @@ TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
     EXPECT_EQ(fresh->GetRefCount(), 1);
 }
 
-TEST(DataObjectTest, EqualityAcrossClassesDatesAndWideValues) {
+// Field by field, each storage class compares by its own rule (FieldWalkTest, RecordTest); a record compares
+// its class first.
+TEST(DataObjectTest, NeverEqualAcrossClasses) {
     // Same fields, other class: never equal, in either direction.
     Fundix::Ref<Morphel::ComputerSpec::HostedVmLocation> hosted(
         new Morphel::ComputerSpec::HostedVmLocation("/vm/a.cfg", {}, {}, {}, {}));
@@ -90,19 +92,6 @@ TEST(DataObjectTest, EqualityAcrossClassesDatesAndWideValues) {
     Fundix::Ref<Morphel::UserSession> session(new Morphel::UserSession());
     EXPECT_FALSE(MakeBundle()->_IsEqual(session.Get(), false));
     EXPECT_FALSE(session->_IsEqual(nullptr, true));
-
-    // Date-times compare by their instant, whatever the offset; 64-bit values on both halves.
-    Fundix::Ref<Morphel::UserSession> utc(new Morphel::UserSession());
-    utc->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 12, 0, 0, 0, 0));
-    Fundix::Ref<Morphel::UserSession> east(new Morphel::UserSession());
-    east->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 14, 0, 0, 0, 120));
-    EXPECT_TRUE(utc->_IsEqual(east.Get(), false));
-    east->SetLoginTime(Fundix::System::DateTime(2020, 1, 1, 12, 0, 0, 0, 120));
-    EXPECT_FALSE(utc->_IsEqual(east.Get(), false));
-    auto big = MakeBundle();
-    Fundix::Ref<Bundle> bigger(big->_Clone());
-    bigger->SetSize(big->GetSize() + (int64_t{1} << 40));
-    EXPECT_FALSE(big->_IsEqual(bigger.Get(), true));
 }
 
 TEST(DataObjectTest, DifferencePaths) {
@@ -162,10 +151,8 @@ TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     Fundix::Ref<Kitra::Any> p902(new Kitra::Primitive<int32_t>(902));
     type->SetPropertyValue(live.Get(), port, p902.Get());
     EXPECT_EQ(live->GetPort(), 902);
-    EXPECT_TRUE(type->IsPropertySet(live.Get(), port));
     type->SetPropertyValue(live.Get(), port, nullptr);
     EXPECT_FALSE(live->GetPort().IsSet());
-    EXPECT_TRUE(type->IsPropertySet(live.Get(), type->FindProperty("osType")));
 
     // Another class, or a value of another type, is refused.
     Fundix::Ref<Morphel::UserSession> session(new Morphel::UserSession());

@@ -38,16 +38,13 @@ std::vector<std::string> Split(const char* words) {
     return out;
 }
 
-// Conversion both ways and the refusals are checked for every enumeration below and on a hand-made one in
-// the object model's tests; here the typed helpers and the exported constants.
-TEST(EnumTest, TextsAndValuesOfTaskState) {
-    EXPECT_EQ(static_cast<int32_t>(Kitra::FromText<State>("running")), 1);
-    EXPECT_EQ(Kitra::ToText(State::error), "error");
-    EXPECT_EQ(InvalidArgumentMessage([] { Kitra::FromText<State>("running "); }), "running ");
+// Conversion both ways and the refusals are checked for every enumeration below, and the typed helpers on a
+// hand-made one in the object model's tests; here the exported constants and a box of another enumeration.
+TEST(EnumTest, ConstantsAndForeignBoxesOfTaskState) {
+    EXPECT_EQ(Kitra::FromText<State>("running"), State::running);
     const char* const constants[] = {Morphel::Task::TaskInfo::STATE_QUEUED, Morphel::Task::TaskInfo::STATE_RUNNING,
                                      Morphel::Task::TaskInfo::STATE_SUCCESS, Morphel::Task::TaskInfo::STATE_ERROR};
     EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(), std::vector<std::string>(constants, constants + 4));
-    // A box of another enumeration is refused.
     Fundix::Ref<Kitra::Any> foreign(new Kitra::Primitive<Morphel::Server::Job::JobInfo::State>(
         Morphel::Server::Job::JobInfo::State::active));
     EXPECT_THROW(Kitra::GetType<State>()->AsEnumType()->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);
