@@ -10,13 +10,6 @@ namespace {
 
 using namespace WireTest;
 
-// `message` with the first element `tag` (attributes and all) given as `element` instead.
-std::string Replaced(std::string message, const std::string& tag, const std::string& element) {
-    const size_t at = std::min(message.find("<" + tag + ">"), message.find("<" + tag + " "));
-    const std::string close = "</" + tag + ">";
-    return message.replace(at, message.find(close, at) + close.size() - at, element);
-}
-
 // The sample of `type` as the writer sends it (or `type` itself, when it is a message), the element `tag`
 // holding `text` instead.
 std::string WithText(const std::string& type, const std::string& tag, const std::string& text) {

@@ -1,6 +1,7 @@
 // Shorthands for codec tests: values by wire name, round trips, and the fault a call raised.
 #pragma once
 
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -93,6 +94,13 @@ inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t fl
     array->AppendBoxed(One(type, codec, seed).Get());
     array->AppendBoxed(One(type, codec, seed + 1).Get());
     return Fundix::Ref<Kitra::Any>(array.Get());
+}
+
+// `message` with the first element `tag` (attributes and all) given as `element` instead.
+inline std::string Replaced(std::string message, const std::string& tag, const std::string& element) {
+    const size_t at = std::min(message.find("<" + tag + ">"), message.find("<" + tag + " "));
+    const std::string close = "</" + tag + ">";
+    return message.replace(at, message.find(close, at) + close.size() - at, element);
 }
 
 // A message of its own making: `inner` as the body's content; a value element of `type` holding `fields`.
