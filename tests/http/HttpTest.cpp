@@ -251,17 +251,6 @@ protected:
     std::vector<std::string> log_;
 };
 
-template <class E, class F>
-void ExpectFault(F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no fault";
-    } catch (const E&) {
-    } catch (const Fundix::Exception& e) {
-        ADD_FAILURE() << "raised " << e.GetMessage();
-    }
-}
-
 // The reason a call could not communicate; "(certificate rejected)" or "(no failure)" instead.
 template <class F>
 std::string FailureReason(F&& f) {
@@ -281,7 +270,7 @@ TEST_F(HttpTest, AnonymousThenSessionOnly) {
     Client c = Connect();
     ASSERT_TRUE(Serves(c));  // anonymous
     EXPECT_TRUE(Refused(c));
-    ExpectFault<Dovra::Fault::InvalidLogin::Exception>([&] { Login(c, "ann", "wrong"); });
+    EXPECT_THROW(Login(c, "ann", "wrong"), Dovra::Fault::InvalidLogin::Exception);
     Ref<Morphel::UserSession> session = Login(c, "ann");
     EXPECT_EQ(c.adapter->GetSession(), session->GetKey());
     Ref<Morphel::UserSession> current;
@@ -302,7 +291,7 @@ TEST_F(HttpTest, SeparateSessionsAndPrivileges) {
     EXPECT_NE(ann.adapter->GetSession(), admin.adapter->GetSession());
     Ref<Kitra::Array<std::string>> keys(new Kitra::Array<std::string>());
     keys->Append(annSession->GetKey());
-    ExpectFault<Dovra::Fault::NoPermission::Exception>([&] { ann.sessions->Terminate(keys.Get()); });
+    EXPECT_THROW(ann.sessions->Terminate(keys.Get()), Dovra::Fault::NoPermission::Exception);
     admin.sessions->Terminate(keys.Get());
     EXPECT_TRUE(Refused(ann));
 }
@@ -322,7 +311,7 @@ TEST_F(HttpTest, FailuresWithoutInternalsAndUnknownObjects) {
     ASSERT_FALSE(log.empty());
     EXPECT_TRUE(Has(log.back(), "500 ") && Has(log.back(), "cause=std::runtime_error: secret internal detail")) << log.back();
     Ref<Morphel::SessionManagerStub> ghost(new Morphel::SessionManagerStub("nobody", c.adapter.Get(), nullptr));
-    ExpectFault<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { ghost->Logout(); });
+    EXPECT_THROW(ghost->Logout(), Kitra::Fault::ManagedObjectNotFound::Exception);
 }
 
 TEST_F(HttpTest, BadRequestsGetFaultsAndServingGoesOn) {
@@ -446,8 +435,8 @@ TEST_F(HttpTest, SessionCheckComesBeforeTheObjectLookupAndQuotedCookiesCount) {
     // same fault.
     Client c = Connect();
     Ref<Morphel::SessionManagerStub> ghost(new Morphel::SessionManagerStub("nobody", c.adapter.Get(), nullptr));
-    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { ghost->Logout(); });
-    ExpectFault<Dovra::Fault::NotAuthenticated::Exception>([&] { c.sessions->Logout(); });
+    EXPECT_THROW(ghost->Logout(), Dovra::Fault::NotAuthenticated::Exception);
+    EXPECT_THROW(c.sessions->Logout(), Dovra::Fault::NotAuthenticated::Exception);
 
     // A cookie value in double quotes names the same session; the cookie keeps scripts and other sites out.
     Client ann = Connect();

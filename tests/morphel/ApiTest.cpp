@@ -10,6 +10,8 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
+#include "Values.h"
+
 namespace {
 
 using Fundix::Ref;
@@ -29,12 +31,8 @@ TEST(ApiTest, IndexesPastTheEndRaiseTheLibrarysException) {
     Ref<Kitra::DataArray<Bundle>> bundles(new Kitra::DataArray<Bundle>());
     EXPECT_THROW(bundles->Get(0), Fundix::InvalidArgumentException);
     EXPECT_THROW(bundles->GetAny(0), Fundix::InvalidArgumentException);
-    try {
-        numbers->Get(4);
-        FAIL();
-    } catch (const Fundix::InvalidArgumentException& e) {
-        EXPECT_EQ(e.GetMessage(), "index 4 out of range: the array holds 1");
-    }
+    EXPECT_EQ(Values::Raised<Fundix::InvalidArgumentException>([&] { numbers->Get(4); }).value().GetMessage(),
+              "index 4 out of range: the array holds 1");
 }
 
 // Arrays of records take their element type or a class derived from it (the object model's ArrayTest);
@@ -54,14 +52,7 @@ TEST(ApiTest, MismatchesNameBothTypesByWireName) {
     // Records by their wire names, both of them, as the codec's text helpers show; here the other kinds.
     Ref<Bundle> bundle(new Bundle());
     Kitra::Any* any = bundle.Get();
-    auto expected = [](auto call) {
-        try {
-            call();
-        } catch (const Fundix::TypeMismatchException& e) {
-            return e.GetExpected();
-        }
-        return std::string("(none)");
-    };
+    auto expected = [](auto call) { return Values::Raised<Fundix::TypeMismatchException>(call).value().GetExpected(); };
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<int32_t>>(any); }), "int");
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::MoRef>(any); }), "ManagedObjectReference");
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::DataArray<Bundle>>(any); }),

@@ -15,20 +15,16 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
+#include "Values.h"
+
 namespace {
 
 using State = Morphel::Task::TaskInfo::State;
 
+// The message of the InvalidArgumentException `f` raised.
 template <class F>
 std::string InvalidArgumentMessage(F&& f) {
-    try {
-        f();
-    } catch (const Fundix::InvalidArgumentException& e) {
-        return e.what();
-    } catch (...) {
-        return "<other exception>";
-    }
-    return "<no exception>";
+    return Values::Raised<Fundix::InvalidArgumentException>(f).value().what();
 }
 
 std::vector<std::string> Split(const char* words) {

@@ -49,20 +49,17 @@ TEST(Lookup, VolumesAndDisksOfHardware) {
     EXPECT_EQ(Util::FindDiskInfoById(hw.Get(), "disk-2"), nullptr);
 
     // Nothing to search: no root, no storage, an absent array, an empty one.
-    EXPECT_EQ(Util::FindVolumeInfoById(nullptr, "C:"), nullptr);
     Ref<ComputerHardwareInfo> bare(new ComputerHardwareInfo());
-    EXPECT_EQ(Util::FindVolumeInfoById(bare.Get(), "C:"), nullptr);
     EXPECT_EQ(Util::FindDiskInfoById(bare.Get(), "disk-0"), nullptr);
-    EXPECT_EQ(Util::FindVolumeInfoById(Hardware({}, false).Get(), "C:"), nullptr);
-    EXPECT_EQ(Util::FindVolumeInfoById(Hardware({}).Get(), "C:"), nullptr);
+    for (const Ref<ComputerHardwareInfo>& none : {Ref<ComputerHardwareInfo>(), bare, Hardware({}, false), Hardware({})}) {
+        EXPECT_EQ(Util::FindVolumeInfoById(none.Get(), "C:"), nullptr);
+        EXPECT_FALSE(Util::HasGptDisk(none.Get()));
+    }
 }
 
 TEST(Lookup, GptIsRecognisedFromVolumesOnly) {
     EXPECT_TRUE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"EFI", 0xEE}}).Get()));  // 0xEE held as a signed byte
     EXPECT_FALSE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"D:", -1}}).Get()));   // unset types are passed over
-    EXPECT_FALSE(Util::HasGptDisk(Hardware({}).Get()));
-    EXPECT_FALSE(Util::HasGptDisk(Hardware({}, false).Get()));
-    EXPECT_FALSE(Util::HasGptDisk(nullptr));
 
     // A disk flagged as GPT but without volumes still answers false.
     Ref<ComputerHardwareInfo> hw = Hardware({});
