@@ -235,9 +235,6 @@ protected:
         Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef(type, id), m, args, request);
         return request;
     }
-    void KeptConnectionDeadline(Client& c);
-    void SynchronousAndAsynchronousTakeTurns(Client& c);
-    void LargeAnswer(Client& c);
 
     // What the server logged so far.
     std::vector<std::string> Log() {
@@ -691,30 +688,6 @@ TEST_F(HttpsTest, AThousandAsynchronousCallsFromOneThread) {
     for (auto& item : items) EXPECT_TRUE(item->WaitFor(std::chrono::seconds(5)));  // each item ends as its completion returns
 }
 
-}  // namespace
-
-// A synchronous call runs on the caller's thread: its deadline holds on a new connection and on a kept one,
-// and a connection whose call ran out of time is not used again (its late answer would be taken for the next).
-void HttpTest::KeptConnectionDeadline(Client& c) {
-    std::atomic<int> slow{0}, busy{0};
-    backend_->handlers["currentTime"] = [&slow, &busy](auto&) -> Ref<Kitra::Any> {
-        ++slow;
-        ++busy;
-        std::this_thread::sleep_for(std::chrono::milliseconds(700));
-        --busy;
-        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
-    };
-    for (int i = 0; i < 2; ++i) {  // first on a new connection, then on the one kept since
-        auto start = std::chrono::steady_clock::now();
-        const std::string late = FailureReason([&] { c.root->GetCurrentTime(); });
-        EXPECT_TRUE(Has(late, "within 200 ms")) << late;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600));
-        EXPECT_TRUE(Serves(c));
-        while (busy > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the server's thread is free
-    }
-    EXPECT_EQ(slow.load(), 2);
-}
-
 // Connections to `port` this process (or another) closed lately, from the system's table of sockets
 // waiting out their close.
 size_t ClosedConnectionsTo(int port) {
@@ -733,9 +706,12 @@ size_t ClosedConnectionsTo(int port) {
     return closed;
 }
 
-// Synchronous calls run on the caller's thread, asynchronous ones on the event loop: one kept connection
-// serves them in turn, moving between the two, and is never given up for a new one.
-void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
+// One kept connection: calls in turn, large answers, then deadlines (last, as a call that ran out of time
+// gives its connection up). Over TLS, which runs the same connection code as plain HTTP with one more layer.
+TEST_F(HttpsTest, KeptConnectionServesInTurnLargeAnswersAndDeadlines) {
+    Client c = Pinned();
+    // Synchronous calls run on the caller's thread, asynchronous ones on the event loop: one kept connection
+    // serves them in turn, moving between the two, and is never given up for a new one.
     for (int round = 0; round < 3; ++round) {
         ASSERT_TRUE(Serves(c));
         ASSERT_TRUE(Serves(c));
@@ -751,12 +727,9 @@ void HttpTest::SynchronousAndAsynchronousTakeTurns(Client& c) {
         item->WaitFor(std::chrono::seconds(5));
     }
     EXPECT_EQ(server_->GetOpenConnections(), 1u);
-    EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
-}
 
-// An answer larger than the socket takes at once: the server writes what it can on the serving thread and
-// the rest asynchronously, in order, and the connection goes on serving.
-void HttpTest::LargeAnswer(Client& c) {
+    // An answer larger than the socket takes at once: the server writes what it can on the serving thread and
+    // the rest asynchronously, in order, and the connection goes on serving.
     backend_->handlers["messageLocaleList"] = [](auto&) -> Ref<Kitra::Any> {
         Ref<Kitra::Array<std::string>> list(new Kitra::Array<std::string>());
         for (int i = 0; i < 2000; ++i) list->Append(std::to_string(i) + std::string(4000, 'a' + i % 26));
@@ -774,22 +747,27 @@ void HttpTest::LargeAnswer(Client& c) {
         EXPECT_EQ(s->GetUserName(), "ann");
     }
     EXPECT_EQ(ClosedConnectionsTo(server_->GetPort()), 0u);
-}
 
-// One kept connection over plain HTTP and over TLS: calls in turn, large answers, then deadlines (last, as
-// a call that ran out of time gives its connection up).
-TEST_F(HttpTest, KeptConnectionServesInTurnLargeAnswersAndDeadlines) {
-    Client c = Connect();
-    SynchronousAndAsynchronousTakeTurns(c);
-    LargeAnswer(c);
-    Client impatient = Connect(kV4, [](Kitra::Http::ClientOptions& o) { o.readTimeout = std::chrono::milliseconds(200); });
-    KeptConnectionDeadline(impatient);
-}
-
-TEST_F(HttpsTest, KeptConnectionServesInTurnLargeAnswersAndDeadlines) {
-    Client c = Pinned();
-    SynchronousAndAsynchronousTakeTurns(c);
-    LargeAnswer(c);
+    // A synchronous call's deadline holds on a new connection and on a kept one, and a connection whose call
+    // ran out of time is not used again (its late answer would be taken for the next).
     Client impatient = Pinned(std::chrono::milliseconds(200));
-    KeptConnectionDeadline(impatient);
+    std::atomic<int> slow{0}, busy{0};
+    backend_->handlers["currentTime"] = [&slow, &busy](auto&) -> Ref<Kitra::Any> {
+        ++slow;
+        ++busy;
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        --busy;
+        return new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime());
+    };
+    for (int i = 0; i < 2; ++i) {  // first on a new connection, then on the one kept since
+        auto start = std::chrono::steady_clock::now();
+        const std::string late = FailureReason([&] { impatient.root->GetCurrentTime(); });
+        EXPECT_TRUE(Has(late, "within 200 ms")) << late;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600));
+        EXPECT_TRUE(Serves(impatient));
+        while (busy > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the server's thread is free
+    }
+    EXPECT_EQ(slow.load(), 2);
 }
+
+}  // namespace
