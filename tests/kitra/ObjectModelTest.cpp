@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,15 @@ TEST(ArrayTest, CloneComparisonAndElementChecks) {
     EXPECT_EQ(arrayType, Kitra::GetType<Fault>()->GetArrayType());
     EXPECT_STREQ(arrayType->GetName(), "kodl.RuntimeFault[]");
     EXPECT_EQ(array->_GetType(), arrayType);
+}
+
+// The object model's own runtime fault keeps its class through a copy of its exception (the generated faults
+// are walked in FaultTest).
+TEST(FaultBaseTest, RuntimeFaultExceptionClonesKeepTheirClass) {
+    Fundix::Ref<Kitra::MethodFault> fault(new Kitra::RuntimeFault());
+    std::unique_ptr<Kitra::MethodFault::Exception> created(fault->CreateException());
+    std::unique_ptr<Fundix::Exception> clone(created->Clone());
+    EXPECT_THROW(clone->Throw(), Kitra::RuntimeFault::Exception);
 }
 
 template <class F>
