@@ -62,8 +62,6 @@ TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
     EXPECT_EQ(bundle->GetContent(), content);
     EXPECT_TRUE(content->IsEmpty());
     EXPECT_FALSE(type->IsPropertySet(bundle.Get(), contentIndex));
-    EXPECT_FALSE(type->IsPropertySet(empty.Get(), contentIndex));
-    EXPECT_TRUE(type->IsPropertySet(empty.Get(), type->FindProperty("crc")));
 
     // A new array replaces the old one and releases it.
     Fundix::Ref<ContentArray> old(content);
