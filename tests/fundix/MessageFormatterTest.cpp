@@ -9,16 +9,14 @@ using Fundix::MessageFormatter;
 
 namespace {
 
-TEST(MessageFormatterTest, ReplacesNumberedPlaceholders) {
+TEST(MessageFormatterTest, ReplacesNumberedPlaceholdersOnly) {
     EXPECT_EQ(MessageFormatter::Format("%2 before %1", {"one", "two"}), "two before one");
     EXPECT_EQ(MessageFormatter::Format("%1%1", {"ab"}), "abab");
     EXPECT_EQ(MessageFormatter::Format("no placeholders", {"unused"}), "no placeholders");
     // Arguments are inserted verbatim, never rescanned.
     EXPECT_EQ(MessageFormatter::Format("%1 %2", {"%2", "x"}), "%2 x");
     EXPECT_EQ(MessageFormatter::Format("%9", {"1", "2", "3", "4", "5", "6", "7", "8", "nine"}), "nine");
-}
-
-TEST(MessageFormatterTest, LeavesUnmatchedPercentSignsAlone) {
+    // Unmatched percent signs are left alone.
     EXPECT_EQ(MessageFormatter::Format("%1 and %3", {"a", "b"}), "a and %3");
     EXPECT_EQ(MessageFormatter::Format("100%% of %1", {"x"}), "100% of x");
     EXPECT_EQ(MessageFormatter::Format("%%1", {"x"}), "%1");

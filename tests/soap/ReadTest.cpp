@@ -73,8 +73,8 @@ TEST(Read, ShortcutsAgreeWithTheGeneralPaths) {
         Replaced(Replaced(Replaced(Encode(Sample(volume).Get()), "volumeId", ""), "diskId", ""), "diskId",
                  "<diskId>a</diskId><volumeId>v</volumeId><diskId>b</diskId>");
     const Case cases[] = {
-        // Numbers: in one piece, split by a character reference, with spaces, signs, at and past the limits.
-        {WithText(disk, "biosNumber", "123"), "biosNumber", "123"},
+        // (The writer's own forms in one piece travel in every round trip.)
+        // Numbers: split by a character reference, with spaces, signs, at and past the limits.
         {WithText(disk, "biosNumber", "1&#50;3"), "biosNumber", "123"},
         {WithText(disk, "biosNumber", " 42\n"), "biosNumber", "42"},
         {WithText(disk, "biosNumber", "+7"), "biosNumber", "7"},
@@ -93,9 +93,8 @@ TEST(Read, ShortcutsAgreeWithTheGeneralPaths) {
          "-9223372036854775808"},
         {WithText(disk, "capacityInBytes", "9223372036854775808"), "capacityInBytes",
          "refused: not in range for a long: \"9223372036854775808\" @ capacityInBytes"},
-        // Dates: the writer's form with and without a fraction, every other form, days that do not exist, and
+        // Dates: the writer's form with a fraction, every other form, days that do not exist, and
         // a date on another day than the one before it in the message.
-        {WithText(task, "queueTime", "2026-11-23T10:15:16Z"), "queueTime", "2026-11-23T10:15:16Z"},
         {WithText(task, "queueTime", "2026-11-23T10:15:16.5Z"), "queueTime", "2026-11-23T10:15:16.5Z"},
         {WithText(task, "queueTime", "2026-11-23T10:15:16.123456789Z"), "queueTime",
          "2026-11-23T10:15:16.123456Z"},
@@ -117,8 +116,7 @@ TEST(Read, ShortcutsAgreeWithTheGeneralPaths) {
         {WithText(WithText("morphel.event.TaskEvent", "type", "error"), "state", "error"), "info.state",
          "error"},
         {WithText(WithText("morphel.event.TaskEvent", "type", "error"), "state", "error"), "type", "error"},
-        // Strings: in one piece, in pieces, beginning with a reference, with a line end made plain.
-        {WithText(disk, "diskId", "plain"), "diskId", "plain"},
+        // Strings: in pieces, beginning with a reference, with a line end made plain.
         {WithText(disk, "diskId", "a&lt;b&gt;c"), "diskId", "a<b>c"},
         {WithText(disk, "diskId", "&amp;first"), "diskId", "&first"},
         {WithText(disk, "lvgName", "x\r\ny"), "lvgName", "x\ny"},
