@@ -153,7 +153,8 @@ template <const Kitra::TypeInfo* kInfo>
 Kitra::Type* Made() {
     static Kitra::Binding::TypeCache cache;
     return Kitra::Binding::GetTypeOnce(
-        cache, [](const void* r) -> Kitra::Type* { return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r)); },
+        cache,
+        [](const void* r) -> Kitra::Type* { return new Kitra::Type(static_cast<const Kitra::TypeInfo*>(r)); },
         kInfo);
 }
 Kitra::Type* (*const kModuleTypes[])() = {&Made<&kGammaInfo>, &Made<&kDeltaInfo>};

@@ -52,7 +52,9 @@ TEST(ApiTest, MismatchesNameBothTypesByWireName) {
     // Records by their wire names, both of them, as the codec's text helpers show; here the other kinds.
     Ref<Bundle> bundle(new Bundle());
     Kitra::Any* any = bundle.Get();
-    auto expected = [](auto call) { return Values::Raised<Fundix::TypeMismatchException>(call).value().GetExpected(); };
+    auto expected = [](auto call) {
+        return Values::Raised<Fundix::TypeMismatchException>(call).value().GetExpected();
+    };
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<int32_t>>(any); }), "int");
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::MoRef>(any); }), "ManagedObjectReference");
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::DataArray<Bundle>>(any); }),

@@ -139,7 +139,8 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     echo->nullResult = true;
     query->Query(spec.Get(), info);
     EXPECT_EQ(info.Get(), nullptr);
-    auto noResult = Values::Raised<Kitra::Fault::InvalidArgument::Exception>([&] { diag->RetrieveTaskLogBundle("key", 0, 4096); });
+    auto noResult = Values::Raised<Kitra::Fault::InvalidArgument::Exception>(
+        [&] { diag->RetrieveTaskLogBundle("key", 0, 4096); });
     ASSERT_TRUE(noResult);
     EXPECT_EQ(noResult->GetFault()->GetInvalidProperty(), "result");
 }

@@ -176,8 +176,9 @@ TEST(DataObjectTest, PropertyFunctionsThroughTheType) {
     auto bundle = MakeBundle();
     Kitra::DataObjectType* bundleType = bundle->_GetDataType();
     Fundix::Ref<Kitra::Any> contentBox(new Kitra::Primitive<Content>(Content::agentLogs));
-    EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), bundleType->FindProperty("format"), contentBox.Get()),
-                 Fundix::TypeMismatchException);
+    EXPECT_THROW(
+        bundleType->SetPropertyValue(bundle.Get(), bundleType->FindProperty("format"), contentBox.Get()),
+        Fundix::TypeMismatchException);
     Fundix::Ref<Kitra::Array<std::string>> texts(new Kitra::Array<std::string>());
     texts->Append("agentLogs");
     EXPECT_THROW(bundleType->SetPropertyValue(bundle.Get(), bundleType->FindProperty("content"), texts.Get()),

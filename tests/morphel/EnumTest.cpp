@@ -40,7 +40,8 @@ TEST(EnumTest, ConstantsAndForeignBoxesOfTaskState) {
     EXPECT_EQ(Kitra::FromText<State>("running"), State::running);
     const char* const constants[] = {Morphel::Task::TaskInfo::STATE_QUEUED, Morphel::Task::TaskInfo::STATE_RUNNING,
                                      Morphel::Task::TaskInfo::STATE_SUCCESS, Morphel::Task::TaskInfo::STATE_ERROR};
-    EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(), std::vector<std::string>(constants, constants + 4));
+    EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(),
+              std::vector<std::string>(constants, constants + 4));
     Fundix::Ref<Kitra::Any> foreign(new Kitra::Primitive<Morphel::Server::Job::JobInfo::State>(
         Morphel::Server::Job::JobInfo::State::active));
     EXPECT_THROW(Kitra::GetType<State>()->AsEnumType()->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);

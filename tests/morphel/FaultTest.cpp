@@ -38,9 +38,10 @@ bool CaughtAsEach(Kitra::MethodFault* fault) {
 
 TEST(FaultTest, RaisedThroughTheBaseAndCaughtAlongTheChain) {
     Fundix::Ref<Kitra::MethodFault> fault(new MF::FileNotFound("/etc/missing.cfg"));
-    EXPECT_TRUE((CaughtAsEach<MF::FileNotFound::Exception, MF::MorphelFileFault::Exception, MF::MorphelFault::Exception,
-                              Kitra::RuntimeFault::Exception, Kitra::MethodFault::Exception, Fundix::Exception,
-                              std::exception>(fault.Get())));
+    EXPECT_TRUE(
+        (CaughtAsEach<MF::FileNotFound::Exception, MF::MorphelFileFault::Exception,
+                      MF::MorphelFault::Exception, Kitra::RuntimeFault::Exception,
+                      Kitra::MethodFault::Exception, Fundix::Exception, std::exception>(fault.Get())));
     EXPECT_FALSE(CaughtAs<MF::InsufficientDiskSpace::Exception>(fault.Get()));
     EXPECT_FALSE(CaughtAs<MF::FileIOFault::Exception>(fault.Get()));
     EXPECT_EQ(fault->GetRefCount(), 1);
@@ -65,7 +66,8 @@ TEST(FaultTest, FaultsOutsideTheProgramRoot) {
     Fundix::Ref<Kitra::MethodFault> propertyInfo(new MF::PropertyInfoFault());
     EXPECT_FALSE(CaughtAs<Kitra::RuntimeFault::Exception>(propertyInfo.Get()));
     EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(propertyInfo.Get()));
-    EXPECT_TRUE((CaughtAsEach<MF::PropertyInfoFault::Exception, Kitra::MethodFault::Exception>(propertyInfo.Get())));
+    EXPECT_TRUE(
+        (CaughtAsEach<MF::PropertyInfoFault::Exception, Kitra::MethodFault::Exception>(propertyInfo.Get())));
 
     Fundix::Ref<Kitra::MethodFault> platform(new AF::PlatformError(5));
     EXPECT_TRUE(CaughtAs<Kitra::RuntimeFault::Exception>(platform.Get()));
@@ -79,12 +81,14 @@ TEST(FaultTest, FamiliesCatchTheirMembers) {
     Fundix::Ref<Kitra::MethodFault> agent(new MF::NoHostConnectionFromAgent("agent-host"));
     EXPECT_TRUE((CaughtAsEach<MF::NoHostConnection::Exception, MF::ConnectionFault::Exception>(agent.Get())));
     Fundix::Ref<Kitra::MethodFault> scsi(new AF::NoAttachPointForDiskMigratedToScsi());
-    EXPECT_TRUE((CaughtAsEach<AF::InsufficientScsiAttachPoints::Exception,
-                              AF::InsufficientMassStorageBusAttachPoints::Exception, MF::MorphelFault::Exception>(
-        scsi.Get())));
+    EXPECT_TRUE(
+        (CaughtAsEach<AF::InsufficientScsiAttachPoints::Exception,
+                      AF::InsufficientMassStorageBusAttachPoints::Exception, MF::MorphelFault::Exception>(
+            scsi.Get())));
     EXPECT_FALSE(CaughtAs<AF::InsufficientIdeAttachPoints::Exception>(scsi.Get()));
     Fundix::Ref<MF::OvfImportSourceNotFound> ovf(new MF::OvfImportSourceNotFound("pkg.ovf"));
-    EXPECT_TRUE((CaughtAsEach<MF::ImportSourceNotFound::Exception, MF::ImportSourceFault::Exception>(ovf.Get())));
+    EXPECT_TRUE(
+        (CaughtAsEach<MF::ImportSourceNotFound::Exception, MF::ImportSourceFault::Exception>(ovf.Get())));
     Fundix::Ref<Kitra::MethodFault> notAdmin(new MF::ImportSourceLiveNotAdmin());
     EXPECT_TRUE(CaughtAs<MF::ImportSourceNoPermission::Exception>(notAdmin.Get()));
     EXPECT_EQ(Kitra::GetType<MF::ImportSourceLiveNotAdmin>()->GetBaseType(),

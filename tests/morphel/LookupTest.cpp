@@ -51,7 +51,8 @@ TEST(Lookup, VolumesAndDisksOfHardware) {
     // Nothing to search: no root, no storage, an absent array, an empty one.
     Ref<ComputerHardwareInfo> bare(new ComputerHardwareInfo());
     EXPECT_EQ(Util::FindDiskInfoById(bare.Get(), "disk-0"), nullptr);
-    for (const Ref<ComputerHardwareInfo>& none : {Ref<ComputerHardwareInfo>(), bare, Hardware({}, false), Hardware({})}) {
+    for (const Ref<ComputerHardwareInfo>& none :
+         {Ref<ComputerHardwareInfo>(), bare, Hardware({}, false), Hardware({})}) {
         EXPECT_EQ(Util::FindVolumeInfoById(none.Get(), "C:"), nullptr);
         EXPECT_FALSE(Util::HasGptDisk(none.Get()));
     }
@@ -59,7 +60,8 @@ TEST(Lookup, VolumesAndDisksOfHardware) {
 
 TEST(Lookup, GptIsRecognisedFromVolumesOnly) {
     EXPECT_TRUE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"EFI", 0xEE}}).Get()));  // 0xEE held as a signed byte
-    EXPECT_FALSE(Util::HasGptDisk(Hardware({{"C:", 0x07}, {"D:", -1}}).Get()));   // unset types are passed over
+    EXPECT_FALSE(
+        Util::HasGptDisk(Hardware({{"C:", 0x07}, {"D:", -1}}).Get()));  // unset types are passed over
 
     // A disk flagged as GPT but without volumes still answers false.
     Ref<ComputerHardwareInfo> hw = Hardware({});

@@ -142,11 +142,12 @@ TEST(RecordTest, EveryDataRecordIsComplete) {
             EXPECT_FALSE(data->IsPropertySet(object.Get(), index));
         }
     }
-    EXPECT_EQ(withExtra, (std::vector<std::string>{"morphel.event.Event.fullMessage", "morphel.info.PropertyInfo.message"}));
+    EXPECT_EQ(withExtra, (std::vector<std::string>{"morphel.event.Event.fullMessage",
+                                                   "morphel.info.PropertyInfo.message"}));
 }
 
-// What each method does (names, parameters, results, privileges, flags and faults) is in the golden catalogue;
-// here the record's own shape and where registration put the method objects.
+// What each method does (names, parameters, results, privileges, flags and faults) is in the golden
+// catalogue; here the record's own shape and where registration put the method objects.
 TEST(RecordTest, EveryMethodRecordIsComplete) {
     size_t methods = 0;
     for (Kitra::Type* type : MorphelTypes()) {
@@ -168,7 +169,8 @@ TEST(RecordTest, EveryMethodRecordIsComplete) {
             EXPECT_EQ(m->reserved, 0u);
             EXPECT_STREQ(m->result.name, "result");
             const Kitra::ParamTypeInfo* p = m->params;
-            for (; p != nullptr && p->name != nullptr; ++p) EXPECT_EQ(p->privilege, nullptr) << p->name;
+            for (; p != nullptr && p->name != nullptr; ++p)
+                EXPECT_EQ(p->privilege, nullptr) << p->name;
             if (p != nullptr) {
                 EXPECT_EQ(p->type, nullptr);
                 EXPECT_EQ(p->version, nullptr);

@@ -41,7 +41,8 @@ TEST(Polymorphism, SubclassesInPlacesOfTheirBase) {
         Fundix::Ref<Kitra::DataObject> holder = Sample(c.holder);
         Set(holder.Get(), c.property, Sample(c.value).Get());
         const std::string message = Encode(holder.Get());
-        EXPECT_NE(message.find(std::string("<") + c.property + " xsi:type=\"" + DataType(c.value)->GetWsdlName() + "\">"),
+        EXPECT_NE(message.find(std::string("<") + c.property + " xsi:type=\"" +
+                               DataType(c.value)->GetWsdlName() + "\">"),
                   std::string::npos);
         Fundix::Ref<Kitra::Any> back = Decode(message);
         Fundix::Ref<Kitra::Any> value = Get(static_cast<Kitra::DataObject*>(back.Get()), c.property);

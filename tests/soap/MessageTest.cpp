@@ -98,10 +98,12 @@ TEST(Messages, RequestsNameTheirOperationAndTarget) {
 
     // A task method's record names what the task delivers; the answer on the wire is the task's reference
     // (read back for every method above).
-    Kitra::ManagedMethod* convert =
-        Kitra::GetTypeMap()->GetType("morphel.agent.MorphelManager")->AsManagedObjectType()->FindMethod("convert");
-    codec.EncodeResponse(convert, Fundix::Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", "task-5")).Get(),
-                         response);
+    Kitra::ManagedMethod* convert = Kitra::GetTypeMap()
+                                        ->GetType("morphel.agent.MorphelManager")
+                                        ->AsManagedObjectType()
+                                        ->FindMethod("convert");
+    codec.EncodeResponse(
+        convert, Fundix::Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", "task-5")).Get(), response);
     EXPECT_NE(response.find("type=\"MorphelTask\">task-5</returnval>"), std::string::npos) << response;
 }
 

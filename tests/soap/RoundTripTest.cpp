@@ -24,8 +24,8 @@ TEST(RoundTrip, EveryTypeInEveryVersionThatKnowsIt) {
             const Kitra::DataObjectType* type = t->AsDataObjectType();
             if (type == nullptr || !codec.Knows(type)) continue;
             SCOPED_TRACE(std::string(type->GetName()) + " in " + version);
-            // Filled for the latest version, written in this one: the later fields stay behind (an older reader
-            // refuses them, BadInput.VersionsMustAgree).
+            // Filled for the latest version, written in this one: the later fields stay behind (an older
+            // reader refuses them, BadInput.VersionsMustAgree).
             Fundix::Ref<Kitra::DataObject> full = MorphelTypesTool::Sample(type, latest);
             Fundix::Ref<Kitra::DataObject> expected = MorphelTypesTool::Sample(type, codec);
             std::string message;
@@ -46,9 +46,9 @@ TEST(RoundTrip, EveryTypeInEveryVersionThatKnowsIt) {
 }
 
 TEST(RoundTrip, TypesAPeerDoesNotKnowAreRefused) {
-    for (const auto& [type, version] : {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
-                                        std::pair{"morphel.params.ThrottlingParams", 1},
-                                        std::pair{"morphel.server.job.JobInfo", 1}}) {
+    for (const auto& [type, version] :
+         {std::pair{"morphel.params.IncrementalP2VCloningParams", 2},
+          std::pair{"morphel.params.ThrottlingParams", 1}, std::pair{"morphel.server.job.JobInfo", 1}}) {
         std::string out = "kept";
         auto fault = FaultOf<Kitra::Fault::NotInVersion>([&] {
             Kitra::Soap::Codec(V(version)).EncodeValue(Sample(type).Get(), out);
