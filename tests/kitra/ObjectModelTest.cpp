@@ -145,7 +145,7 @@ std::string MessageOf(F&& f) {
     return "<no exception>";
 }
 
-TEST(EnumTypeTest, TextsAndValues) {
+TEST(EnumTypeTest, TextsAndValuesOfAFullAndAnEmptyEnumeration) {
     Kitra::EnumType* type = Kitra::GetType<Shade>()->AsEnumType();
     ASSERT_NE(type, nullptr);
     EXPECT_EQ(type->GetValues(), (std::vector<std::string>{"light", "dark", "Dark"}));
@@ -168,10 +168,8 @@ TEST(EnumTypeTest, TextsAndValues) {
     ASSERT_TRUE(array);
     array->AppendBoxed(box.Get());
     EXPECT_THROW(array->AppendBoxed(number.Get()), Fundix::TypeMismatchException);
-}
 
-// Texts sharing a hash chain are walked for every generated enumeration (EnumTest); here one without values.
-TEST(EnumTypeTest, EmptyEnumerationKnowsNoText) {
+    // Texts sharing a hash chain are walked for every generated enumeration (EnumTest); here one without any.
     const Kitra::TypeInfo info = {Kitra::kKindEnum, "objtest.None", "ObjtestNone", "objtest.version1"};
     const char* const none[] = {nullptr};
     const Kitra::EnumTypeInfo emptyRecord = {&info, none};

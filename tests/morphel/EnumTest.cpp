@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,13 +24,6 @@ using State = Morphel::Task::TaskInfo::State;
 template <class F>
 std::string InvalidArgumentMessage(F&& f) {
     return Values::Raised<Fundix::InvalidArgumentException>(f).value().what();
-}
-
-std::vector<std::string> Split(const char* words) {
-    std::istringstream in(words);
-    std::vector<std::string> out;
-    for (std::string w; in >> w;) out.push_back(w);
-    return out;
 }
 
 // Conversion both ways and the refusals are checked for every enumeration below, and the typed helpers on a
@@ -133,9 +125,10 @@ TEST(EnumTest, EveryEnumerationAsRegistered) {
         Kitra::EnumType* e = type->AsEnumType();
         ASSERT_NE(e, nullptr);
         EXPECT_EQ(e->GetValues().size(), row.count);
-        if (row.values != nullptr) {
-            EXPECT_EQ(e->GetValues(), Split(row.values));
-        }
+        std::string joined;
+        for (const std::string& v : e->GetValues())
+            joined += (joined.empty() ? "" : " ") + v;
+        EXPECT_EQ(joined, row.values != nullptr ? std::string(row.values) : joined);
     }
 
     // Every registered enumeration is one of these, and each converts both ways for all its values.
