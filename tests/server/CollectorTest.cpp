@@ -1,9 +1,5 @@
-// History collectors over a history shorter than their latest page: the latest page is the whole
-// history, and reset stands before its oldest event rather than before the start of time; over a
-// bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
-// in the order of their creation, as each filter selects them.
-#include <morphel/server/job/types.h>
-
+// History collectors over a history shorter than their latest page (reset stands before its oldest event),
+// over a bounded history whose oldest events go while they read it, and of tasks and jobs as filters select.
 #include "Support.h"
 
 namespace {
@@ -15,10 +11,7 @@ using Morphel::Event::Event;
 struct Served {
     explicit Served(MorphelServer::ServiceOptions options) : hosted(options), client(hosted.Url()) {}
     Ref<Morphel::Event::EventHistoryCollectorStub> NewCollector() {
-        Ref<Kitra::MoRef> ref;
-        client.events->CreateCollector(
-            Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
-        return client.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
+        return client.Make<Morphel::Event::EventHistoryCollectorStub>(client.NewCollector().Get());
     }
     // Two events, a login and a logout, of another client: the collectors of this one's session stay.
     void OtherLogsInAndOut() { Client(hosted.Url()).sessions->Logout(); }
@@ -27,8 +20,10 @@ struct Served {
     Client client;
 };
 
-TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
-    Served hosted({});  // start, login: 1, 2
+TEST(Collector, ReadsAHistoryShorterThanTheLatestPageAndGoesOnFromTheOldestEventKept) {
+    MorphelServer::ServiceOptions options;
+    options.maxEvents = 4;
+    Served hosted(options);  // start, login: 1, 2
     auto collector = hosted.NewCollector();
     Ref<Kitra::DataArray<Event>> page;
     collector->SetLatestPageSize(5);
@@ -43,23 +38,16 @@ TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
     collector->ReadNext(10, page);
     EXPECT_TRUE(Keys(page.Get()).empty());
-    // A page exactly as long as the history: the same.
-    collector->SetLatestPageSize(2);
+    collector->SetLatestPageSize(2);  // a page exactly as long as the history: the same
     collector->Reset();
     collector->ReadNext(10, page);
     EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->SetLatestPageSize(0); });
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
-}
 
-TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
-    MorphelServer::ServiceOptions options;
-    options.maxEvents = 4;
-    Served hosted(options);  // start, login: 1, 2
-    auto collector = hosted.NewCollector();
-    Ref<Kitra::DataArray<Event>> page;
+    // Unread events dropped from the bounded history: the collector goes on from the oldest one kept.
+    collector->Rewind();
     collector->ReadNext(1, page);
-    EXPECT_EQ(Keys(page.Get()), std::vector<int32_t>{1});
     for (int i = 0; i < 2; ++i)  // 3 to 6
         hosted.OtherLogsInAndOut();
     EXPECT_EQ(hosted.All(), (std::vector<int32_t>{3, 4, 5, 6}));
@@ -122,13 +110,12 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     Served hosted(options);
     Ref<ConversionJobInfo> created, fifth;
     for (int i = 0; i < 5; ++i) {  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
-        hosted.client.conversions->CreateJob(JobSpecOfThisMachine("job" + std::to_string(i)).Get(), nullptr,
-                                             created);
+        created = hosted.client.CreateJob("job" + std::to_string(i));
         if (i == 2) fifth = created;
     }
-    Morphel::Task::TaskStub("Task-4", hosted.client.adapter.Get(), nullptr).Cancel();
-    Morphel::Server::Conversion::ConversionJobStub("ConversionJob-3", hosted.client.adapter.Get(), nullptr)
-        .Suspend("failIfActiveTask");
+    hosted.client.Make<Morphel::Task::TaskStub>("Task-4")->Cancel();
+    hosted.client.Make<Morphel::Server::Conversion::ConversionJobStub>("ConversionJob-3")
+        ->Suspend("failIfActiveTask");
     Ref<TaskInfo> sixth;
     hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
 
@@ -136,8 +123,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     auto read = [&](Ref<TaskFilterSpec> filter) {
         Ref<Kitra::MoRef> ref;
         hosted.client.tasks->CreateCollector(filter.Get(), ref);
-        return Ref<Morphel::Task::TaskHistoryCollectorStub>(
-            new Morphel::Task::TaskHistoryCollectorStub(ref->GetId(), hosted.client.adapter.Get(), nullptr));
+        return hosted.client.Make<Morphel::Task::TaskHistoryCollectorStub>(ref.Get());
     };
     auto all = read(new TaskFilterSpec());
     all->ReadNext(10, page);
@@ -203,9 +189,8 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         Ref<JobFilterSpec> filter(new JobFilterSpec());
         c.set(*filter);
         hosted.client.conversions->CreateCollector(filter.Get(), ref);
-        Morphel::Server::Conversion::ConversionJobHistoryCollectorStub(ref->GetId(),
-                                                                       hosted.client.adapter.Get(), nullptr)
-            .ReadNext(10, jobs);
+        hosted.client.Make<Morphel::Server::Conversion::ConversionJobHistoryCollectorStub>(ref.Get())
+            ->ReadNext(10, jobs);
         EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
     }
     Ref<JobFilterSpec> unknownTime(new JobFilterSpec());

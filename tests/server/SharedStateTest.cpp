@@ -87,27 +87,17 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     toA.Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
     EXPECT_EQ(task->GetKey(), created->GetActiveTask()->GetId());
     EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
-    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
-    toA.Make<Morphel::Server::Conversion::ConversionJobStub>(created->GetJob())->GetSpec(spec);
-    EXPECT_EQ(spec->GetName(), "shared");
-    ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
-        [&] { toA.Make<Morphel::Task::TaskStub>("Task-999")->GetInfo(task); });
 
     // The same events through either, and a collector made through B read through A.
     auto keys = Keys(toA.Events().Get());
     EXPECT_EQ(Keys(toB.Events().Get()), keys);
     EXPECT_GE(keys.size(), 4u);  // two starts, the login, the job's creation
-    Ref<Kitra::MoRef> collector;
-    toB.events->CreateCollector(
-        Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), collector);
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-    toA.Make<Morphel::Event::EventHistoryCollectorStub>(collector.Get())->ReadNext(100, page);
+    toA.Make<Morphel::Event::EventHistoryCollectorStub>(toB.NewCollector(0).Get())->ReadNext(100, page);
     EXPECT_EQ(page->GetLength(), keys.size());
     // A task collector too: served by A as what it is.
-    toB.tasks->CreateCollector(Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(),
-                               collector);
     Ref<Kitra::DataArray<TaskInfo>> tasks;
-    toA.Make<Morphel::Task::TaskHistoryCollectorStub>(collector.Get())->ReadNext(10, tasks);
+    toA.Make<Morphel::Task::TaskHistoryCollectorStub>(toB.NewCollector(1).Get())->ReadNext(10, tasks);
     ASSERT_EQ(tasks->GetLength(), 1u);
     EXPECT_EQ(tasks->Get(0)->GetKey(), task->GetKey());
 
@@ -225,12 +215,7 @@ TEST_F(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
         });
     };
     auto keys = [](MorphelServer::State& state) {
-        return state.Run([](MorphelServer::StateTransaction& tx) {
-            std::vector<int32_t> keys;
-            for (const auto& e : tx.SelectEvents(nullptr))
-                keys.push_back(e->GetKey());
-            return keys;
-        });
+        return state.Run([](MorphelServer::StateTransaction& tx) { return Keys(tx.SelectEvents(nullptr)); });
     };
     append(*a, 3);
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{1, 2, 3}));

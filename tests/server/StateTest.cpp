@@ -19,13 +19,6 @@ using Fundix::Ref;
 using Fundix::System::DateTime;
 using MorphelServer::StateTransaction;
 
-std::vector<int32_t> Keys(const std::vector<Ref<Morphel::Event::Event>>& events) {
-    std::vector<int32_t> keys;
-    for (const auto& e : events)
-        keys.push_back(e->GetKey());
-    return keys;
-}
-
 Ref<Morphel::Event::Event> EventAt(int64_t micros) {
     Ref<Morphel::Event::Event> e(new Morphel::Event::GeneralEvent());
     e->SetCreatedTime(DateTime::FromUtcMicros(micros));
