@@ -108,11 +108,9 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     MorphelServer::ServiceOptions options;
     options.conversionTime = std::chrono::hours(1);  // the runs go on while the test reads
     Served hosted(options);
-    Ref<ConversionJobInfo> created, fifth;
-    for (int i = 0; i < 5; ++i) {  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
-        created = hosted.client.CreateJob("job" + std::to_string(i));
-        if (i == 2) fifth = created;
-    }
+    Ref<ConversionJobInfo> fifth;
+    for (int i = 0; i < 5; ++i)  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
+        if (auto created = hosted.client.CreateJob("job" + std::to_string(i)); i == 2) fifth = created;
     hosted.client.Make<Morphel::Task::TaskStub>("Task-4")->Cancel();
     hosted.client.Make<Morphel::Server::Conversion::ConversionJobStub>("ConversionJob-3")
         ->Suspend("failIfActiveTask");
@@ -133,27 +131,19 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
 
     Ref<Kitra::DataArray<Kitra::MoRef>> tasks(new Kitra::DataArray<Kitra::MoRef>());
     tasks->Append(sixth->GetTask());
+    using Morphel::Task::TaskFilterSpec_ByTime, Morphel::Task::TaskFilterSpec_ByUsername;
+    Ref<TaskFilterSpec_ByTime> queued(new TaskFilterSpec_ByTime(
+        Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}));
+    Ref<TaskFilterSpec_ByUsername> ann(
+        new TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()));
     struct {
         std::function<void(TaskFilterSpec&)> set;
         std::vector<std::string> selected;
     } taskCases[] = {
         {[](TaskFilterSpec& f) { f.SetState(ArrayOf<TaskInfo::State>({TaskInfo::State::error}).Get()); },
          {"Task-4"}},
-        {[&](TaskFilterSpec& f) {
-             f.SetTimeRange(
-                 Ref<Morphel::Task::TaskFilterSpec_ByTime>(
-                     new Morphel::Task::TaskFilterSpec_ByTime(
-                         Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}))
-                     .Get());
-         },
-         {"Task-6", "Task-8", "Task-10"}},
-        {[](TaskFilterSpec& f) {
-             f.SetUserName(
-                 Ref<Morphel::Task::TaskFilterSpec_ByUsername>(
-                     new Morphel::Task::TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()))
-                     .Get());
-         },
-         {}},  // neither ann's nor the system's
+        {[&](TaskFilterSpec& f) { f.SetTimeRange(queued.Get()); }, {"Task-6", "Task-8", "Task-10"}},
+        {[&](TaskFilterSpec& f) { f.SetUserName(ann.Get()); }, {}},  // neither ann's nor the system's
         {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<std::string>({"other"}).Get()); }, {}},
         {[&](TaskFilterSpec& f) { f.SetJob(fifth->GetJob()); }, {"Task-6"}},
         {[&](TaskFilterSpec& f) { f.SetParentTask(tasks.Get()); }, {}},
@@ -166,6 +156,8 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         EXPECT_EQ(Ids(page.Get()), c.selected) << &c - taskCases;
     }
 
+    using Morphel::Server::Job::JobFilterSpec_ByTime;
+    Ref<JobFilterSpec_ByTime> since(new JobFilterSpec_ByTime("createdTime", fifth->GetCreationTime(), {}));
     struct {
         std::function<void(JobFilterSpec&)> set;
         std::vector<std::string> selected;
@@ -175,12 +167,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         {[](JobFilterSpec& f) { f.SetOwner("ann"); }, {}},
         {[](JobFilterSpec& f) { f.SetState(ArrayOf<std::string>({"suspended"}).Get()); },
          {"ConversionJob-3"}},
-        {[&](JobFilterSpec& f) {
-             f.SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
-                                new Morphel::Server::Job::JobFilterSpec_ByTime("createdTime",
-                                                                               fifth->GetCreationTime(), {}))
-                                .Get());
-         },
+        {[&](JobFilterSpec& f) { f.SetTimeRange(since.Get()); },
          {"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
     };
     Ref<Kitra::MoRef> ref;
@@ -193,15 +180,12 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
             ->ReadNext(10, jobs);
         EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
     }
+    since->SetTimeType("someTime");
     Ref<JobFilterSpec> unknownTime(new JobFilterSpec());
-    unknownTime->SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
-                                  new Morphel::Server::Job::JobFilterSpec_ByTime("someTime", {}, {}))
-                                  .Get());
-    EXPECT_EQ(ExpectFault<Kitra::Fault::InvalidArgument>(
-                  [&] { hosted.client.conversions->CreateCollector(unknownTime.Get(), ref); })
-                  ->GetInvalidProperty()
-                  .GetValue(),
-              "filter.timeRange.timeType");
+    unknownTime->SetTimeRange(since.Get());
+    auto unknown = ExpectFault<Kitra::Fault::InvalidArgument>(
+        [&] { hosted.client.conversions->CreateCollector(unknownTime.Get(), ref); });
+    EXPECT_EQ(unknown->GetInvalidProperty().GetValue(), "filter.timeRange.timeType");
 }
 
 }  // namespace

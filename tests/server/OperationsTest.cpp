@@ -339,17 +339,19 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
     Ref<ConversionJobInfo> created = CreateJob("nightly");
     auto job = Make<ConversionJobStub>(created->GetJob());
     Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
-    auto wrap = [&](Dovra::Scheduler::ScheduledTaskSpec* spec) {
-        return Ref<Morphel::Task::ScheduledTaskSpec>(new Morphel::Task::ScheduledTaskSpec(spec, nullptr));
+    Ref<Dovra::Scheduler::ScheduledTaskInfo> made;
+    auto create = [&](Ref<Dovra::Scheduler::ScheduledTaskSpec> spec, Kitra::MoRef* on = nullptr) {
+        Ref<Morphel::Task::ScheduledTaskSpec> wrapped(
+            new Morphel::Task::ScheduledTaskSpec(spec.Get(), nullptr));
+        scheduled_->Create(on != nullptr ? on : created->GetJob(), wrapped.Get(), made);
+        return Ref<Kitra::MoRef>(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
     };
 
     // Faults of create, get and reconfigure.
-    Ref<Dovra::Scheduler::ScheduledTaskInfo> made;
     Ref<Kitra::MoRef> unknown(new Kitra::MoRef("kodl.ManagedObject", "ScheduledTask-999"));
-    ExpectFault<Dovra::Fault::InvalidName>(
-        [&] { scheduled_->Create(created->GetJob(), wrap(Schedule("", InMillis(0)).Get()).Get(), made); });
+    ExpectFault<Dovra::Fault::InvalidName>([&] { create(Schedule("", InMillis(0))); });
     auto noJob = ExpectFault<Kitra::Fault::InvalidArgument>(
-        [&] { scheduled_->Create(unknown.Get(), wrap(Schedule("x", InMillis(0)).Get()).Get(), made); });
+        [&] { create(Schedule("x", InMillis(0)), unknown.Get()); });
     ASSERT_NE(noJob, nullptr);
     EXPECT_EQ(noJob->GetInvalidProperty().GetValue(), "obj");
     ExpectFault<Dovra::Fault::NotFound>([&] { Scheduled(unknown.Get()); });
@@ -358,14 +360,12 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
 
     // Due in a second, then every minute.
     Fundix::System::DateTime runAt = InMillis(1000);
-    scheduled_->Create(created->GetJob(), wrap(Schedule("every minute", runAt, 1).Get()).Get(), made);
-    Ref<Kitra::MoRef> ref(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
+    Ref<Kitra::MoRef> ref = create(Schedule("every minute", runAt, 1));
     EXPECT_EQ(made->GetState(), "scheduled");
     EXPECT_EQ(made->GetNextRunTime().GetValue(), runAt);
     EXPECT_EQ(JobInfo(job.Get())->GetNextRunStartTime().GetValue(), runAt);
-    auto duplicate = ExpectFault<Dovra::Fault::DuplicateName>([&] {
-        scheduled_->Create(created->GetJob(), wrap(Schedule("every minute", runAt).Get()).Get(), made);
-    });
+    auto duplicate =
+        ExpectFault<Dovra::Fault::DuplicateName>([&] { create(Schedule("every minute", runAt)); });
     ASSERT_NE(duplicate, nullptr);
     EXPECT_EQ(duplicate->GetObject()->GetId(), ref->GetId());
     Ref<ConversionJobInfo> fromScheduled;
@@ -389,8 +389,7 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
         [&] { scheduled_->Reconfigure(ref.Get(), Schedule("later", runAt).Get()); });
 
     // Due at once while the job's run is active: skipped, and done.
-    scheduled_->Create(created->GetJob(), wrap(Schedule("once", InMillis(-1000)).Get()).Get(), made);
-    Ref<Kitra::MoRef> once(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
+    Ref<Kitra::MoRef> once = create(Schedule("once", InMillis(-1000)));
     EXPECT_TRUE(Eventually([&] {
         auto messages = MessagesOf(created->GetJob());
         return std::find(messages.begin(), messages.end(),
@@ -414,10 +413,9 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
     // A job holds a bounded number of them.
     for (size_t i = 2; i < MorphelServer::kMaxScheduledTasksPerJob; ++i) {
         off->SetName("off " + std::to_string(i));
-        scheduled_->Create(created->GetJob(), wrap(off.Get()).Get(), made);
+        create(off);
     }
-    ExpectFault<Kitra::Fault::InvalidArgument>(
-        [&] { scheduled_->Create(created->GetJob(), wrap(Schedule("one more", runAt).Get()).Get(), made); });
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { create(Schedule("one more", runAt)); });
 
     // The job's scheduled tasks go with it.
     conversions_->DestroyJob(created->GetJob(), {});
