@@ -26,51 +26,40 @@ TEST(Collector, ReadsAHistoryShorterThanTheLatestPageAndGoesOnFromTheOldestEvent
     Served hosted(options);  // start, login: 1, 2
     auto collector = hosted.NewCollector();
     Ref<Kitra::DataArray<Event>> page;
+    using K = std::vector<int32_t>;
+    auto next = [&](int32_t n) { return collector->ReadNext(n, page), Keys(page.Get()); };
+    auto prev = [&](int32_t n) { return collector->ReadPrev(n, page), Keys(page.Get()); };
+    auto latest = [&] { return collector->GetLatestPage(page), Keys(page.Get()); };
     collector->SetLatestPageSize(5);
-    collector->GetLatestPage(page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
-    collector->ReadNext(1, page);
-    EXPECT_EQ(Keys(page.Get()), std::vector<int32_t>{1});
+    EXPECT_EQ(latest(), (K{1, 2}));
+    EXPECT_EQ(next(1), K{1});
     collector->Reset();  // before the latest page, which is the whole history
-    collector->ReadPrev(3, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
-    collector->ReadNext(10, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
+    EXPECT_EQ(prev(3), K{});
+    EXPECT_EQ(next(10), (K{1, 2}));
+    EXPECT_EQ(next(10), K{});
     collector->SetLatestPageSize(2);  // a page exactly as long as the history: the same
     collector->Reset();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
+    EXPECT_EQ(next(10), (K{1, 2}));
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->SetLatestPageSize(0); });
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
 
     // Unread events dropped from the bounded history: the collector goes on from the oldest one kept.
     collector->Rewind();
-    collector->ReadNext(1, page);
+    next(1);
     for (int i = 0; i < 2; ++i)  // 3 to 6
         hosted.OtherLogsInAndOut();
-    EXPECT_EQ(hosted.All(), (std::vector<int32_t>{3, 4, 5, 6}));
-    collector->ReadNext(2, page);  // 2, unread, is gone
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{3, 4}));
-    collector->ReadPrev(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{4, 3}));
-    collector->ReadPrev(10, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
-    collector->ReadNext(3, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{3, 4, 5}));
+    EXPECT_EQ(hosted.All(), (K{3, 4, 5, 6}));
+    EXPECT_EQ(next(2), (K{3, 4}));  // 2, unread, is gone
+    EXPECT_EQ(prev(10), (K{4, 3}));
+    EXPECT_EQ(prev(10), K{});
+    EXPECT_EQ(next(3), (K{3, 4, 5}));
     hosted.OtherLogsInAndOut();  // 7, 8: 3 and 4 go; the collector stands after 5
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
-    collector->SetLatestPageSize(2);
-    collector->GetLatestPage(page);  // the newest of a longer history
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
+    EXPECT_EQ(next(10), (K{6, 7, 8}));
+    EXPECT_EQ(latest(), (K{7, 8}));  // the newest of a longer history
     collector->Reset();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
+    EXPECT_EQ(next(10), (K{7, 8}));
     collector->Rewind();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{5, 6, 7, 8}));
+    EXPECT_EQ(next(10), (K{5, 6, 7, 8}));
 }
 
 TEST(Collector, EventsOlderThanTheAgeLimitGo) {

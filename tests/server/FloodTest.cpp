@@ -19,8 +19,7 @@ long ResidentKiB(pid_t pid) {
 }
 
 TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) {
-    // A cheap hash (SHA-512 crypt, 1000 rounds) for the account, so that the flood costs parsing, not
-    // hashing.
+    // A cheap hash (SHA-512 crypt, 1000 rounds): the flood costs parsing, not hashing.
     TempFolder folder;
     const std::string users = folder.path + "/users";
     std::ofstream(users) << "demo:$6$rounds=1000$floodsalt$jOujx/LRQIA3PN.KFynn6kQDowSG1Xj7P/"

@@ -1,6 +1,5 @@
-// The operations on jobs and tasks over HTTP: cancelling a task, suspending, stopping, resuming, renaming,
-// updating and destroying a job, what the task manager answers about a task, tasks of their own,
-// scheduled runs and log bundles.
+// The operations on jobs and tasks over HTTP: cancel, suspend, stop, resume, rename, update and destroy,
+// what the task manager answers, tasks of their own, scheduled runs and log bundles.
 #include <algorithm>
 
 #include <dovra/scheduler/types.h>

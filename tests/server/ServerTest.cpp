@@ -57,23 +57,10 @@ protected:
         params->GetCloningParams()->SetStorageParams(storage.Get());
         return params;
     }
-    static Ref<Morphel::Server::Conversion::ConversionJobSpec> JobSpec(
-        const std::string& name, Morphel::Params::ConversionParams* params) {
-        Ref<Morphel::Server::Conversion::ConversionJobSpec> spec = JobSpecOfThisMachine(name);
-        spec->SetConversionParams(params);
-        return spec;
-    }
 
     std::shared_ptr<MorphelServer::State> state_ = MorphelServer::NewMemoryState();
     Hosted hosted_{Options(state_)};
 };
-
-// The wire name of the method that `call` reports as not implemented, or empty (and a failure).
-template <class F>
-std::string NotImplemented(F&& call) {
-    auto fault = ExpectFault<Kitra::Fault::NotImplemented>(call);
-    return fault != nullptr ? fault->GetMethod() : std::string();
-}
 
 TEST_F(ServerTest, TypicalRequest) {
     Client c = Connect();
@@ -134,7 +121,9 @@ TEST_F(ServerTest, TypicalRequest) {
 
     // The job and its task, followed to the end, its progress never going back.
     Ref<Morphel::Server::Conversion::ConversionJobInfo> job;
-    c.conversions->CreateJob(JobSpec("first", Params(diskId, volumeId).Get()).Get(), nullptr, job);
+    auto spec = JobSpecOfThisMachine("first");
+    spec->SetConversionParams(Params(diskId, volumeId).Get());
+    c.conversions->CreateJob(spec.Get(), nullptr, job);
     EXPECT_EQ(job->GetOwner(), "demo");
     ASSERT_NE(job->GetActiveTask(), nullptr);
     auto task = c.Make<Morphel::Task::TaskStub>(job->GetActiveTask());
@@ -152,7 +141,7 @@ TEST_F(ServerTest, TypicalRequest) {
     c.Make<Morphel::Server::Conversion::ConversionJobStub>(job->GetJob())->GetInfo(after);
     EXPECT_EQ(after->GetActiveTask(), nullptr);
 
-    // The task's events through a collector: forwards, oldest first, then back, nearest first.
+    // The task's events through a collector of its chain.
     Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
     filter->SetEventChainId(info->GetEventChainId());
     Ref<Kitra::MoRef> ref;
@@ -171,9 +160,7 @@ TEST_F(ServerTest, TypicalRequest) {
     collector->Remove();
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { collector->Reset(); });
 
-    ExpectFault<Dovra::Fault::DuplicateName>([&] {
-        c.conversions->CreateJob(JobSpec("first", Params(diskId, volumeId).Get()).Get(), nullptr, job);
-    });
+    ExpectFault<Dovra::Fault::DuplicateName>([&] { c.CreateJob("first"); });
     // A session's collectors end with it.
     c.events->CreateCollector(filter.Get(), ref);
     c.sessions->Logout();
@@ -283,17 +270,16 @@ TEST_F(ServerTest, FaultsForWhatTheServiceCannotDo) {
     Client c = Connect("demo", "demo");
     // An operation the service does not implement names itself, under the type that declares it.
     Ref<Morphel::Info::ComputerOsInfo> os;
-    EXPECT_EQ(NotImplemented([&] { c.queries->QueryOsInfo(ThisMachine().Get(), nullptr, os); }),
-              "morphel.QueryManager.queryOsInfo");
+    auto missing = ExpectFault<Kitra::Fault::NotImplemented>(
+        [&] { c.queries->QueryOsInfo(ThisMachine().Get(), nullptr, os); });
+    EXPECT_EQ(missing->GetMethod(), "morphel.QueryManager.queryOsInfo");
     // Another machine cannot be described.
     Ref<Morphel::ComputerSpec> other = ThisMachine("elsewhere.invalid");
     Ref<Morphel::Info::ComputerHardwareInfo> hardware;
     auto fault = ExpectFault<Morphel::Fault::NoHostConnection>(
         [&] { c.queries->QueryComputerInfo(other.Get(), hardware); });
     EXPECT_EQ(fault->GetHostName(), "elsewhere.invalid");
-    Ref<Morphel::Server::Conversion::ConversionJobInfo> job;
-    ExpectFault<Dovra::Fault::InvalidName>(
-        [&] { c.conversions->CreateJob(JobSpec("", Params("a", "b").Get()).Get(), nullptr, job); });
+    ExpectFault<Dovra::Fault::InvalidName>([&] { c.CreateJob(""); });
     // The task manager's setting, checked and kept.
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { c.tasks->SetMaxTask(0); });
     c.tasks->SetMaxTask(7);

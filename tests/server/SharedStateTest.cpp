@@ -1,6 +1,5 @@
-// Several servers on one PostgreSQL database: a client logged in through one is known to the others, and
-// each (the program among them) serves the jobs, tasks, collectors and events another created. Skips when no
-// PostgreSQL can start.
+// Several servers on one PostgreSQL database (skipped when none can start): each, the program among them,
+// serves the sessions, jobs, tasks, collectors and events another created.
 #include <mutex>
 #include <set>
 
@@ -160,9 +159,7 @@ TEST_F(SharedState, ATaskWhoseServerEndedIsFailedByAnother) {
     EXPECT_EQ(task().info->GetState(), TaskInfo::State::queued);
 
     a.reset();
-    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-         task().info->GetState() == TaskInfo::State::queued && std::chrono::steady_clock::now() < deadline;)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Eventually([&] { return task().info->GetState() != TaskInfo::State::queued; });
     auto failed = task();
     ASSERT_EQ(failed.info->GetState(), TaskInfo::State::error);
     auto* fault = dynamic_cast<Morphel::Fault::CloneFault*>(failed.info->GetError());

@@ -1,6 +1,5 @@
-// What the server suite's tests share: expecting a fault of one class, waiting, a service hosted on loopback
-// and a client of it, this machine as a source and a job of it, a log bundle read back, and the program run
-// as a child process.
+// What the server suite's tests share: faults expected, waiting, a service hosted on loopback and its
+// client, this machine as a source, a log bundle read back, and the program run as a child process.
 #pragma once
 
 #include <poll.h>
@@ -329,21 +328,17 @@ public:
         text_.erase(0, end + 1);
         return line;
     }
-    // Sends `signal` and waits (up to 20 s) for the end; the wait status, or -1.
+    // Sends `signal` and waits (up to ten seconds, then kills) for the end; the wait status, or -1.
     int Kill(int signal) {
         kill(pid_, signal);
         int status = -1;
-        for (int i = 0; i < 200; ++i) {
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return status;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (!Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+            status = -1;
         }
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
         pid_ = -1;
-        return -1;
+        return status;
     }
 
 private:
