@@ -19,39 +19,34 @@ namespace {
 using Fundix::Ref;
 using Morphel::Task::TaskInfo;
 
+// A client of the server at `url` carrying the session `key`.
+Client WithSession(const std::string& url, const std::string& key) {
+    Client c(url, "");
+    c.adapter->SetSession(key);
+    return c;
+}
+
 // One server process's part: its own connections to the database, its service and HTTP server.
 struct Host {
     explicit Host(const std::string& conninfo,
-                  std::chrono::milliseconds stateCheckInterval = std::chrono::seconds(30))
-        : state(MorphelServer::NewPostgresState(conninfo)),
-          hosted(Options(state, stateCheckInterval), SessionsIn(conninfo)) {}
-    static MorphelServer::ServiceOptions Options(std::shared_ptr<MorphelServer::State> state,
-                                                 std::chrono::milliseconds stateCheckInterval) {
+                  std::chrono::milliseconds stateCheckInterval = std::chrono::seconds(30)) {
         MorphelServer::ServiceOptions options;
-        options.state = std::move(state);
+        options.state = state = MorphelServer::NewPostgresState(conninfo);
         options.conversionTime = std::chrono::hours(1);  // the task stays queued
         options.stateCheckInterval = stateCheckInterval;
-        return options;
-    }
-    static Kitra::Http::ServerOptions SessionsIn(const std::string& conninfo) {
-        Kitra::Http::ServerOptions options;
-        options.sessionStore = MorphelServer::NewPostgresSessionStore(
+        Kitra::Http::ServerOptions sessions;
+        sessions.sessionStore = MorphelServer::NewPostgresSessionStore(
             conninfo, {std::chrono::minutes(5), std::chrono::hours(1), 2});
-        return options;
+        hosted = std::make_unique<Hosted>(options, sessions);
     }
-    // A client of this server carrying the session `key`.
-    Client With(const std::string& key) {
-        Client c(hosted.Url(), "");
-        c.adapter->SetSession(key);
-        return c;
-    }
+    Client With(const std::string& key) { return WithSession(hosted->Url(), key); }
     std::string Login(const std::string& locale = "en") {
-        Client c(hosted.Url(), "");
+        Client c(hosted->Url(), "");
         c.sessions->Login("demo", "demo", Fundix::Optional<std::string>(locale), c.session);
         return c.adapter->GetSession();
     }
     std::shared_ptr<MorphelServer::State> state;
-    Hosted hosted;
+    std::unique_ptr<Hosted> hosted;
 };
 
 // Each test on a new database of the tests' cluster.
@@ -104,9 +99,7 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     // serves it to the client of the others.
     Program c({"--listen", "127.0.0.1:0", "--database", cluster.Uri(conninfo)});
     ASSERT_FALSE(c.Url().empty());
-    Client toC(c.Url(), "");
-    toC.adapter->SetSession(key);
-    toC.Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
+    WithSession(c.Url(), key).Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
     EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
 
     // Logged out through B: gone for A.
@@ -127,10 +120,9 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
 TEST_F(SharedState, AScheduledRunStartsOnce) {
     Host a(conninfo);
     auto spec = JobSpecOfThisMachine("once");
-    spec->SetFirstRun(
-        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'500'000));
+    spec->SetFirstRun(InMillis(1500));
     Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
-    Client(a.hosted.Url()).conversions->CreateJob(spec.Get(), nullptr, created);
+    Client(a.hosted->Url()).conversions->CreateJob(spec.Get(), nullptr, created);
     Host b(conninfo);  // its scheduler reads the due time at its start
     EXPECT_TRUE(Eventually([&] {
         return a.state->Run([&](MorphelServer::StateTransaction& tx) {
