@@ -162,6 +162,8 @@ TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     ExpectFault<Kitra::Fault::InvalidArgument>([&] { job->Stop(""); });
     job->Stop(kFail);  // no task is active any more
     EXPECT_EQ(JobInfo(job.Get())->GetState(), "deactivated");
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Resume(); });
+    ExpectFault<Dovra::Fault::InvalidState>([&] { job->Suspend(kCancel); });
 
     // Stopping a job whose task is active: refused, or the task cancelled.
     Ref<ConversionJobInfo> second = CreateJob("second");
