@@ -242,6 +242,10 @@ TEST_F(OperationsTest, RenameAndUpdatesCheckNamesAndKeepTheRest) {
     EXPECT_EQ(spec->GetName(), "eins");
     EXPECT_EQ(spec->GetDescription().GetValue(), "renamed twice");
     EXPECT_EQ(job->GetName(), "eins");
+    Ref<Morphel::Server::Job::JobInfo> asJob;  // the job answers as a job too
+    Make<Morphel::Server::Job::JobStub>(one->GetJob())->GetInfo(asJob);
+    ASSERT_NE(asJob, nullptr);
+    EXPECT_EQ(asJob->GetKey(), one->GetKey());
 
     // The extra information is replaced, the previous one returned.
     Ref<Kitra::Any> previous;
@@ -313,6 +317,9 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     tasks_->GetTaskSpec(created->GetActiveTask(), spec);
     ASSERT_NE(spec, nullptr);
     EXPECT_TRUE(spec->GetTarget()->_IsEqual(created->GetTargetVm(), false));
+    Ref<Morphel::Task::TaskSpec> property;  // the same through the task itself
+    Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetSpec(property);
+    EXPECT_TRUE(property != nullptr && property->_IsEqual(spec.Get(), false));
     ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetTaskSpec(unknown.Get(), spec); });
     ExpectFault<Dovra::Fault::NotFound>([&] { TaskOf(unknown.Get()); });
 

@@ -81,6 +81,9 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     toA.Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
     EXPECT_EQ(task->GetKey(), created->GetActiveTask()->GetId());
     EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
+    Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
+    toA.Make<Morphel::Server::Conversion::ConversionJobStub>(created->GetJob())->GetSpec(spec);
+    EXPECT_EQ(spec->GetName(), "shared");
 
     // The same events through either, and a collector made through B read through A.
     auto keys = Keys(toA.Events().Get());
