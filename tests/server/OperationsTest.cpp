@@ -355,7 +355,6 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
         return Ref<Kitra::MoRef>(new Kitra::MoRef("kodl.ManagedObject", made->GetKey()));
     };
 
-    // Faults of create, get and reconfigure.
     Ref<Kitra::MoRef> unknown(new Kitra::MoRef("kodl.ManagedObject", "ScheduledTask-999"));
     ExpectFault<Dovra::Fault::InvalidName>([&] { create(Schedule("", InMillis(0))); });
     auto noJob = ExpectFault<Kitra::Fault::InvalidArgument>(
