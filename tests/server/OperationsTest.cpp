@@ -539,11 +539,9 @@ TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     EXPECT_EQ(FromBase64(diagnostics->RetrieveTaskLogBundle(key, info->GetSize() - 7, 100)),
               bytes.substr(bytes.size() - 7));
     EXPECT_EQ(diagnostics->RetrieveTaskLogBundle(key, info->GetSize(), 100), "");
-    EXPECT_EQ(
-        ExpectFault<Kitra::Fault::InvalidArgument>([&] { diagnostics->RetrieveTaskLogBundle(key, -1, 100); })
-            ->GetInvalidProperty()
-            .GetValue(),
-        "offset");
+    auto before =
+        ExpectFault<Kitra::Fault::InvalidArgument>([&] { diagnostics->RetrieveTaskLogBundle(key, -1, 100); });
+    EXPECT_EQ(before->GetInvalidProperty().GetValue(), "offset");
 
     // A zip archive whose one file holds a line for each of the task's events; the crc covers the archive.
     Ref<Kitra::DataArray<Morphel::Event::Event>> events;
