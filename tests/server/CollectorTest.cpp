@@ -1,9 +1,5 @@
-// History collectors over a history shorter than their latest page: the latest page is the whole
-// history, and reset stands before its oldest event rather than before the start of time; over a
-// bounded history, whose oldest events go while collectors read it; and collectors of tasks and jobs,
-// in the order of their creation, as each filter selects them.
-#include <morphel/server/job/types.h>
-
+// History collectors over a history shorter than their latest page (reset stands before its oldest event),
+// over a bounded history whose oldest events go while they read it, and of tasks and jobs as filters select.
 #include "Support.h"
 
 namespace {
@@ -15,10 +11,7 @@ using Morphel::Event::Event;
 struct Served {
     explicit Served(MorphelServer::ServiceOptions options) : hosted(options), client(hosted.Url()) {}
     Ref<Morphel::Event::EventHistoryCollectorStub> NewCollector() {
-        Ref<Kitra::MoRef> ref;
-        client.events->CreateCollector(
-            Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
-        return client.Make<Morphel::Event::EventHistoryCollectorStub>(ref.Get());
+        return client.Make<Morphel::Event::EventHistoryCollectorStub>(client.NewCollector().Get());
     }
     // Two events, a login and a logout, of another client: the collectors of this one's session stay.
     void OtherLogsInAndOut() { Client(hosted.Url()).sessions->Logout(); }
@@ -27,62 +20,46 @@ struct Served {
     Client client;
 };
 
-TEST(Collector, ResetWhenTheHistoryIsShorterThanTheLatestPage) {
-    Served hosted({});  // start, login: 1, 2
-    auto collector = hosted.NewCollector();
-    Ref<Kitra::DataArray<Event>> page;
-    collector->SetLatestPageSize(5);
-    collector->GetLatestPage(page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
-    collector->ReadNext(1, page);
-    EXPECT_EQ(Keys(page.Get()), std::vector<int32_t>{1});
-    collector->Reset();  // before the latest page, which is the whole history
-    collector->ReadPrev(3, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
-    collector->ReadNext(10, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
-    // A page exactly as long as the history: the same.
-    collector->SetLatestPageSize(2);
-    collector->Reset();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{1, 2}));
-    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->SetLatestPageSize(0); });
-    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
-}
-
-TEST(Collector, GoesOnFromTheOldestEventKeptWhenItsUnreadEventsWereDropped) {
+TEST(Collector, ReadsAHistoryShorterThanTheLatestPageAndGoesOnFromTheOldestEventKept) {
     MorphelServer::ServiceOptions options;
     options.maxEvents = 4;
     Served hosted(options);  // start, login: 1, 2
     auto collector = hosted.NewCollector();
     Ref<Kitra::DataArray<Event>> page;
-    collector->ReadNext(1, page);
-    EXPECT_EQ(Keys(page.Get()), std::vector<int32_t>{1});
+    using K = std::vector<int32_t>;
+    auto next = [&](int32_t n) { return collector->ReadNext(n, page), Keys(page.Get()); };
+    auto prev = [&](int32_t n) { return collector->ReadPrev(n, page), Keys(page.Get()); };
+    auto latest = [&] { return collector->GetLatestPage(page), Keys(page.Get()); };
+    collector->SetLatestPageSize(5);
+    EXPECT_EQ(latest(), (K{1, 2}));
+    EXPECT_EQ(next(1), K{1});
+    collector->Reset();  // before the latest page, which is the whole history
+    EXPECT_EQ(prev(3), K{});
+    EXPECT_EQ(next(10), (K{1, 2}));
+    EXPECT_EQ(next(10), K{});
+    collector->SetLatestPageSize(2);  // a page exactly as long as the history: the same
+    collector->Reset();
+    EXPECT_EQ(next(10), (K{1, 2}));
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->SetLatestPageSize(0); });
+    ExpectFault<Kitra::Fault::InvalidArgument>([&] { collector->ReadNext(0, page); });
+
+    // Unread events dropped from the bounded history: the collector goes on from the oldest one kept.
+    collector->Rewind();
+    next(1);
     for (int i = 0; i < 2; ++i)  // 3 to 6
         hosted.OtherLogsInAndOut();
-    EXPECT_EQ(hosted.All(), (std::vector<int32_t>{3, 4, 5, 6}));
-    collector->ReadNext(2, page);  // 2, unread, is gone
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{3, 4}));
-    collector->ReadPrev(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{4, 3}));
-    collector->ReadPrev(10, page);
-    EXPECT_TRUE(Keys(page.Get()).empty());
-    collector->ReadNext(3, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{3, 4, 5}));
+    EXPECT_EQ(hosted.All(), (K{3, 4, 5, 6}));
+    EXPECT_EQ(next(2), (K{3, 4}));  // 2, unread, is gone
+    EXPECT_EQ(prev(10), (K{4, 3}));
+    EXPECT_EQ(prev(10), K{});
+    EXPECT_EQ(next(3), (K{3, 4, 5}));
     hosted.OtherLogsInAndOut();  // 7, 8: 3 and 4 go; the collector stands after 5
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{6, 7, 8}));
-    collector->SetLatestPageSize(2);
-    collector->GetLatestPage(page);  // the newest of a longer history
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
+    EXPECT_EQ(next(10), (K{6, 7, 8}));
+    EXPECT_EQ(latest(), (K{7, 8}));  // the newest of a longer history
     collector->Reset();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{7, 8}));
+    EXPECT_EQ(next(10), (K{7, 8}));
     collector->Rewind();
-    collector->ReadNext(10, page);
-    EXPECT_EQ(Keys(page.Get()), (std::vector<int32_t>{5, 6, 7, 8}));
+    EXPECT_EQ(next(10), (K{5, 6, 7, 8}));
 }
 
 TEST(Collector, EventsOlderThanTheAgeLimitGo) {
@@ -120,15 +97,12 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     MorphelServer::ServiceOptions options;
     options.conversionTime = std::chrono::hours(1);  // the runs go on while the test reads
     Served hosted(options);
-    Ref<ConversionJobInfo> created, fifth;
-    for (int i = 0; i < 5; ++i) {  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
-        hosted.client.conversions->CreateJob(JobSpecOfThisMachine("job" + std::to_string(i)).Get(), nullptr,
-                                             created);
-        if (i == 2) fifth = created;
-    }
-    Morphel::Task::TaskStub("Task-4", hosted.client.adapter.Get(), nullptr).Cancel();
-    Morphel::Server::Conversion::ConversionJobStub("ConversionJob-3", hosted.client.adapter.Get(), nullptr)
-        .Suspend("failIfActiveTask");
+    Ref<ConversionJobInfo> fifth;
+    for (int i = 0; i < 5; ++i)  // ConversionJob-1, Task-2, ... Task-10: past 9, the text's order is not
+        if (auto created = hosted.client.CreateJob("job" + std::to_string(i)); i == 2) fifth = created;
+    hosted.client.Make<Morphel::Task::TaskStub>("Task-4")->Cancel();
+    hosted.client.Make<Morphel::Server::Conversion::ConversionJobStub>("ConversionJob-3")
+        ->Suspend("failIfActiveTask");
     Ref<TaskInfo> sixth;
     hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
 
@@ -136,8 +110,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     auto read = [&](Ref<TaskFilterSpec> filter) {
         Ref<Kitra::MoRef> ref;
         hosted.client.tasks->CreateCollector(filter.Get(), ref);
-        return Ref<Morphel::Task::TaskHistoryCollectorStub>(
-            new Morphel::Task::TaskHistoryCollectorStub(ref->GetId(), hosted.client.adapter.Get(), nullptr));
+        return hosted.client.Make<Morphel::Task::TaskHistoryCollectorStub>(ref.Get());
     };
     auto all = read(new TaskFilterSpec());
     all->ReadNext(10, page);
@@ -147,27 +120,19 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
 
     Ref<Kitra::DataArray<Kitra::MoRef>> tasks(new Kitra::DataArray<Kitra::MoRef>());
     tasks->Append(sixth->GetTask());
+    using Morphel::Task::TaskFilterSpec_ByTime, Morphel::Task::TaskFilterSpec_ByUsername;
+    Ref<TaskFilterSpec_ByTime> queued(new TaskFilterSpec_ByTime(
+        Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}));
+    Ref<TaskFilterSpec_ByUsername> ann(
+        new TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()));
     struct {
         std::function<void(TaskFilterSpec&)> set;
         std::vector<std::string> selected;
     } taskCases[] = {
         {[](TaskFilterSpec& f) { f.SetState(ArrayOf<TaskInfo::State>({TaskInfo::State::error}).Get()); },
          {"Task-4"}},
-        {[&](TaskFilterSpec& f) {
-             f.SetTimeRange(
-                 Ref<Morphel::Task::TaskFilterSpec_ByTime>(
-                     new Morphel::Task::TaskFilterSpec_ByTime(
-                         Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}))
-                     .Get());
-         },
-         {"Task-6", "Task-8", "Task-10"}},
-        {[](TaskFilterSpec& f) {
-             f.SetUserName(
-                 Ref<Morphel::Task::TaskFilterSpec_ByUsername>(
-                     new Morphel::Task::TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()))
-                     .Get());
-         },
-         {}},  // neither ann's nor the system's
+        {[&](TaskFilterSpec& f) { f.SetTimeRange(queued.Get()); }, {"Task-6", "Task-8", "Task-10"}},
+        {[&](TaskFilterSpec& f) { f.SetUserName(ann.Get()); }, {}},  // neither ann's nor the system's
         {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<std::string>({"other"}).Get()); }, {}},
         {[&](TaskFilterSpec& f) { f.SetJob(fifth->GetJob()); }, {"Task-6"}},
         {[&](TaskFilterSpec& f) { f.SetParentTask(tasks.Get()); }, {}},
@@ -180,6 +145,8 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         EXPECT_EQ(Ids(page.Get()), c.selected) << &c - taskCases;
     }
 
+    using Morphel::Server::Job::JobFilterSpec_ByTime;
+    Ref<JobFilterSpec_ByTime> since(new JobFilterSpec_ByTime("createdTime", fifth->GetCreationTime(), {}));
     struct {
         std::function<void(JobFilterSpec&)> set;
         std::vector<std::string> selected;
@@ -189,12 +156,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         {[](JobFilterSpec& f) { f.SetOwner("ann"); }, {}},
         {[](JobFilterSpec& f) { f.SetState(ArrayOf<std::string>({"suspended"}).Get()); },
          {"ConversionJob-3"}},
-        {[&](JobFilterSpec& f) {
-             f.SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
-                                new Morphel::Server::Job::JobFilterSpec_ByTime("createdTime",
-                                                                               fifth->GetCreationTime(), {}))
-                                .Get());
-         },
+        {[&](JobFilterSpec& f) { f.SetTimeRange(since.Get()); },
          {"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
     };
     Ref<Kitra::MoRef> ref;
@@ -203,20 +165,16 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         Ref<JobFilterSpec> filter(new JobFilterSpec());
         c.set(*filter);
         hosted.client.conversions->CreateCollector(filter.Get(), ref);
-        Morphel::Server::Conversion::ConversionJobHistoryCollectorStub(ref->GetId(),
-                                                                       hosted.client.adapter.Get(), nullptr)
-            .ReadNext(10, jobs);
+        hosted.client.Make<Morphel::Server::Conversion::ConversionJobHistoryCollectorStub>(ref.Get())
+            ->ReadNext(10, jobs);
         EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
     }
+    since->SetTimeType("someTime");
     Ref<JobFilterSpec> unknownTime(new JobFilterSpec());
-    unknownTime->SetTimeRange(Ref<Morphel::Server::Job::JobFilterSpec_ByTime>(
-                                  new Morphel::Server::Job::JobFilterSpec_ByTime("someTime", {}, {}))
-                                  .Get());
-    EXPECT_EQ(ExpectFault<Kitra::Fault::InvalidArgument>(
-                  [&] { hosted.client.conversions->CreateCollector(unknownTime.Get(), ref); })
-                  ->GetInvalidProperty()
-                  .GetValue(),
-              "filter.timeRange.timeType");
+    unknownTime->SetTimeRange(since.Get());
+    auto unknown = ExpectFault<Kitra::Fault::InvalidArgument>(
+        [&] { hosted.client.conversions->CreateCollector(unknownTime.Get(), ref); });
+    EXPECT_EQ(unknown->GetInvalidProperty().GetValue(), "filter.timeRange.timeType");
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <atomic>
 #include <fstream>
 
-#include <morphel/server/job/types.h>
-
 #include "Support.h"
 
 namespace {
@@ -20,34 +18,17 @@ long ResidentKiB(pid_t pid) {
     return -1;
 }
 
-// A collector of events (0), tasks (1) or jobs (2) for the client `c`.
-Ref<Kitra::MoRef> NewCollector(Client& c, int kind) {
-    Ref<Kitra::MoRef> ref;
-    if (kind == 0)
-        c.events->CreateCollector(
-            Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), ref);
-    else if (kind == 1)
-        c.tasks->CreateCollector(
-            Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(), ref);
-    else
-        c.conversions->CreateCollector(
-            Ref<Morphel::Server::Job::JobFilterSpec>(new Morphel::Server::Job::JobFilterSpec()).Get(), ref);
-    return ref;
-}
-
 TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) {
-    // A cheap hash (SHA-512 crypt, 1000 rounds) for the account, so that the flood costs parsing, not
-    // hashing.
-    char users[] = "/tmp/morphel-flood-XXXXXX";
-    int fd = mkstemp(users);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    // A cheap hash (SHA-512 crypt, 1000 rounds): the flood costs parsing, not hashing.
+    TempFolder folder;
+    const std::string users = folder.path + "/users";
     std::ofstream(users) << "demo:$6$rounds=1000$floodsalt$jOujx/LRQIA3PN.KFynn6kQDowSG1Xj7P/"
                             "SfeXmYTZmdnDJXGmKDTIfHaZRL2mIA9m0C26k6JViP7w/Zs8tlZ.:*\n";
     Program server({"--listen", "127.0.0.1:0", "--memory", "--users", users});
-    unlink(users);
     ASSERT_FALSE(server.Url().empty());
     Client a(server.Url()), b(server.Url(), "");
+    std::string line = server.NextLine();  // each request logged
+    EXPECT_NE(line.find("morphel.SessionManager.login 200"), std::string::npos) << line;
     const long start = ResidentKiB(server.Pid());
     ASSERT_GT(start, 0);
 
@@ -74,13 +55,12 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     // and cannot reach the hoarder's.
     std::vector<Ref<Kitra::MoRef>> hoard;
     for (int i = 0; i < 32; ++i)
-        hoard.push_back(NewCollector(a, i % 3));
+        hoard.push_back(a.NewCollector(i % 3));
     for (int kind = 0; kind < 3; ++kind)
-        ExpectFault<Dovra::Fault::InvalidState>([&] { NewCollector(a, kind); });
+        ExpectFault<Dovra::Fault::InvalidState>([&] { a.NewCollector(kind); });
     b.Login("demo", "demo");
-    auto own = NewCollector(b, 1);
     Ref<Kitra::DataArray<Morphel::Task::TaskInfo>> page;
-    Morphel::Task::TaskHistoryCollectorStub(own->GetId(), b.adapter.Get(), nullptr).ReadNext(1, page);
+    b.Make<Morphel::Task::TaskHistoryCollectorStub>(b.NewCollector(1).Get())->ReadNext(1, page);
     auto theirs = b.Make<Morphel::Task::TaskHistoryCollectorStub>(hoard[1].Get());
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>([&] { theirs->ReadNext(1, page); });
     ExpectFault<Dovra::Fault::NotFound>([&] { theirs->Remove(); });

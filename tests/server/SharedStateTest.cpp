@@ -1,6 +1,5 @@
-// Several servers on one PostgreSQL database: a client logged in through one is known to the others, and
-// each (the program among them) serves the jobs, tasks, collectors and events another created. Skips when no
-// PostgreSQL can start.
+// Several servers on one PostgreSQL database (skipped when none can start): each, the program among them,
+// serves the sessions, jobs, tasks, collectors and events another created.
 #include <mutex>
 #include <set>
 
@@ -20,39 +19,34 @@ namespace {
 using Fundix::Ref;
 using Morphel::Task::TaskInfo;
 
+// A client of the server at `url` carrying the session `key`.
+Client WithSession(const std::string& url, const std::string& key) {
+    Client c(url, "");
+    c.adapter->SetSession(key);
+    return c;
+}
+
 // One server process's part: its own connections to the database, its service and HTTP server.
 struct Host {
     explicit Host(const std::string& conninfo,
-                  std::chrono::milliseconds stateCheckInterval = std::chrono::seconds(30))
-        : state(MorphelServer::NewPostgresState(conninfo)),
-          hosted(Options(state, stateCheckInterval), SessionsIn(conninfo)) {}
-    static MorphelServer::ServiceOptions Options(std::shared_ptr<MorphelServer::State> state,
-                                                 std::chrono::milliseconds stateCheckInterval) {
+                  std::chrono::milliseconds stateCheckInterval = std::chrono::seconds(30)) {
         MorphelServer::ServiceOptions options;
-        options.state = std::move(state);
+        options.state = state = MorphelServer::NewPostgresState(conninfo);
         options.conversionTime = std::chrono::hours(1);  // the task stays queued
         options.stateCheckInterval = stateCheckInterval;
-        return options;
-    }
-    static Kitra::Http::ServerOptions SessionsIn(const std::string& conninfo) {
-        Kitra::Http::ServerOptions options;
-        options.sessionStore = MorphelServer::NewPostgresSessionStore(
+        Kitra::Http::ServerOptions sessions;
+        sessions.sessionStore = MorphelServer::NewPostgresSessionStore(
             conninfo, {std::chrono::minutes(5), std::chrono::hours(1), 2});
-        return options;
+        hosted = std::make_unique<Hosted>(options, sessions);
     }
-    // A client of this server carrying the session `key`.
-    Client With(const std::string& key) {
-        Client c(hosted.Url(), "");
-        c.adapter->SetSession(key);
-        return c;
-    }
+    Client With(const std::string& key) { return WithSession(hosted->Url(), key); }
     std::string Login(const std::string& locale = "en") {
-        Client c(hosted.Url(), "");
+        Client c(hosted->Url(), "");
         c.sessions->Login("demo", "demo", Fundix::Optional<std::string>(locale), c.session);
         return c.adapter->GetSession();
     }
     std::shared_ptr<MorphelServer::State> state;
-    Hosted hosted;
+    std::unique_ptr<Hosted> hosted;
 };
 
 // Each test on a new database of the tests' cluster.
@@ -90,24 +84,17 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     Ref<Morphel::Server::Conversion::ConversionJobSpec> spec;
     toA.Make<Morphel::Server::Conversion::ConversionJobStub>(created->GetJob())->GetSpec(spec);
     EXPECT_EQ(spec->GetName(), "shared");
-    ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
-        [&] { toA.Make<Morphel::Task::TaskStub>("Task-999")->GetInfo(task); });
 
     // The same events through either, and a collector made through B read through A.
     auto keys = Keys(toA.Events().Get());
     EXPECT_EQ(Keys(toB.Events().Get()), keys);
     EXPECT_GE(keys.size(), 4u);  // two starts, the login, the job's creation
-    Ref<Kitra::MoRef> collector;
-    toB.events->CreateCollector(
-        Ref<Morphel::Event::EventFilterSpec>(new Morphel::Event::EventFilterSpec()).Get(), collector);
     Ref<Kitra::DataArray<Morphel::Event::Event>> page;
-    toA.Make<Morphel::Event::EventHistoryCollectorStub>(collector.Get())->ReadNext(100, page);
+    toA.Make<Morphel::Event::EventHistoryCollectorStub>(toB.NewCollector(0).Get())->ReadNext(100, page);
     EXPECT_EQ(page->GetLength(), keys.size());
     // A task collector too: served by A as what it is.
-    toB.tasks->CreateCollector(Ref<Morphel::Task::TaskFilterSpec>(new Morphel::Task::TaskFilterSpec()).Get(),
-                               collector);
     Ref<Kitra::DataArray<TaskInfo>> tasks;
-    toA.Make<Morphel::Task::TaskHistoryCollectorStub>(collector.Get())->ReadNext(10, tasks);
+    toA.Make<Morphel::Task::TaskHistoryCollectorStub>(toB.NewCollector(1).Get())->ReadNext(10, tasks);
     ASSERT_EQ(tasks->GetLength(), 1u);
     EXPECT_EQ(tasks->Get(0)->GetKey(), task->GetKey());
 
@@ -115,9 +102,7 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
     // serves it to the client of the others.
     Program c({"--listen", "127.0.0.1:0", "--database", cluster.Uri(conninfo)});
     ASSERT_FALSE(c.Url().empty());
-    Client toC(c.Url(), "");
-    toC.adapter->SetSession(key);
-    toC.Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
+    WithSession(c.Url(), key).Make<Morphel::Task::TaskStub>(created->GetActiveTask())->GetInfo(task);
     EXPECT_EQ(task->GetState(), TaskInfo::State::queued);
 
     // Logged out through B: gone for A.
@@ -138,10 +123,9 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
 TEST_F(SharedState, AScheduledRunStartsOnce) {
     Host a(conninfo);
     auto spec = JobSpecOfThisMachine("once");
-    spec->SetFirstRun(
-        Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() + 1'500'000));
+    spec->SetFirstRun(InMillis(1500));
     Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
-    Client(a.hosted.Url()).conversions->CreateJob(spec.Get(), nullptr, created);
+    Client(a.hosted->Url()).conversions->CreateJob(spec.Get(), nullptr, created);
     Host b(conninfo);  // its scheduler reads the due time at its start
     EXPECT_TRUE(Eventually([&] {
         return a.state->Run([&](MorphelServer::StateTransaction& tx) {
@@ -170,9 +154,7 @@ TEST_F(SharedState, ATaskWhoseServerEndedIsFailedByAnother) {
     EXPECT_EQ(task().info->GetState(), TaskInfo::State::queued);
 
     a.reset();
-    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-         task().info->GetState() == TaskInfo::State::queued && std::chrono::steady_clock::now() < deadline;)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Eventually([&] { return task().info->GetState() != TaskInfo::State::queued; });
     auto failed = task();
     ASSERT_EQ(failed.info->GetState(), TaskInfo::State::error);
     auto* fault = dynamic_cast<Morphel::Fault::CloneFault*>(failed.info->GetError());
@@ -225,12 +207,7 @@ TEST_F(SharedState, StoresOnOneDatabaseNumberOnceAndSeeEachOthersEvents) {
         });
     };
     auto keys = [](MorphelServer::State& state) {
-        return state.Run([](MorphelServer::StateTransaction& tx) {
-            std::vector<int32_t> keys;
-            for (const auto& e : tx.SelectEvents(nullptr))
-                keys.push_back(e->GetKey());
-            return keys;
-        });
+        return state.Run([](MorphelServer::StateTransaction& tx) { return Keys(tx.SelectEvents(nullptr)); });
     };
     append(*a, 3);
     EXPECT_EQ(keys(*b), (std::vector<int32_t>{1, 2, 3}));

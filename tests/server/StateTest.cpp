@@ -1,7 +1,5 @@
-// The state stores, in memory, in a database file and in PostgreSQL (skipped when no PostgreSQL can start,
-// see Postgres.h): keys, records as they were put, recent tasks, the bounded event history and collectors
-// by owner, as every store must keep them; a throwing transaction rolled back by the file and PostgreSQL;
-// and what only the file does: it reads older versions and fails clearly.
+// The state stores, in memory, in a database file and in PostgreSQL (skipped when none can start): what
+// every store keeps, a throwing transaction rolled back, and the file's older versions and failures.
 #include <sqlite3.h>
 
 #include <fstream>
@@ -18,13 +16,6 @@ namespace {
 using Fundix::Ref;
 using Fundix::System::DateTime;
 using MorphelServer::StateTransaction;
-
-std::vector<int32_t> Keys(const std::vector<Ref<Morphel::Event::Event>>& events) {
-    std::vector<int32_t> keys;
-    for (const auto& e : events)
-        keys.push_back(e->GetKey());
-    return keys;
-}
 
 Ref<Morphel::Event::Event> EventAt(int64_t micros) {
     Ref<Morphel::Event::Event> e(new Morphel::Event::GeneralEvent());
@@ -112,7 +103,6 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.JobIds(), std::vector<std::string>{"ConversionJob-1"});
         EXPECT_TRUE(tx.EraseJob("ConversionJob-1"));
         EXPECT_FALSE(tx.EraseJob("ConversionJob-1"));
-        EXPECT_FALSE(tx.FindJob("ConversionJob-1").has_value());
 
         // A task's whole record: state, progress, result and error.
         MorphelServer::TaskRecord task = Task("Task-2");
@@ -143,14 +133,12 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.FindCollector("c")->after, 0);  // a copy: only a put changes the state
         tx.PutCollector("c", collector);
         EXPECT_EQ(tx.FindCollector("c")->after, 7);
-        EXPECT_EQ(tx.FindCollector("c")->owner, "session-a");
         collector.owner = "session-b";
         tx.PutCollector("d", collector);
         tx.PutCollector("e", collector);
         EXPECT_EQ(tx.CountCollectors(), 3u);
         EXPECT_EQ(tx.CollectorIdsOf("session-a"), std::vector<std::string>{"c"});
         EXPECT_EQ(tx.CollectorIdsOf("session-b"), (std::vector<std::string>{"d", "e"}));
-        EXPECT_TRUE(tx.CollectorIdsOf("session-c").empty());
         EXPECT_TRUE(tx.EraseCollector("c"));
         EXPECT_EQ(tx.CountCollectors(), 2u);
         EXPECT_EQ(tx.CollectorIds(), (std::vector<std::string>{"d", "e"}));
@@ -228,7 +216,6 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
                   -7);
         EXPECT_TRUE(tx.EraseLogBundle("bundle-9"));
         EXPECT_FALSE(tx.EraseLogBundle("bundle-9"));
-        EXPECT_FALSE(tx.FindLogBundle("bundle-9").has_value());
         EXPECT_EQ(tx.LogBundleKeys(), std::vector<std::string>{"bundle-10"});
     });
     // Values come out of Run as the transaction returned them.
@@ -255,11 +242,9 @@ TEST_P(StateTest, DropsTheOldestEventsByCountAndAge) {
         EXPECT_EQ(tx.AppendEvent(EventAt(700).Get()), 8);
     });
     state.reset();
-    state = Open();
-    if (std::string(GetParam()) == "sqlite") {
-        EXPECT_EQ(state->Run([](StateTransaction& tx) { return Keys(tx.SelectEvents(nullptr)); }),
-                  std::vector<int32_t>{8});
-    }
+    if (std::string(GetParam()) != "sqlite") return;  // the file keeps where its keys stand
+    EXPECT_EQ(Open()->Run([](StateTransaction& tx) { return Keys(tx.SelectEvents(nullptr)); }),
+              std::vector<int32_t>{8});
 }
 
 TEST_P(StateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReopening) {
@@ -283,15 +268,14 @@ TEST_P(StateTest, AThrowingTransactionLeavesNothingAndACommittedOneSurvivesReope
         throw std::logic_error("no");
     }),
                  std::logic_error);
-    auto check = [](StateTransaction& tx) {
+    state->Transact([](StateTransaction& tx) {
         EXPECT_EQ(tx.NextId(), 1);
         EXPECT_EQ(tx.GetMaxTask(), 100);
         EXPECT_FALSE(tx.FindJob("j").has_value());
         EXPECT_EQ(tx.CollectorIds(), std::vector<std::string>{"kept"});
         EXPECT_EQ(Keys(tx.SelectEvents(nullptr)), std::vector<int32_t>{1});
         EXPECT_EQ(tx.AppendEvent(EventAt(300).Get()), 2);
-    };
-    state->Transact(check);
+    });
     state.reset();
     state = Open();
     state->Transact([](StateTransaction& tx) {

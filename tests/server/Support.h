@@ -1,6 +1,5 @@
-// What the server suite's tests share: expecting a fault of one class, waiting, a service hosted on loopback
-// and a client of it, this machine as a source and a job of it, a log bundle read back, and the program run
-// as a child process.
+// What the server suite's tests share: faults expected, waiting, a service hosted on loopback and its
+// client, this machine as a source, a log bundle read back, and the program run as a child process.
 #pragma once
 
 #include <poll.h>
@@ -32,6 +31,7 @@
 #include <morphel/event/types.h>
 #include <morphel/params/types.h>
 #include <morphel/server/conversion/types.h>
+#include <morphel/server/job/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
@@ -74,6 +74,12 @@ inline Fundix::Ref<Morphel::ComputerSpec> ThisMachine(std::string host = "") {
         Fundix::Ref<Morphel::ComputerSpec::LiveComputerLocation>(
             new Morphel::ComputerSpec::LiveComputerLocation(host, {}, {}, {}, "linux", {}, {}))
             .Get());
+}
+
+// The time `millis` ms from now.
+inline Fundix::System::DateTime InMillis(int64_t millis) {
+    return Fundix::System::DateTime::FromUtcMicros(Fundix::System::DateTime::Now().GetUtcMicros() +
+                                                   millis * 1000);
 }
 
 // Whether `done` holds within ten seconds.
@@ -162,6 +168,17 @@ struct Client {
         conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
         return created;
     }
+    // A collector of every event (kind 0), task (1) or job (2).
+    Fundix::Ref<Kitra::MoRef> NewCollector(int kind = 0) {
+        Fundix::Ref<Morphel::Event::EventFilterSpec> e(new Morphel::Event::EventFilterSpec());
+        Fundix::Ref<Morphel::Task::TaskFilterSpec> t(new Morphel::Task::TaskFilterSpec());
+        Fundix::Ref<Morphel::Server::Job::JobFilterSpec> j(new Morphel::Server::Job::JobFilterSpec());
+        Fundix::Ref<Kitra::MoRef> ref;
+        if (kind == 0) events->CreateCollector(e.Get(), ref);
+        if (kind == 1) tasks->CreateCollector(t.Get(), ref);
+        if (kind == 2) conversions->CreateCollector(j.Get(), ref);
+        return ref;
+    }
     // The events `filter` selects (all when null).
     Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Events(
         Morphel::Event::EventFilterSpec* filter = nullptr) {
@@ -181,11 +198,17 @@ struct Client {
     Fundix::Ref<Morphel::Task::ScheduledTaskManagerStub> scheduled;
 };
 
-// The keys of the events on `page`.
+// The keys of the events on `page`, or in `events`.
 inline std::vector<int32_t> Keys(Kitra::DataArray<Morphel::Event::Event>* page) {
     std::vector<int32_t> out;
     for (size_t i = 0; page != nullptr && i < page->GetLength(); ++i)
         out.push_back(page->Get(i)->GetKey());
+    return out;
+}
+inline std::vector<int32_t> Keys(const std::vector<Fundix::Ref<Morphel::Event::Event>>& events) {
+    std::vector<int32_t> out;
+    for (const auto& e : events)
+        out.push_back(e->GetKey());
     return out;
 }
 
@@ -305,21 +328,17 @@ public:
         text_.erase(0, end + 1);
         return line;
     }
-    // Sends `signal` and waits (up to 20 s) for the end; the wait status, or -1.
+    // Sends `signal` and waits (up to ten seconds, then kills) for the end; the wait status, or -1.
     int Kill(int signal) {
         kill(pid_, signal);
         int status = -1;
-        for (int i = 0; i < 200; ++i) {
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return status;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (!Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+            status = -1;
         }
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
         pid_ = -1;
-        return -1;
+        return status;
     }
 
 private:
