@@ -35,7 +35,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-// The fault of class `Fault` that `f` raises, or null (and a failure) when it raises another or none.
+// The fault of class `Fault` that `f` raises, or a blank one (and a failure) when it raises another or none.
 template <class Fault, class F>
 Fundix::Ref<Fault> ExpectFault(F&& f) {
     try {
@@ -46,8 +46,19 @@ Fundix::Ref<Fault> ExpectFault(F&& f) {
     } catch (const Fundix::Exception& e) {
         ADD_FAILURE() << "raised " << e.GetMessage();
     }
-    return nullptr;
+    return new Fault();
 }
+
+// What `f` leaves in the result it is handed: Out<TaskInfo>([&](auto& r) { tasks->GetTaskInfo(task, r); }).
+template <class T, class F>
+Fundix::Ref<T> Out(F&& f) {
+    Fundix::Ref<T> result;
+    f(result);
+    return result;
+}
+
+// The id `ref` names; empty for none.
+inline std::string Id(const Kitra::MoRef* ref) { return ref != nullptr ? ref->GetId() : ""; }
 
 // The message of the std::runtime_error that `f` throws, or empty (and a failure) when it throws none.
 inline std::string Failure(const std::function<void()>& f) {
