@@ -477,14 +477,14 @@ TEST_F(OperationsTest, TasksOfTheirOwnRunAndEndedTasksGo) {
 
 TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     Start(1h);
-    Kitra::MoRef* task = CreateJob("bundled")->GetActiveTask();
+    Ref<Kitra::MoRef> task = CreateJob("bundled")->GetActiveTask();
     Ref<Morphel::DiagnosticManagerStub> diagnostics = client_->diagnostics;
     Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
-    diagnostics->GenerateTaskLogBundle(task, info);
+    diagnostics->GenerateTaskLogBundle(task.Get(), info);
     const std::string key = info->GetKey();
     EXPECT_EQ(info->GetFormat(), Morphel::DiagnosticManager::BundleFormat::zip);
     auto named = [&] {  // the task names its latest bundle
-        Ref<TaskInfo> t = TaskOf(task);
+        Ref<TaskInfo> t = TaskOf(task.Get());
         return t->GetLogBundleInfo() != nullptr ? t->GetLogBundleInfo()->GetKey() : "";
     };
     EXPECT_EQ(named(), key);
@@ -504,7 +504,7 @@ TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     std::string zip = ReadZip(bytes);
     std::string expected = std::to_string(info->GetCrc()) + "\n" + task->GetId() + ".log\n";
     ASSERT_EQ(zip.substr(0, expected.size()), expected) << zip;
-    EXPECT_EQ(size_t(std::count(zip.begin(), zip.end(), '\n')), 2 + TaskMessages(task).size()) << zip;
+    EXPECT_EQ(size_t(std::count(zip.begin(), zip.end(), '\n')), 2 + TaskMessages(task.Get()).size()) << zip;
 
     // No download address: the bundle is read through the pages.
     ExpectFault<Dovra::Fault::InvalidState>([&] { diagnostics->RetrieveTaskLogBundleUrl(key); });
@@ -521,7 +521,7 @@ TEST_F(OperationsTest, LogBundlesAreZipArchivesReadInPagesKeptByKeyAndBounded) {
     // At most 16: the oldest go first.
     Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> latest;
     for (int i = 0; i < 15; ++i)
-        diagnostics->GenerateTaskLogBundle(task, latest);
+        diagnostics->GenerateTaskLogBundle(task.Get(), latest);
     ExpectFault<Dovra::Fault::NotFound>([&] { diagnostics->RetrieveTaskLogBundle(key, 0, 100); });
     EXPECT_FALSE(ReadBundle(*diagnostics, server->GetKey(), 1000).empty());
     EXPECT_EQ(named(), latest->GetKey());
