@@ -27,7 +27,7 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     Program server({"--listen", "127.0.0.1:0", "--memory", "--users", users});
     ASSERT_FALSE(server.Url().empty());
     Client a(server.Url()), b(server.Url(), "");
-    std::string line = server.NextLine();  // each request logged
+    std::string line = server.NextLine(5);  // each request logged
     EXPECT_NE(line.find("morphel.SessionManager.login 200"), std::string::npos) << line;
     const long start = ResidentKiB(server.Pid());
     ASSERT_GT(start, 0);

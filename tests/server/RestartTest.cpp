@@ -130,8 +130,6 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         c.tasks->GetTaskInfo(taskRef.Get(), info);
         ExpectInterrupted(*info);
         EXPECT_TRUE(Eventually([&] {
-            // Not too often: the program's log goes to a pipe read only at its start.
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
             c.conversions->GetJobInfo(later->GetJob(), job);
             return job->GetLastRunStartTime().IsSet();
         }));

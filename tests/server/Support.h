@@ -2,19 +2,18 @@
 // client, this machine as a source, a log bundle read back, and the program run as a child process.
 #pragma once
 
-#include <poll.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -281,17 +280,13 @@ inline std::string ReadZip(const std::string& bytes) {
 }
 
 // The program, started with `args`, and the URL it serves; stopped with SIGKILL when still running. What it
-// writes to its standard error is read as it comes (a program blocked on a full pipe serves nothing), and
-// its lines are kept for NextLine.
+// writes to its standard error goes to a file of its own (a file never blocks it), read line by line.
 class Program {
 public:
-    explicit Program(std::vector<std::string> args) {
-        int fds[2];
-        if (pipe(fds) != 0) return;
+    explicit Program(std::vector<std::string> args) : log_(folder_.path + "/stderr") {
         pid_ = fork();
         if (pid_ == 0) {
-            dup2(fds[1], STDERR_FILENO);
-            close(fds[0]);
+            dup2(open(log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
             std::vector<char*> argv{const_cast<char*>("morphel-server")};
             for (auto& a : args)
                 argv.push_back(a.data());
@@ -299,45 +294,29 @@ public:
             execv(MORPHEL_SERVER_PATH, argv.data());
             _exit(127);
         }
-        close(fds[1]);
-        fd_ = fds[0];
-        reader_ = std::thread([this] {
-            char buffer[4096];
-            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;) {
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (text_.size() < (size_t(1) << 20)) text_.append(buffer, size_t(n));  // the rest goes
-                arrived_.notify_all();
-            }
-            std::lock_guard<std::mutex> lock(mutex_);
-            ended_ = true;
-            arrived_.notify_all();
-        });
         // The line "morphel-server: serving URL", within 20 s.
-        while (url_.empty()) {
-            std::string line = NextLine();
-            if (line.empty()) break;
-            size_t at = line.find("serving ");
-            if (at != std::string::npos) url_ = line.substr(at + 8);
-        }
+        for (std::string line; url_.empty() && !(line = NextLine()).empty();)
+            if (size_t at = line.find("serving "); at != std::string::npos) url_ = line.substr(at + 8);
     }
     ~Program() {
         if (pid_ > 0) Kill(SIGKILL);
-        if (reader_.joinable()) reader_.join();  // the pipe ends with the program
-        if (fd_ >= 0) close(fd_);
     }
     const std::string& Url() const { return url_; }
     pid_t Pid() const { return pid_; }
-    // The next line the program writes to its standard error (without its end), within 20 s; empty when
-    // none comes.
-    std::string NextLine() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        arrived_.wait_for(lock, std::chrono::seconds(20),
-                          [&] { return ended_ || text_.find('\n') != std::string::npos; });
-        size_t end = text_.find('\n');
-        if (end == std::string::npos) return "";
-        std::string line = text_.substr(0, end);
-        text_.erase(0, end + 1);
-        return line;
+    // The next whole line the program writes to its standard error (without its end) within `seconds`;
+    // empty when none comes.
+    std::string NextLine(int seconds = 20) {
+        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+             std::chrono::steady_clock::now() < deadline;
+             std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+            std::ifstream in(log_);
+            std::string line;
+            if (in.seekg(read_) && std::getline(in, line) && !in.eof()) {
+                read_ += line.size() + 1;
+                return line;
+            }
+        }
+        return "";
     }
     // Sends `signal` and waits (up to ten seconds, then kills) for the end; the wait status, or -1.
     int Kill(int signal) {
@@ -353,12 +332,9 @@ public:
     }
 
 private:
+    TempFolder folder_;
+    std::string log_;
+    std::streamoff read_ = 0;  // what NextLine took
     pid_t pid_ = -1;
-    int fd_ = -1;
     std::string url_;
-    std::thread reader_;
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    bool ended_ = false;
-    std::string text_;  // read and not yet taken
 };
