@@ -1,7 +1,6 @@
 // What a stranger can send does not grow the server: a flood of failed logins with names of megabytes
 // leaves its resident memory within a bound, and a session that hoards history collectors is refused past
 // its cap while another session still gets its own.
-#include <atomic>
 #include <fstream>
 
 #include "Support.h"
@@ -31,21 +30,17 @@ TEST(Flood, FailedLoginsWithHugeNamesAndCollectorHoardersLeaveTheServerBounded) 
     EXPECT_NE(line.find("morphel.SessionManager.login 200"), std::string::npos) << line;
     const long start = ResidentKiB(server.Pid());
     ASSERT_GT(start, 0);
-
     // 200 failed logins, 3 MiB names each, from four clients at once.
     const std::string name(size_t(3) << 20, 'x');
     std::vector<std::thread> clients;
-    std::atomic<int> refused{0};
     for (int c = 0; c < 4; ++c)
         clients.emplace_back([&] {
             Client stranger(server.Url(), "");
             for (int i = 0; i < 50; ++i)
-                if (ExpectFault<Dovra::Fault::InvalidLogin>([&] { stranger.Login(name, "wrong"); }))
-                    ++refused;
+                ExpectFault<Dovra::Fault::InvalidLogin>([&] { stranger.Login(name, "wrong"); });
         });
     for (auto& c : clients)
         c.join();
-    EXPECT_EQ(refused, 200);
 #if !defined(__SANITIZE_ADDRESS__)  // the address sanitizer keeps freed memory in quarantine (256 MiB)
     const long after = ResidentKiB(server.Pid());
     EXPECT_LT(after, start + 64 * 1024) << "resident " << start << " KiB before, " << after << " KiB after";

@@ -21,7 +21,6 @@ public:
     }
     bool Running() const { return reason_.empty(); }
     const std::string& Reason() const { return reason_; }
-
     // The connection string of a new, empty database.
     std::string NewDatabase() {
         std::string name = "t" + std::to_string(++databases_);

@@ -34,14 +34,14 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         {
             Client c(hosted.Url());
             auto created = c.CreateJob("kept");
-            jobId = created->GetJob()->GetId();
-            taskId = created->GetActiveTask()->GetId();
+            std::tie(jobId, taskId) =
+                std::pair(created->GetJob()->GetId(), created->GetActiveTask()->GetId());
             runningId = c.CreateJob("running")->GetActiveTask()->GetId();
             doneId = c.CreateJob("done")->GetActiveTask()->GetId();
             c.NewCollector();
-            Ref<Morphel::DiagnosticManager::TaskLogBundleInfo> info;
-            c.diagnostics->GenerateLogBundle(nullptr, info);
-            bundleKey = info->GetKey();
+            bundleKey = Out<Morphel::DiagnosticManager::TaskLogBundleInfo>([&](auto& r) {
+                            c.diagnostics->GenerateLogBundle(nullptr, r);
+                        })->GetKey();
             bundle = ReadBundle(*c.diagnostics, bundleKey, 1 << 20);
         }
         hosted.server->Stop();
@@ -71,7 +71,6 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
         EXPECT_EQ(job->info->GetActiveTask(), nullptr);
         EXPECT_EQ(job->info->GetNumConsecutiveErrors(), 1);
         EXPECT_NE(dynamic_cast<Morphel::Fault::CloneFault*>(job->info->GetMostRecentError()), nullptr);
-
         // The events before the restart, then the start and the failures.
         auto events = tx.SelectEvents(nullptr);
         ASSERT_EQ(events.size(), keys.size() + 3);
@@ -87,12 +86,10 @@ TEST(Restart, AnotherServiceOverTheFileKeepsEverythingAndFailsTheCutOffTask) {
     // The bundle as it was; a third start fails nothing more.
     EXPECT_EQ(ReadBundle(*Client(again->Url()).diagnostics, bundleKey, 1 << 20), bundle);
     again.reset();
-    size_t before = options.state->Run(
-        [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); });
+    auto count = [&] { return options.state->Run([](auto& tx) { return tx.SelectEvents(nullptr).size(); }); };
+    size_t before = count();
     MorphelServer::Service third(options);
-    EXPECT_EQ(options.state->Run(
-                  [](MorphelServer::StateTransaction& tx) { return tx.SelectEvents(nullptr).size(); }),
-              before + 1);  // only its start
+    EXPECT_EQ(count(), before + 1);  // only its start
 }
 
 // And a first run that came due while no server ran starts when one does again; SIGTERM ends it cleanly.

@@ -99,7 +99,6 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.JobIds(), std::vector<std::string>{"ConversionJob-1"});
         EXPECT_TRUE(tx.EraseJob("ConversionJob-1"));
         EXPECT_FALSE(tx.EraseJob("ConversionJob-1"));
-
         // A task's whole record: state, progress, result and error.
         MorphelServer::TaskRecord task = Task("Task-2");
         task.jobId = "ConversionJob-1";
@@ -135,7 +134,6 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_TRUE(tx.EraseCollector("c"));
         EXPECT_EQ(tx.CountCollectors(), 2u);
         EXPECT_EQ(tx.CollectorIds(), (std::vector<std::string>{"d", "e"}));
-
         // Scheduled tasks by name, by job and by due time (enabled, with a next run); a task of its own
         // keeps the record it was created with; an erased task leaves the recent tasks.
         auto scheduled = [](const std::string& id, const std::string& job, int64_t next, bool enabled) {
@@ -183,7 +181,6 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tasks->kind, MorphelServer::CollectorKind::task);
         EXPECT_NE(dynamic_cast<Morphel::Task::TaskFilterSpec*>(tasks->filter.Get()), nullptr);
         EXPECT_EQ(tasks->after, int64_t(1) << 40);
-
         // Log bundles: their bytes as they were, oldest first.
         for (const char* key : {"bundle-9", "bundle-10"}) {
             MorphelServer::LogBundleRecord b;
