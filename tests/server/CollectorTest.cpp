@@ -83,13 +83,6 @@ std::vector<std::string> Ids(Kitra::DataArray<Info>* page) {
         out.push_back(page->Get(i)->GetKey());
     return out;
 }
-template <class T>
-Ref<Kitra::Array<T>> ArrayOf(const std::vector<T>& values) {
-    Ref<Kitra::Array<T>> array(new Kitra::Array<T>());
-    for (const auto& v : values)
-        array->Append(v);
-    return array;
-}
 
 TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     MorphelServer::ServiceOptions options;
@@ -116,22 +109,24 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     all->ReadPrev(2, page);
     EXPECT_EQ(Ids(page.Get()), (std::vector<std::string>{"Task-10", "Task-8"}));
 
-    Ref<Kitra::DataArray<Kitra::MoRef>> tasks(new Kitra::DataArray<Kitra::MoRef>());
-    tasks->Append(sixth->GetTask());
+    auto tasks = ArrayOf<Kitra::DataArray<Kitra::MoRef>>(sixth->GetTask());
     using Morphel::Task::TaskFilterSpec_ByTime, Morphel::Task::TaskFilterSpec_ByUsername;
     Ref<TaskFilterSpec_ByTime> queued(new TaskFilterSpec_ByTime(
         Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}));
     Ref<TaskFilterSpec_ByUsername> ann(
-        new TaskFilterSpec_ByUsername(true, ArrayOf<std::string>({"ann"}).Get()));
+        new TaskFilterSpec_ByUsername(true, ArrayOf<Kitra::Array<std::string>>("ann").Get()));
     struct {
         std::function<void(TaskFilterSpec&)> set;
         std::vector<std::string> selected;
     } taskCases[] = {
-        {[](TaskFilterSpec& f) { f.SetState(ArrayOf<TaskInfo::State>({TaskInfo::State::error}).Get()); },
+        {[](TaskFilterSpec& f) {
+             f.SetState(ArrayOf<Kitra::Array<TaskInfo::State>>(TaskInfo::State::error).Get());
+         },
          {"Task-4"}},
         {[&](TaskFilterSpec& f) { f.SetTimeRange(queued.Get()); }, {"Task-6", "Task-8", "Task-10"}},
         {[&](TaskFilterSpec& f) { f.SetUserName(ann.Get()); }, {}},  // neither ann's nor the system's
-        {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<std::string>({"other"}).Get()); }, {}},
+        {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<Kitra::Array<std::string>>("other").Get()); },
+         {}},
         {[&](TaskFilterSpec& f) { f.SetJob(fifth->GetJob()); }, {"Task-6"}},
         {[&](TaskFilterSpec& f) { f.SetParentTask(tasks.Get()); }, {}},
         {[&](TaskFilterSpec& f) { f.SetRootTask(tasks.Get()); }, {"Task-6"}},
@@ -152,7 +147,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         {[](JobFilterSpec&) {},
          {"ConversionJob-1", "ConversionJob-3", "ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
         {[](JobFilterSpec& f) { f.SetOwner("ann"); }, {}},
-        {[](JobFilterSpec& f) { f.SetState(ArrayOf<std::string>({"suspended"}).Get()); },
+        {[](JobFilterSpec& f) { f.SetState(ArrayOf<Kitra::Array<std::string>>("suspended").Get()); },
          {"ConversionJob-3"}},
         {[&](JobFilterSpec& f) { f.SetTimeRange(since.Get()); },
          {"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},

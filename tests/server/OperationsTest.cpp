@@ -236,14 +236,9 @@ TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
     ExpectFault<Dovra::Fault::InvalidState>([&] { job->UpdateConversionParams(update.Get(), params); });
     Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
 
-    Ref<Morphel::Params::ThrottlingParamsUpdateSpec> throttling(
-        new Morphel::Params::ThrottlingParamsUpdateSpec());
-    throttling->SetCpuThrottling(std::string("light"));
-    throttling->SetNetworkBandwidthThrottlingInMB(10);
-    update->SetThrottling(throttling.Get());
-    Ref<Kitra::Array<std::string>> services(new Kitra::Array<std::string>());
-    services->Append("backup");
-    update->SetServicesToSuspend(services.Get());
+    using Throttling = Morphel::Params::ThrottlingParamsUpdateSpec;
+    update->SetThrottling(Ref<Throttling>(new Throttling(std::string("light"), 10, {})).Get());
+    update->SetServicesToSuspend(ArrayOf<Kitra::Array<std::string>>("backup").Get());
     update->SetShutdownSource(true);
     job->UpdateConversionParams(update.Get(), params);
     EXPECT_TRUE(params->IsDoReconfig().GetValue());
@@ -259,9 +254,7 @@ TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
             .GetValue());
     // The switches clear what an unset field would keep.
     Ref<UpdateSpec> clear(new UpdateSpec());
-    Ref<Morphel::Params::ThrottlingParamsUpdateSpec> off(new Morphel::Params::ThrottlingParamsUpdateSpec());
-    off->SetDisableNetworkBandwidthThrottling(true);
-    clear->SetThrottling(off.Get());
+    clear->SetThrottling(Ref<Throttling>(new Throttling({}, {}, true)).Get());
     clear->SetClearServicesToSuspend(true);
     job->UpdateConversionParams(clear.Get(), params);
     EXPECT_TRUE(params->IsDoReconfig().GetValue());

@@ -40,19 +40,15 @@ protected:
                                                          const std::string& volumeId) {
         using namespace Morphel::Params;
         Ref<ConversionParams> params = JobSpecOfThisMachine("")->GetConversionParams();
-        Ref<StorageParams::VolumeCloningParams> volume(new StorageParams::VolumeCloningParams());
-        volume->SetSourceVolumeId(volumeId);
-        Ref<Kitra::DataArray<StorageParams::VolumeCloningParams>> volumes(
-            new Kitra::DataArray<StorageParams::VolumeCloningParams>());
-        volumes->Append(volume.Get());
+        Ref<StorageParams::VolumeCloningParams> volume(
+            new StorageParams::VolumeCloningParams(volumeId, {}, {}, {}));
         Ref<StorageParams::TargetDiskParams> disk(new StorageParams::TargetDiskParams());
         disk->SetSourceDiskId(diskId);
-        disk->SetVolumesToClone(volumes.Get());
-        Ref<Kitra::DataArray<StorageParams::TargetDiskParams>> disks(
-            new Kitra::DataArray<StorageParams::TargetDiskParams>());
-        disks->Append(disk.Get());
+        disk->SetVolumesToClone(
+            ArrayOf<Kitra::DataArray<StorageParams::VolumeCloningParams>>(volume.Get()).Get());
         Ref<StorageParams> storage(new StorageParams());
-        storage->SetTargetDiskParams(disks.Get());
+        storage->SetTargetDiskParams(
+            ArrayOf<Kitra::DataArray<StorageParams::TargetDiskParams>>(disk.Get()).Get());
         params->GetCloningParams()->SetStorageParams(storage.Get());
         return params;
     }
@@ -169,8 +165,7 @@ TEST_F(ServerTest, SessionsPrivilegesAndLocales) {
               })->GetConversionManager(),
               nullptr);
 
-    Ref<Kitra::Array<std::string>> keys(new Kitra::Array<std::string>());
-    keys->Append(ann.session->GetKey());
+    auto keys = ArrayOf<Kitra::Array<std::string>>(ann.session->GetKey());
     auto denied = ExpectFault<Dovra::Fault::NoPermission>([&] { ann.sessions->Terminate(keys.Get()); });
     EXPECT_EQ(denied->GetPrivilegeId(), "Sessions.TerminateSession");
 

@@ -56,6 +56,14 @@ Fundix::Ref<T> Out(F&& f) {
     return result;
 }
 
+// An array of `values`: ArrayOf<Kitra::Array<std::string>>("a", "b").
+template <class Array, class... V>
+Fundix::Ref<Array> ArrayOf(const V&... values) {
+    Fundix::Ref<Array> array(new Array());
+    (array->Append(values), ...);
+    return array;
+}
+
 // The id `ref` names; empty for none.
 inline std::string Id(const Kitra::MoRef* ref) { return ref != nullptr ? ref->GetId() : ""; }
 
@@ -174,9 +182,8 @@ struct Client {
         return session;
     }
     Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> CreateJob(const std::string& name) {
-        Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
-        conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, created);
-        return created;
+        return Out<Morphel::Server::Conversion::ConversionJobInfo>(
+            [&](auto& r) { conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, r); });
     }
     // A collector of every event (kind 0), task (1) or job (2).
     Fundix::Ref<Kitra::MoRef> NewCollector(int kind = 0) {
@@ -193,9 +200,8 @@ struct Client {
     Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> Events(
         Morphel::Event::EventFilterSpec* filter = nullptr) {
         Fundix::Ref<Morphel::Event::EventFilterSpec> all(new Morphel::Event::EventFilterSpec());
-        Fundix::Ref<Kitra::DataArray<Morphel::Event::Event>> events;
-        this->events->QueryEvent(filter != nullptr ? filter : all.Get(), events);
-        return events;
+        return Out<Kitra::DataArray<Morphel::Event::Event>>(
+            [&](auto& r) { events->QueryEvent(filter != nullptr ? filter : all.Get(), r); });
     }
     Fundix::Ref<Kitra::Http::StubAdapter> adapter;
     Fundix::Ref<Morphel::UserSession> session;
@@ -252,10 +258,9 @@ inline std::string ReadBundle(Morphel::DiagnosticManagerStub& diagnostics, const
 // 32-bit number), then each file's name and text; "unread: ..." when it fails the archive's test or its
 // sizes do not add up.
 inline std::string ReadZip(const std::string& bytes) {
-    char path[] = "/tmp/morphel-bundle-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0 || write(fd, bytes.data(), bytes.size()) != ssize_t(bytes.size())) return "unwritten";
-    close(fd);
+    TempFolder folder;
+    const std::string path = folder.path + "/bundle.zip";
+    std::ofstream(path, std::ios::binary) << bytes;
     std::string command =
         std::string(
             "python3 -c \"import sys, zipfile, zlib\n"
@@ -275,7 +280,6 @@ inline std::string ReadZip(const std::string& bytes) {
             out.append(buffer, n);
         pclose(p);
     }
-    unlink(path);
     return out;
 }
 
