@@ -293,7 +293,7 @@ TEST(ServerAccounts, ReadFromFilesWithPrivilegesAndAuthenticatedByTheirHashes) {
     for (int i = 0; i < 2; ++i) {  // the second time from what the first remembered
         const MorphelServer::Account* ann = book.Authenticate("ann", "one");
         EXPECT_EQ(ann != nullptr ? ann->name : "", "ann");
-        EXPECT_EQ(book.Authenticate("bob", "one"), nullptr);
+        EXPECT_EQ(book.Authenticate("ann", "on"), nullptr);
         EXPECT_EQ(book.Authenticate("nobody", "one"), nullptr);
     }
     EXPECT_TRUE(book.Holds("bob", "Task.Update"));

@@ -130,6 +130,7 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         collector.owner = "session-b";
         tx.PutCollector("d", collector);
         tx.PutCollector("e", collector);
+        EXPECT_EQ(tx.CollectorIdsOf("session-a"), std::vector<std::string>{"c"});
         EXPECT_EQ(tx.CollectorIdsOf("session-b"), (std::vector<std::string>{"d", "e"}));
         EXPECT_TRUE(tx.EraseCollector("c"));
         EXPECT_EQ(tx.CountCollectors(), 2u);
