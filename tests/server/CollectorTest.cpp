@@ -94,8 +94,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     hosted.client.Make<Morphel::Task::TaskStub>("Task-4")->Cancel();
     hosted.client.Make<Morphel::Server::Conversion::ConversionJobStub>("ConversionJob-3")
         ->Suspend("failIfActiveTask");
-    Ref<TaskInfo> sixth;
-    hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), sixth);
+    auto sixth = Out<TaskInfo>([&](auto& r) { hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), r); });
 
     Ref<Kitra::DataArray<TaskInfo>> page;
     auto read = [&](Ref<TaskFilterSpec> filter) {
@@ -115,53 +114,45 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
         Morphel::Task::TaskFilterSpec_TimeOption::queuedTime, sixth->GetQueueTime(), {}));
     Ref<TaskFilterSpec_ByUsername> ann(
         new TaskFilterSpec_ByUsername(true, ArrayOf<Kitra::Array<std::string>>("ann").Get()));
-    struct {
-        std::function<void(TaskFilterSpec&)> set;
-        std::vector<std::string> selected;
-    } taskCases[] = {
-        {[](TaskFilterSpec& f) {
-             f.SetState(ArrayOf<Kitra::Array<TaskInfo::State>>(TaskInfo::State::error).Get());
-         },
-         {"Task-4"}},
-        {[&](TaskFilterSpec& f) { f.SetTimeRange(queued.Get()); }, {"Task-6", "Task-8", "Task-10"}},
-        {[&](TaskFilterSpec& f) { f.SetUserName(ann.Get()); }, {}},  // neither ann's nor the system's
-        {[](TaskFilterSpec& f) { f.SetDescriptionId(ArrayOf<Kitra::Array<std::string>>("other").Get()); },
-         {}},
-        {[&](TaskFilterSpec& f) { f.SetJob(fifth->GetJob()); }, {"Task-6"}},
-        {[&](TaskFilterSpec& f) { f.SetParentTask(tasks.Get()); }, {}},
-        {[&](TaskFilterSpec& f) { f.SetRootTask(tasks.Get()); }, {"Task-6"}},
-    };
-    for (const auto& c : taskCases) {
+    // Each filter field selects on its own.
+    auto selects = [&](const std::function<void(TaskFilterSpec&)>& set) {
         Ref<TaskFilterSpec> filter(new TaskFilterSpec());
-        c.set(*filter);
+        set(*filter);
         read(filter)->ReadNext(10, page);
-        EXPECT_EQ(Ids(page.Get()), c.selected) << &c - taskCases;
-    }
+        return Ids(page.Get());
+    };
+    using V = std::vector<std::string>;
+    EXPECT_EQ(selects([](auto& f) {
+                  f.SetState(ArrayOf<Kitra::Array<TaskInfo::State>>(TaskInfo::State::error).Get());
+              }),
+              V{"Task-4"});
+    EXPECT_EQ(selects([&](auto& f) { f.SetTimeRange(queued.Get()); }), (V{"Task-6", "Task-8", "Task-10"}));
+    EXPECT_EQ(selects([&](auto& f) { f.SetUserName(ann.Get()); }), V{});  // neither ann's nor the system's
+    EXPECT_EQ(selects([](auto& f) { f.SetDescriptionId(ArrayOf<Kitra::Array<std::string>>("other").Get()); }),
+              V{});
+    EXPECT_EQ(selects([&](auto& f) { f.SetJob(fifth->GetJob()); }), V{"Task-6"});
+    EXPECT_EQ(selects([&](auto& f) { f.SetParentTask(tasks.Get()); }), V{});
+    EXPECT_EQ(selects([&](auto& f) { f.SetRootTask(tasks.Get()); }), V{"Task-6"});
 
     using Morphel::Server::Job::JobFilterSpec_ByTime;
     Ref<JobFilterSpec_ByTime> since(new JobFilterSpec_ByTime("createdTime", fifth->GetCreationTime(), {}));
-    struct {
-        std::function<void(JobFilterSpec&)> set;
-        std::vector<std::string> selected;
-    } jobCases[] = {
-        {[](JobFilterSpec&) {},
-         {"ConversionJob-1", "ConversionJob-3", "ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
-        {[](JobFilterSpec& f) { f.SetOwner("ann"); }, {}},
-        {[](JobFilterSpec& f) { f.SetState(ArrayOf<Kitra::Array<std::string>>("suspended").Get()); },
-         {"ConversionJob-3"}},
-        {[&](JobFilterSpec& f) { f.SetTimeRange(since.Get()); },
-         {"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}},
-    };
     Ref<Kitra::MoRef> ref;
-    Ref<Kitra::DataArray<ConversionJobInfo>> jobs;
-    for (const auto& c : jobCases) {
+    auto jobs = [&](const std::function<void(JobFilterSpec&)>& set) {
         Ref<JobFilterSpec> filter(new JobFilterSpec());
-        c.set(*filter);
+        set(*filter);
         hosted.client.conversions->CreateCollector(filter.Get(), ref);
+        Ref<Kitra::DataArray<ConversionJobInfo>> page;
         hosted.client.Make<Morphel::Server::Conversion::ConversionJobHistoryCollectorStub>(ref.Get())
-            ->ReadNext(10, jobs);
-        EXPECT_EQ(Ids(jobs.Get()), c.selected) << &c - jobCases;
-    }
+            ->ReadNext(10, page);
+        return Ids(page.Get());
+    };
+    EXPECT_EQ(jobs([](auto&) {}), (V{"ConversionJob-1", "ConversionJob-3", "ConversionJob-5",
+                                     "ConversionJob-7", "ConversionJob-9"}));
+    EXPECT_EQ(jobs([](auto& f) { f.SetOwner("ann"); }), V{});
+    EXPECT_EQ(jobs([](auto& f) { f.SetState(ArrayOf<Kitra::Array<std::string>>("suspended").Get()); }),
+              V{"ConversionJob-3"});
+    EXPECT_EQ(jobs([&](auto& f) { f.SetTimeRange(since.Get()); }),
+              (V{"ConversionJob-5", "ConversionJob-7", "ConversionJob-9"}));
     since->SetTimeType("someTime");
     Ref<JobFilterSpec> unknownTime(new JobFilterSpec());
     unknownTime->SetTimeRange(since.Get());
