@@ -70,6 +70,7 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         EXPECT_EQ(tx.NextId(), 1);
         EXPECT_EQ(tx.NextId(), 2);
         EXPECT_EQ(tx.NextChainId(), 1);
+        EXPECT_EQ(tx.GetMaxTask(), 100);
         tx.SetMaxTask(7);
         EXPECT_EQ(tx.GetMaxTask(), 7);
 
