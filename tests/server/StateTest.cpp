@@ -109,9 +109,7 @@ TEST_P(StateTest, KeepsWhatIsPutAndNumbersWhatIsAppended) {
         task.info->SetProgress(45);
         task.info->SetQueueTime(DateTime::FromUtcMicros(1700000000123456));
         task.info->SetError(Ref<Morphel::Fault::CloneFault>(new Morphel::Fault::CloneFault("cut off")).Get());
-        Ref<Morphel::Server::Job::JobSpec> result(new Morphel::Server::Job::JobSpec());
-        result->SetName("r");
-        task.info->SetResult(result.Get());
+        task.info->SetResult(Job("", "r").spec.Get());
         tx.PutTask(task);
         auto found = tx.FindTask("Task-2");
         ASSERT_TRUE(found.has_value());
