@@ -94,7 +94,7 @@ TEST(Collector, TaskAndJobCollectorsPageInTheOrderOfCreationAndFilter) {
     hosted.client.Make<Morphel::Task::TaskStub>("Task-4")->Cancel();
     hosted.client.Make<Morphel::Server::Conversion::ConversionJobStub>("ConversionJob-3")
         ->Suspend("failIfActiveTask");
-    auto sixth = Out<TaskInfo>([&](auto& r) { hosted.client.tasks->GetTaskInfo(fifth->GetActiveTask(), r); });
+    auto sixth = hosted.client.TaskInfo(fifth->GetActiveTask());
 
     Ref<Kitra::DataArray<TaskInfo>> page;
     auto read = [&](Ref<TaskFilterSpec> filter) {

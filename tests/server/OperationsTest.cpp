@@ -35,13 +35,9 @@ protected:
     Ref<Stub> Make(const Kitra::MoRef* ref) {
         return client_->Make<Stub>(ref);
     }
-    // A job converting this machine, with `extraInfo`, its settings as `adjust` leaves them.
-    Ref<ConversionJobInfo> CreateJob(
-        const std::string& name, Kitra::Any* extraInfo = nullptr,
-        const std::function<void(Morphel::Server::Conversion::ConversionJobSpec&)>& adjust = {}) {
-        auto spec = JobSpecOfThisMachine(name);
-        if (adjust) adjust(*spec);
-        return Out<ConversionJobInfo>([&](auto& r) { conversions_->CreateJob(spec.Get(), extraInfo, r); });
+    template <class... A>
+    Ref<ConversionJobInfo> CreateJob(A&&... a) {
+        return client_->CreateJob(std::forward<A>(a)...);
     }
     Ref<Dovra::Scheduler::ScheduledTaskInfo> Scheduled(Kitra::MoRef* task) {
         auto info = Out<Morphel::Task::ScheduledTaskInfo>([&](auto& r) { client_->scheduled->Get(task, r); });
@@ -69,9 +65,7 @@ protected:
             messages.push_back(events->Get(i)->GetFullMessage().GetValue());
         return messages;
     }
-    Ref<TaskInfo> TaskOf(Kitra::MoRef* task) {
-        return Out<TaskInfo>([&](auto& r) { tasks_->GetTaskInfo(task, r); });
-    }
+    Ref<TaskInfo> TaskOf(Kitra::MoRef* task) { return client_->TaskInfo(task); }
     // The task's info once `done` holds for it (a failure after ten seconds).
     Ref<TaskInfo> WaitFor(Kitra::MoRef* task, const std::function<bool(const TaskInfo&)>& done) {
         Ref<TaskInfo> info;
@@ -173,8 +167,7 @@ TEST_F(OperationsTest, DestroyRenameAndUpdatesCheckTheirArgumentsAndKeepTheRest)
         [&] { conversions_->DestroyJob(doomed->GetJob(), std::string("now")); });
     EXPECT_FALSE(TaskOf(doomed->GetActiveTask())->IsCancelled());
     conversions_->DestroyJob(doomed->GetJob(), std::string(kCancel));
-    ExpectFault<Dovra::Fault::NotFound>(
-        [&] { Out<ConversionJobInfo>([&](auto& r) { conversions_->GetJobInfo(doomed->GetJob(), r); }); });
+    ExpectFault<Dovra::Fault::NotFound>([&] { client_->JobInfo(doomed->GetJob()); });
     ExpectFault<Dovra::Fault::NotFound>([&] { conversions_->DestroyJob(doomed->GetJob(), {}); });
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
         [&] { JobInfo(Make<ConversionJobStub>(doomed->GetJob()).Get()); });

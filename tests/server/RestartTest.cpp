@@ -106,9 +106,7 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
         auto created = c.CreateJob("survivor");
         jobRef = created->GetJob();
         taskRef = created->GetActiveTask();
-        auto spec = JobSpecOfThisMachine("later");
-        spec->SetFirstRun(at);
-        c.conversions->CreateJob(spec.Get(), nullptr, later);
+        later = c.CreateJob("later", nullptr, [&](auto& spec) { spec.SetFirstRun(at); });
         int status = first.Kill(SIGKILL);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     }
@@ -119,17 +117,12 @@ TEST(Restart, TheProgramKilledWithSigkillKeepsTheJobAndFailsItsTask) {
     ASSERT_FALSE(second.Url().empty());
     {
         Client c(second.Url(), "ann", "pw");
-        Ref<ConversionJobInfo> job;
-        c.conversions->GetJobInfo(jobRef.Get(), job);
+        Ref<ConversionJobInfo> job = c.JobInfo(jobRef.Get());
         EXPECT_EQ(job->GetKey(), jobRef->GetId());
         EXPECT_EQ(job->GetActiveTask(), nullptr);
-        Ref<TaskInfo> info;
-        c.tasks->GetTaskInfo(taskRef.Get(), info);
-        ExpectInterrupted(*info);
-        EXPECT_TRUE(Eventually([&] {
-            c.conversions->GetJobInfo(later->GetJob(), job);
-            return job->GetLastRunStartTime().IsSet();
-        }));
+        ExpectInterrupted(*c.TaskInfo(taskRef.Get()));
+        EXPECT_TRUE(
+            Eventually([&] { return (job = c.JobInfo(later->GetJob()))->GetLastRunStartTime().IsSet(); }));
         EXPECT_EQ(job->GetNumConsecutiveErrors(), 0);  // started here, not cut off there
         EXPECT_FALSE(job->GetNextRunStartTime().IsSet());
     }

@@ -106,10 +106,8 @@ TEST_F(ServerTest, TypicalRequest) {
         EXPECT_TRUE(space && dynamic_cast<Morphel::PropertyInfo::InsufficientSpaceError*>(space->Get(0)));
     }
     // The job and its task, followed to the end, its progress never going back.
-    Ref<Morphel::Server::Conversion::ConversionJobInfo> job;
-    auto spec = JobSpecOfThisMachine("first");
-    spec->SetConversionParams(Params(diskId, volumeId).Get());
-    c.conversions->CreateJob(spec.Get(), nullptr, job);
+    auto job = c.CreateJob("first", nullptr,
+                           [&](auto& spec) { spec.SetConversionParams(Params(diskId, volumeId).Get()); });
     EXPECT_EQ(job->GetOwner(), "demo");
     ASSERT_NE(job->GetActiveTask(), nullptr);
     auto task = c.Make<Morphel::Task::TaskStub>(job->GetActiveTask());
@@ -123,10 +121,7 @@ TEST_F(ServerTest, TypicalRequest) {
     }));
     EXPECT_EQ(info->GetProgress().GetValue(), 100);
     EXPECT_TRUE(info->GetCompleteTime().IsSet());
-    EXPECT_EQ(Out<Morphel::Server::Conversion::ConversionJobInfo>([&](auto& r) {
-                  c.Make<Morphel::Server::Conversion::ConversionJobStub>(job->GetJob())->GetInfo(r);
-              })->GetActiveTask(),
-              nullptr);
+    EXPECT_EQ(c.JobInfo(job->GetJob())->GetActiveTask(), nullptr);
     // The task's events through a collector of its chain.
     Ref<Morphel::Event::EventFilterSpec> filter(new Morphel::Event::EventFilterSpec());
     filter->SetEventChainId(info->GetEventChainId());

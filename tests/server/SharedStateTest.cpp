@@ -113,10 +113,9 @@ TEST_F(SharedState, TwoServersServeOneClientAlternately) {
 // A run that comes due for two servers' schedulers at once is started by one of them only.
 TEST_F(SharedState, AScheduledRunStartsOnce) {
     Host a(conninfo);
-    auto spec = JobSpecOfThisMachine("once");
-    spec->SetFirstRun(InMillis(1500));
-    Ref<Morphel::Server::Conversion::ConversionJobInfo> created;
-    Client(a.hosted->Url()).conversions->CreateJob(spec.Get(), nullptr, created);
+    auto created = Client(a.hosted->Url()).CreateJob("once", nullptr, [](auto& spec) {
+        spec.SetFirstRun(InMillis(1500));
+    });
     Host b(conninfo);  // its scheduler reads the due time at its start
     EXPECT_TRUE(Eventually([&] {
         return a.state->Run([&](MorphelServer::StateTransaction& tx) {

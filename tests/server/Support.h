@@ -181,9 +181,21 @@ struct Client {
         sessions->Login(user, password, Fundix::Optional<std::string>(), session);
         return session;
     }
-    Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> CreateJob(const std::string& name) {
+    // A job converting this machine, with `extraInfo`, its settings as `adjust` leaves them.
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> CreateJob(
+        const std::string& name, Kitra::Any* extraInfo = nullptr,
+        const std::function<void(Morphel::Server::Conversion::ConversionJobSpec&)>& adjust = {}) {
+        auto spec = JobSpecOfThisMachine(name);
+        if (adjust) adjust(*spec);
         return Out<Morphel::Server::Conversion::ConversionJobInfo>(
-            [&](auto& r) { conversions->CreateJob(JobSpecOfThisMachine(name).Get(), nullptr, r); });
+            [&](auto& r) { conversions->CreateJob(spec.Get(), extraInfo, r); });
+    }
+    Fundix::Ref<Morphel::Server::Conversion::ConversionJobInfo> JobInfo(Kitra::MoRef* job) {
+        return Out<Morphel::Server::Conversion::ConversionJobInfo>(
+            [&](auto& r) { conversions->GetJobInfo(job, r); });
+    }
+    Fundix::Ref<Morphel::Task::TaskInfo> TaskInfo(Kitra::MoRef* task) {
+        return Out<Morphel::Task::TaskInfo>([&](auto& r) { tasks->GetTaskInfo(task, r); });
     }
     // A collector of every event (kind 0), task (1) or job (2).
     Fundix::Ref<Kitra::MoRef> NewCollector(int kind = 0) {
