@@ -31,10 +31,6 @@ protected:
         conversions_ = client_->conversions;
         tasks_ = client_->tasks;
     }
-    template <class Stub>
-    Ref<Stub> Make(const Kitra::MoRef* ref) {
-        return client_->Make<Stub>(ref);
-    }
     template <class... A>
     Ref<ConversionJobInfo> CreateJob(A&&... a) {
         return client_->CreateJob(std::forward<A>(a)...);
@@ -56,7 +52,7 @@ protected:
     }
     std::vector<std::string> TaskMessages(Kitra::MoRef* task) {
         return Messages(Out<Kitra::DataArray<Morphel::Event::Event>>([&](auto& r) {
-                            Make<Morphel::Task::TaskStub>(task)->GetEvent(r);
+                            client_->Make<Morphel::Task::TaskStub>(task)->GetEvent(r);
                         }).Get());
     }
     static std::vector<std::string> Messages(Kitra::DataArray<Morphel::Event::Event>* events) {
@@ -101,8 +97,8 @@ TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
     Start(4s);  // 20 steps of 200 ms
     Ref<ConversionJobInfo> created = CreateJob("cancelled");
     Kitra::MoRef* ref = created->GetActiveTask();
-    auto task = Make<Morphel::Task::TaskStub>(ref);
-    auto job = Make<ConversionJobStub>(created->GetJob());
+    auto task = client_->Make<Morphel::Task::TaskStub>(ref);
+    auto job = client_->Make<ConversionJobStub>(created->GetJob());
     EXPECT_TRUE(WaitFor(ref, Running)->IsCancelable());
     task->Cancel();
     Ref<TaskInfo> info = TaskOf(ref);
@@ -126,7 +122,7 @@ TEST_F(OperationsTest, CancelStopsTheRunAndFreesTheJob) {
 TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     Start(60s);  // runs that end only when cancelled
     Ref<ConversionJobInfo> created = CreateJob("first");
-    auto job = Make<ConversionJobStub>(created->GetJob());
+    auto job = client_->Make<ConversionJobStub>(created->GetJob());
     auto invalid = ExpectFault<Kitra::Fault::InvalidArgument>([&] { job->Suspend("later"); });
     EXPECT_EQ(invalid->GetInvalidProperty().GetValue(), "activeTaskHandling");
     auto busy = ExpectFault<Morphel::Fault::JobHasActiveTaskFault>([&] { job->Suspend(kFail); });
@@ -145,7 +141,7 @@ TEST_F(OperationsTest, SuspendStopAndResumeFollowTheJobsStateAndItsActiveTask) {
     EXPECT_EQ(JobInfo(job.Get())->GetState(), "deactivated");
     // Stopping a job whose task is active: refused, or the task cancelled.
     Ref<ConversionJobInfo> second = CreateJob("second");
-    auto other = Make<ConversionJobStub>(second->GetJob());
+    auto other = client_->Make<ConversionJobStub>(second->GetJob());
     ExpectFault<Morphel::Fault::JobHasActiveTaskFault>([&] { other->Stop(kFail); });
     EXPECT_EQ(JobInfo(other.Get())->GetState(), "active");
     other->Stop(kCancel);
@@ -170,7 +166,7 @@ TEST_F(OperationsTest, DestroyRenameAndUpdatesCheckTheirArgumentsAndKeepTheRest)
     ExpectFault<Dovra::Fault::NotFound>([&] { client_->JobInfo(doomed->GetJob()); });
     ExpectFault<Dovra::Fault::NotFound>([&] { conversions_->DestroyJob(doomed->GetJob(), {}); });
     ExpectFault<Kitra::Fault::ManagedObjectNotFound>(
-        [&] { JobInfo(Make<ConversionJobStub>(doomed->GetJob()).Get()); });
+        [&] { JobInfo(client_->Make<ConversionJobStub>(doomed->GetJob()).Get()); });
     EXPECT_TRUE(TaskOf(doomed->GetActiveTask())->IsCancelled());
     // The task stays; what it converted went with its job.
     EXPECT_EQ(Out<Morphel::Task::TaskSpec>([&](auto& r) { tasks_->GetTaskSpec(doomed->GetActiveTask(), r); }),
@@ -179,7 +175,7 @@ TEST_F(OperationsTest, DestroyRenameAndUpdatesCheckTheirArgumentsAndKeepTheRest)
     Ref<Morphel::Params::ThrottlingParams> first(new Morphel::Params::ThrottlingParams("light", 5));
     Ref<ConversionJobInfo> one = CreateJob("one", first.Get());
     Ref<ConversionJobInfo> two = CreateJob("doomed");  // the name is free again
-    auto job = Make<ConversionJobStub>(one->GetJob());
+    auto job = client_->Make<ConversionJobStub>(one->GetJob());
     auto invalid = ExpectFault<Dovra::Fault::InvalidName>([&] { job->Rename(""); });
     EXPECT_EQ(Id(invalid->GetEntity()), Id(one->GetJob()));
     auto duplicate = ExpectFault<Dovra::Fault::DuplicateName>([&] { job->Rename("doomed"); });
@@ -205,7 +201,7 @@ TEST_F(OperationsTest, DestroyRenameAndUpdatesCheckTheirArgumentsAndKeepTheRest)
     EXPECT_EQ(spec->GetDescription().GetValue(), "renamed twice");
     EXPECT_EQ(job->GetName(), "eins");
     auto asJob = Out<Morphel::Server::Job::JobInfo>(  // the job answers as a job too
-        [&](auto& r) { Make<Morphel::Server::Job::JobStub>(one->GetJob())->GetInfo(r); });
+        [&](auto& r) { client_->Make<Morphel::Server::Job::JobStub>(one->GetJob())->GetInfo(r); });
     EXPECT_EQ(asJob != nullptr ? asJob->GetKey() : "", one->GetKey());
     // The extra information is replaced, the previous one returned.
     Ref<Kitra::Any> previous;
@@ -221,13 +217,13 @@ TEST_F(OperationsTest, DestroyRenameAndUpdatesCheckTheirArgumentsAndKeepTheRest)
 TEST_F(OperationsTest, ConversionParamsChangeOnlyWithoutAnActiveTask) {
     Start(60s);
     Ref<ConversionJobInfo> created = CreateJob("params");
-    auto job = Make<ConversionJobStub>(created->GetJob());
+    auto job = client_->Make<ConversionJobStub>(created->GetJob());
     using UpdateSpec = Morphel::Server::Conversion::ConversionParamsUpdateSpec;
     Ref<UpdateSpec> update(new UpdateSpec());
     update->SetDoReconfig(true);
     Ref<Morphel::Params::ConversionParams> params;
     ExpectFault<Dovra::Fault::InvalidState>([&] { job->UpdateConversionParams(update.Get(), params); });
-    Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
+    client_->Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
 
     using Throttling = Morphel::Params::ThrottlingParamsUpdateSpec;
     update->SetThrottling(Ref<Throttling>(new Throttling(std::string("light"), 10, {})).Get());
@@ -267,8 +263,8 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
     tasks_->GetTaskSpec(task, spec);
     ASSERT_NE(spec, nullptr);
     EXPECT_TRUE(spec->GetTarget()->_IsEqual(created->GetTargetVm(), false));
-    auto property =
-        Out<Morphel::Task::TaskSpec>([&](auto& r) { Make<Morphel::Task::TaskStub>(task)->GetSpec(r); });
+    auto property = Out<Morphel::Task::TaskSpec>(
+        [&](auto& r) { client_->Make<Morphel::Task::TaskStub>(task)->GetSpec(r); });
     EXPECT_TRUE(property != nullptr && property->_IsEqual(spec.Get(), false));  // the same through the task
     ExpectFault<Dovra::Fault::NotFound>([&] { tasks_->GetTaskSpec(unknown.Get(), spec); });
     // An empty array travels as none.
@@ -280,7 +276,7 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
         new Morphel::Task::ConversionRuntimeEnvironmentInfo(100));
     EXPECT_EQ(tasks_->EstimateTimeToComplete(spec.Get(), env.Get()).GetValue(), 2);  // 1.1 s, rounded up
     // The overall status follows the run to its end; a successful task is no longer cancelable.
-    auto job = Make<ConversionJobStub>(created->GetJob());
+    auto job = client_->Make<ConversionJobStub>(created->GetJob());
     EXPECT_EQ(job->GetOverallStatus(), Status::gray);
     EXPECT_FALSE(WaitFor(task, Succeeded)->IsCancelable());
     EXPECT_EQ(job->GetOverallStatus(), Status::green);
@@ -289,8 +285,8 @@ TEST_F(OperationsTest, TaskManagerDescribesATaskWithoutChildren) {
 TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMoveOn) {
     Start(60s);  // runs that end only when cancelled
     Ref<ConversionJobInfo> created = CreateJob("nightly");
-    auto job = Make<ConversionJobStub>(created->GetJob());
-    Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
+    auto job = client_->Make<ConversionJobStub>(created->GetJob());
+    client_->Make<Morphel::Task::TaskStub>(created->GetActiveTask())->Cancel();
     Ref<Dovra::Scheduler::ScheduledTaskInfo> made;
     auto create = [&](Ref<Dovra::Scheduler::ScheduledTaskSpec> spec, Kitra::MoRef* on = nullptr) {
         Ref<Morphel::Task::ScheduledTaskSpec> wrapped(
@@ -343,7 +339,7 @@ TEST_F(OperationsTest, ScheduledRunsStartAtTheirTimeSkipWhileTheJobIsBusyAndMove
     EXPECT_EQ(Scheduled(once.Get())->GetState(), "completed");
     EXPECT_FALSE(Scheduled(once.Get())->GetPrevRunTime().IsSet());
     // Once the run ends it may change: disabled, it starts nothing.
-    Make<Morphel::Task::TaskStub>(ran->GetActiveTask())->Cancel();
+    client_->Make<Morphel::Task::TaskStub>(ran->GetActiveTask())->Cancel();
     EXPECT_EQ(Scheduled(ref.Get())->GetState(), "scheduled");
     ExpectFault<Dovra::Fault::DuplicateName>(
         [&] { client_->scheduled->Reconfigure(ref.Get(), Schedule("once", runAt).Get()); });
@@ -371,7 +367,7 @@ TEST_F(OperationsTest, AFirstRunWaitsForItsTimeOrForResume) {
     EXPECT_EQ(later->GetActiveTask(), nullptr);
     EXPECT_FALSE(later->GetLastRunStartTime().IsSet());
     EXPECT_EQ(later->GetNextRunStartTime().GetValue(), at);
-    Ref<ConversionJobInfo> ran = WaitForRun(Make<ConversionJobStub>(later->GetJob()).Get());
+    Ref<ConversionJobInfo> ran = WaitForRun(client_->Make<ConversionJobStub>(later->GetJob()).Get());
     EXPECT_TRUE(ran->GetLastRunStartTime().IsSet());
     EXPECT_FALSE(ran->GetNextRunStartTime().IsSet());
     EXPECT_EQ(Scheduled(later->GetScheduledTask())->GetState(), "running");
@@ -380,7 +376,7 @@ TEST_F(OperationsTest, AFirstRunWaitsForItsTimeOrForResume) {
     // Moved to an hour from now, then asked to run now.
     Ref<ConversionJobInfo> moved =
         CreateJob("moved", nullptr, [&](auto& spec) { spec.SetFirstRun(InMillis(60'000)); });
-    auto movedJob = Make<ConversionJobStub>(moved->GetJob());
+    auto movedJob = client_->Make<ConversionJobStub>(moved->GetJob());
     using Update = Morphel::Server::Job::Job::JobUpdateSpec;
     Ref<Update> update(new Update()), now(new Update());
     update->SetFirstRun(InMillis(3600'000));
@@ -397,7 +393,7 @@ TEST_F(OperationsTest, AFirstRunWaitsForItsTimeOrForResume) {
         CreateJob("held", nullptr, [](auto& spec) { spec.SetStartSuspended(true); });
     EXPECT_EQ(held->GetState(), "suspended");
     EXPECT_EQ(held->GetActiveTask(), nullptr);
-    auto heldJob = Make<ConversionJobStub>(held->GetJob());
+    auto heldJob = client_->Make<ConversionJobStub>(held->GetJob());
     heldJob->UpdateJobSpec(now.Get(), spec);
     EXPECT_EQ(JobInfo(heldJob.Get())->GetActiveTask(), nullptr);
     heldJob->Resume();
