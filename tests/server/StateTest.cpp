@@ -282,9 +282,7 @@ protected:
     void Sql(const std::string& sql) {
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(Path().c_str(), &db), SQLITE_OK);
-        char* error = nullptr;
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
-        sqlite3_free(error);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
         sqlite3_close(db);
     }
     TempFolder folder_;
@@ -300,8 +298,7 @@ TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
     MorphelServer::SqliteOptions version2;
     version2.version = "version2";
     MorphelServer::NewSqliteState(Path(), version2)->Transact(put);
-    auto state = MorphelServer::NewSqliteState(Path());
-    state->Transact([&](StateTransaction& tx) {
+    MorphelServer::NewSqliteState(Path())->Transact([&](StateTransaction& tx) {
         auto job = tx.FindJob("ConversionJob-1");
         ASSERT_TRUE(job.has_value());
         EXPECT_EQ(job->info->GetOwner(), "ann");
@@ -309,7 +306,6 @@ TEST_F(SqliteStateTest, ReadsEachRecordInTheVersionItWasWrittenIn) {
         EXPECT_FALSE(job->info->GetSource().IsSet());  // version 2 never held it
         put(tx);                                       // written again in version 4
     });
-    state.reset();
     EXPECT_EQ(MorphelServer::NewSqliteState(Path())->Run([](StateTransaction& tx) {
         return tx.FindJob("ConversionJob-1")->info->GetSource().GetValue();
     }),
@@ -328,8 +324,7 @@ TEST_F(SqliteStateTest, AFileOfTheFirstSchemaKeepsItsEventCollectorsAndGainsTheL
     });
     Sql("ALTER TABLE collectors DROP COLUMN kind; DROP TABLE logBundles; DROP TABLE scheduledTasks;"
         "ALTER TABLE tasks DROP COLUMN spec; UPDATE schemaVersion SET version = 1");
-    auto state = MorphelServer::NewSqliteState(Path());
-    state->Transact([](StateTransaction& tx) {
+    MorphelServer::NewSqliteState(Path())->Transact([](StateTransaction& tx) {
         auto c = tx.FindCollector("EventHistoryCollector-1");
         ASSERT_TRUE(c.has_value());
         EXPECT_EQ(c->kind, MorphelServer::CollectorKind::event);
