@@ -24,7 +24,7 @@
 #include <kitra/fault/types.h>
 #include <morphel/types.h>
 
-#include "Sample.h"
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -232,15 +232,9 @@ protected:
         raw.Send(head + more + "\r\n" + body);
         return raw.Read(true);
     }
-    static std::string Body(const std::string& response) { return response.substr(response.find("\r\n\r\n") + 4); }
-    // The request a stub would send for `method` of the object `id` of `type`.
-    static std::string Request(const char* type, const char* id, const char* method, Fundix::RefVector<Kitra::Any> args = {}) {
-        std::string request;
-        Kitra::ManagedMethod* m = Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->FindMethod(method);
-        Kitra::Soap::Codec(kV4).EncodeRequest(Kitra::MoRef(type, id), m, args, request);
-        return request;
+    static std::string Body(const std::string& response) {
+        return response.substr(response.find("\r\n\r\n") + 4);
     }
-
     // What the server logged so far.
     std::vector<std::string> Log() {
         std::lock_guard<std::mutex> lock(logMutex_);
@@ -429,14 +423,15 @@ TEST_F(HttpTest, SessionCheckComesBeforeTheObjectLookupAndQuotedCookiesCount) {
     // A cookie value in double quotes names the same session; the cookie keeps scripts and other sites out.
     Client ann = Connect();
     std::string key = Login(ann, "ann");
-    std::string quoted = Post(Request("morphel.SessionManager", "SessionManager", "currentSession"), "", "Cookie: other=1; kodl_session=\"" + key + "\"\r\n");
+    std::string quoted =
+        Post(WireTest::Request("morphel.SessionManager", "currentSession", {}, "SessionManager"), "",
+             "Cookie: other=1; kodl_session=\"" + key + "\"\r\n");
     EXPECT_EQ(Status(quoted), 200) << quoted;
     EXPECT_NE(quoted.find("ann"), std::string::npos);
-    Fundix::RefVector<Kitra::Any> args;
-    args.push_back(new Kitra::Primitive<std::string>("dan"));
-    args.push_back(new Kitra::Primitive<std::string>("pw"));
-    args.push_back(nullptr);
-    std::string answer = Post(Request("morphel.SessionManager", "SessionManager", "login", args));
+    const std::string answer = Post(WireTest::Request(
+        "morphel.SessionManager", "login",
+        {new Kitra::Primitive<std::string>("dan"), new Kitra::Primitive<std::string>("pw"), nullptr},
+        "SessionManager"));
     EXPECT_TRUE(std::regex_search(
         answer,
         std::regex("\r\nSet-Cookie: kodl_session=[0-9a-f]{32}; Path=/; HttpOnly; SameSite=Strict\r\n")))
@@ -524,7 +519,8 @@ TEST_F(HttpTest, ConnectionCapGracefulStopAndRestart) {
     Raw extra(server_->GetPort());
     EXPECT_EQ(Status(extra.Read()), 503);
     // The connections it holds are still served.
-    std::string request = Request("morphel.ServiceInstance", "ServiceInstance", "retrieveContent");
+    std::string request =
+        WireTest::Request("morphel.ServiceInstance", "retrieveContent", {}, "ServiceInstance");
     held[0]->Send("POST /morphel HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(request.size()) + "\r\n\r\n" + request);
     EXPECT_EQ(Status(held[0]->Read(true)), 200);
     held.clear();

@@ -125,16 +125,8 @@ TEST(BadInput, Limits) {
     Fundix::Ref<Kitra::Array<std::string>> keys(new Kitra::Array<std::string>());
     for (const char* key : {"a", "b", "c"})
         keys->Append(key);
-    Fundix::RefVector<Kitra::Any> args;
-    args.push_back(keys.Get());
-    std::string request;
-    Kitra::Soap::Codec(V(4)).EncodeRequest(Kitra::MoRef("morphel.SessionManager", "s"),
-                                           Kitra::GetTypeMap()
-                                               ->GetType("morphel.SessionManager")
-                                               ->AsManagedObjectType()
-                                               ->FindMethod("terminate"),
-                                           args, request);
-    EXPECT_EQ(Reject(request, 4, limits), "array longer than 2 items @ sessionId");
+    EXPECT_EQ(Reject(Request("morphel.SessionManager", "terminate", {keys.Get()}), 4, limits),
+              "array longer than 2 items @ sessionId");
 
     limits = {};
     limits.maxMessageBytes = 100;

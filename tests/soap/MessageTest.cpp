@@ -64,8 +64,7 @@ TEST(Messages, EveryMethodRequestAndResponseInEveryVersion) {
 
 TEST(Messages, RequestsNameTheirOperationAndTarget) {
     Codec codec(V(2));
-    Kitra::Type* sessions = Kitra::GetTypeMap()->GetType("morphel.SessionManager");
-    Kitra::ManagedMethod* login = sessions->AsManagedObjectType()->FindMethod("login");
+    Kitra::ManagedMethod* login = Method("morphel.SessionManager", "login");
     ASSERT_NE(login, nullptr);
     Fundix::RefVector<Kitra::Any> args;
     args.push_back(new Kitra::Primitive<std::string>("ann"));
@@ -86,9 +85,8 @@ TEST(Messages, RequestsNameTheirOperationAndTarget) {
         [&] { codec.EncodeRequest(Kitra::MoRef("morphel.SessionManager", "s"), login, args, request); });
     ASSERT_NE(fault, nullptr);
     EXPECT_EQ(fault->GetInvalidProperty().GetValue(), "userName");
-    Kitra::ManagedMethod* logout = sessions->AsManagedObjectType()->FindMethod("logout");
     std::string response;
-    codec.EncodeResponse(logout, nullptr, response);
+    codec.EncodeResponse(Method("morphel.SessionManager", "logout"), nullptr, response);
     EXPECT_EQ(Rejection([&] { codec.DecodeResponse(login, response); }).substr(0, 28), "expected a response to Morph");
     std::string wrongTarget;
     args[0] = new Kitra::Primitive<std::string>("ann");
@@ -98,19 +96,15 @@ TEST(Messages, RequestsNameTheirOperationAndTarget) {
 
     // A task method's record names what the task delivers; the answer on the wire is the task's reference
     // (read back for every method above).
-    Kitra::ManagedMethod* convert = Kitra::GetTypeMap()
-                                        ->GetType("morphel.agent.MorphelManager")
-                                        ->AsManagedObjectType()
-                                        ->FindMethod("convert");
-    codec.EncodeResponse(
-        convert, Fundix::Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", "task-5")).Get(), response);
+    codec.EncodeResponse(Method("morphel.agent.MorphelManager", "convert"),
+                         Fundix::Ref<Kitra::MoRef>(new Kitra::MoRef("morphel.task.Task", "task-5")).Get(),
+                         response);
     EXPECT_NE(response.find("type=\"MorphelTask\">task-5</returnval>"), std::string::npos) << response;
 }
 
 TEST(Messages, FaultsComeBackAsTheirOwnClass) {
     Codec codec(V(4));
-    Kitra::ManagedMethod* login =
-        Kitra::GetTypeMap()->GetType("morphel.SessionManager")->AsManagedObjectType()->FindMethod("login");
+    Kitra::ManagedMethod* login = Method("morphel.SessionManager", "login");
     for (Kitra::Type* t : Kitra::GetTypeMap()->GetTypes()) {
         const Kitra::DataObjectType* type = t->AsDataObjectType();
         if (type == nullptr || !type->IsFault() || !codec.Knows(type)) continue;

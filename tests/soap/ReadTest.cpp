@@ -36,7 +36,7 @@ std::string Read(const std::string& message, const std::string& path) {
     }
     for (size_t from = 0; value != nullptr && from <= path.size();) {
         const size_t dot = std::min(path.find('.', from), path.size());
-        value = Get(static_cast<Kitra::DataObject*>(value.Get()), path.substr(from, dot - from));
+        value = Get(value.Get(), path.substr(from, dot - from));
         from = dot + 1;
     }
     if (value == nullptr) return "(unset)";

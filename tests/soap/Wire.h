@@ -42,8 +42,25 @@ inline void Set(Kitra::DataObject* o, const std::string& name, const Kitra::Any*
     o->_GetDataType()->SetPropertyValue(o, Prop(o, name), value);
 }
 
-inline Fundix::Ref<Kitra::Any> Get(const Kitra::DataObject* o, const std::string& name) {
+// A property of `value`, a record.
+inline Fundix::Ref<Kitra::Any> Get(const Kitra::Any* value, const std::string& name) {
+    auto* o = static_cast<const Kitra::DataObject*>(value);
     return o->_GetDataType()->GetPropertyValue(o, Prop(o, name));
+}
+
+inline Kitra::ManagedMethod* Method(const std::string& type, const std::string& name) {
+    return Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->FindMethod(name);
+}
+
+// The request a stub would send for `method` of the object `id` of `type`.
+inline std::string Request(const std::string& type, const std::string& method,
+                           std::initializer_list<Fundix::Ref<Kitra::Any>> args = {},
+                           const std::string& id = "obj-1") {
+    Fundix::RefVector<Kitra::Any> all;
+    all.insert(all.end(), args.begin(), args.end());
+    std::string request;
+    Kitra::Soap::Codec(V(4)).EncodeRequest(Kitra::MoRef(type, id), Method(type, method), all, request);
+    return request;
 }
 
 inline std::string Encode(const Kitra::Any* value, int version = 4) {
