@@ -123,7 +123,7 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
     EXPECT_EQ(query->ValidateAgentAvailability(spec.Get()), Morphel::QueryManager::AgentAvailabilityResult::hyperVNotSupported);
     Ref<Morphel::DiagnosticManagerStub> diag(new Morphel::DiagnosticManagerStub("diag", echo.Get(), nullptr));
-    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "a text long enough for the heap");
+    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "a <b> & \"c\" on the heap 0");
 
     // A result of another class: a type mismatch, and the out-parameter is left as it was.
     echo->answer = new Kitra::MoRef("kodl.ManagedObject", "x");
