@@ -84,34 +84,21 @@ inline Fundix::Ref<Kitra::Any> RoundTrip(const Kitra::Any* value, int version = 
 // the values of one message.
 inline Fundix::Ref<Kitra::Any> One(const Kitra::Type* type, const Kitra::Soap::Codec& codec, int seed = 0) {
     switch (type->GetKind()) {
-        case Kitra::kKindString:
-            return new Kitra::Primitive<std::string>("a <b> & \"c\" on the heap " + std::to_string(seed));
-        case Kitra::kKindInt:
-            return new Kitra::Primitive<int32_t>(-2147483647 - 1 + seed);
-        case Kitra::kKindLong:
-            return new Kitra::Primitive<int64_t>(INT64_MAX - seed);
-        case Kitra::kKindShort:
-            return new Kitra::Primitive<int16_t>(static_cast<int16_t>(-300 + seed));
-        case Kitra::kKindByte:
-            return new Kitra::Primitive<int8_t>(static_cast<int8_t>(-128 + seed));
-        case Kitra::kKindBool:
-            return new Kitra::Primitive<bool>(seed % 2 == 0);
-        case Kitra::kKindFloat:
-            return new Kitra::Primitive<float>(3.4e38f);
-        case Kitra::kKindDouble:
-            return new Kitra::Primitive<double>(-0.1 - seed);
-        case Kitra::kKindDateTime:
-            return new Kitra::Primitive<Fundix::System::DateTime>({2026, 2, 3, 4, 5, 6, 7 + seed});
-        case Kitra::kKindAnyType:
-            return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
-        case Kitra::kKindTypeName:
-            return new Kitra::Primitive<Kitra::TypeName>("morphel.task.Task");
-        case Kitra::kKindPropertyPath:
-            return new Kitra::Primitive<Kitra::PropertyPath>("info.state");
-        case Kitra::kKindEnum: {
-            const Kitra::EnumType* e = type->AsEnumType();
-            return e->CreateBox(static_cast<int32_t>(e->GetValues().size()) - 1);
-        }
+    case Kitra::kKindString:
+        return new Kitra::Primitive<std::string>("a <b> & \"c\" on the heap " + std::to_string(seed));
+    case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(-2147483647 - 1 + seed);
+    case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(INT64_MAX - seed);
+    case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(static_cast<int16_t>(-300 + seed));
+    case Kitra::kKindByte: return new Kitra::Primitive<int8_t>(static_cast<int8_t>(-128 + seed));
+    case Kitra::kKindBool: return new Kitra::Primitive<bool>(seed % 2 == 0);
+    case Kitra::kKindFloat: return new Kitra::Primitive<float>(3.4e38f);
+    case Kitra::kKindDouble: return new Kitra::Primitive<double>(-0.1 - seed);
+    case Kitra::kKindDateTime:
+        return new Kitra::Primitive<Fundix::System::DateTime>({2026, 2, 3, 4, 5, 6, 7 + seed});
+    case Kitra::kKindAnyType: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
+    case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.Task");
+    case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("info.state");
+    case Kitra::kKindEnum: return type->AsEnumType()->CreateBox(type->AsEnumType()->GetValues().size() - 1);
     case Kitra::kKindManaged: return new Kitra::MoRef(type->GetName(), "obj-" + std::to_string(seed));
     default: return Fundix::Ref<Kitra::Any>(MorphelTypesTool::Sample(type->AsDataObjectType(), codec).Get());
     }
