@@ -2,24 +2,13 @@
 // every record; and the exception a call raised.
 #pragma once
 
-#include <optional>
-
 #include <kitra/Kitra.h>
 
 #include "../soap/Wire.h"
 
 namespace Values {
 
-// A copy of what `f` raised as E; nothing when it raised nothing (anything else passes through).
-template <class E, class F>
-std::optional<E> Raised(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e;
-    }
-    return std::nullopt;
-}
+using WireTest::Raised;
 
 inline Kitra::Type* ElementType(const Kitra::TypeInfo* t) {
     return Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t) : Kitra::GetTypeMap()->GetType(t->name);

@@ -109,6 +109,11 @@ TEST(Read, ShortcutsAgreeWithTheGeneralPaths) {
         {WithText(task, "queueTime", "2024-02-29T23:59:59Z"), "queueTime", "2024-02-29T23:59:59Z"},
         {WithText(task, "queueTime", "2026-11-23T10:15:16"), "queueTime", "2026-11-23T10:15:16Z"},
         {WithText(task, "queueTime", "2026-11-23T10:15:16+01:00"), "queueTime", "2026-11-23T09:15:16Z"},
+        {WithText(task, "queueTime", "2026-11-23T00:00:00-00:45"), "queueTime", "2026-11-23T00:45:00Z"},
+        {WithText(task, "queueTime", "2026-11-23T00:00:00+00:45"), "queueTime", "2026-11-22T23:15:00Z"},
+        {WithText(task, "queueTime", "2026-11-23T00:00:00.000005Z"), "queueTime",
+         "2026-11-23T00:00:00.000005Z"},
+        {WithText(task, "queueTime", "2026-11-23T00:00:00.0405Z"), "queueTime", "2026-11-23T00:00:00.0405Z"},
         {WithText(task, "queueTime", "2026-11-23T10:15:16&#x5A;"), "queueTime", "2026-11-23T10:15:16Z"},
         {WithText(task, "startTime", "2026-11-24T00:00:01Z"), "startTime", "2026-11-24T00:00:01Z"},
         // Enumeration values: trimmed, and the same text in two enumerations of one message.

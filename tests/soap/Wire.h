@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -131,6 +132,17 @@ inline std::string Body(const std::string& inner) {
 }
 inline std::string Value(const std::string& type, const std::string& fields) {
     return Body("<value xmlns=\"urn:morphel\" xsi:type=\"" + type + "\">" + fields + "</value>");
+}
+
+// A copy of what `f` raised as E; nothing when it raised nothing (anything else passes through).
+template <class E, class F>
+std::optional<E> Raised(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e;
+    }
+    return std::nullopt;
 }
 
 // Runs `f` and returns the fault it raised as F (failing the test when it raised nothing or another).
