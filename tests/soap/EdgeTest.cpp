@@ -102,20 +102,16 @@ TEST(Records, RequiredFieldAddedLaterFollowsTheMissingRequiredRule) {
 TEST(Values, LexicalFormsRoundTrip) {
     Fundix::Ref<Kitra::DataObject> task = Sample("morphel.task.TaskInfo");
     const std::pair<const char*, Fundix::Ref<Kitra::Any>> values[] = {
-        {"text",
-         new Kitra::Primitive<std::string>(" spaces kept \t\n\r & <tags> \"quotes\" ünïcode 🙂 ")},
+        {"text", new Kitra::Primitive<std::string>(" spaces kept \t\n\r & <tags> \"quotes\" ünïcode 🙂 ")},
         {"double", new Kitra::Primitive<double>(0.1)},
         {"inf", new Kitra::Primitive<double>(-std::numeric_limits<double>::infinity())},
         {"float", new Kitra::Primitive<float>(3.4028235e38f)},
         {"long", new Kitra::Primitive<int64_t>(INT64_MIN)},
-        {"date", new Kitra::Primitive<Fundix::System::DateTime>(
-                     Fundix::System::DateTime(9999, 12, 31, 23, 59, 59, 999999, 90))},
-        {"leading zeros",
-         new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(2026, 11, 23, 0, 0, 0, 5))},
+        {"date", new Kitra::Primitive<Fundix::System::DateTime>(Fundix::System::DateTime(9999, 12, 31, 23, 59, 59, 999999, 90))},
+        {"leading zeros", new Kitra::Primitive<Fundix::System::DateTime>({2026, 11, 23, 0, 0, 0, 5})},
         {"typeName", new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo")},
         {"ref", new Kitra::MoRef("morphel.task.Task", "task-7")},
-        {"foreign ref",
-         new Kitra::MoRef("dovra.Folder", "group-v22")},  // a type this library does not register
+        {"foreign ref", new Kitra::MoRef("dovra.Folder", "group-v22")},  // a type this library does not register
         {"enum", Kitra::GetTypeMap()->GetType("morphel.task.TaskInfo.State")->AsEnumType()->CreateBox(2)},
     };
     for (const auto& [what, value] : values) {
