@@ -36,13 +36,10 @@ Fundix::Ref<Live> MakeLive(const std::string& host, Fundix::Optional<int32_t> po
 }
 
 TEST(DataObjectTest, ConstructionCopyAndArraySetter) {
-    Fundix::Ref<Bundle> empty(new Bundle());
-    EXPECT_EQ(empty->GetKey(), "");
-    EXPECT_EQ(empty->GetTimeCreated(), Fundix::System::DateTime());
-    EXPECT_EQ(empty->GetFormat(), Morphel::DiagnosticManager::BundleFormat::zip);
+    Fundix::Ref<Bundle> empty(new Bundle()),
+        zeros(new Bundle("", {}, Morphel::DiagnosticManager::BundleFormat::zip, {}, 0, 0));
+    EXPECT_TRUE(empty->_IsEqual(zeros.Get(), false));
     EXPECT_EQ(empty->GetContent(), nullptr);
-    EXPECT_EQ(empty->GetSize(), 0);
-    EXPECT_EQ(empty->GetCrc(), 0);
 
     Fundix::Ref<Bundle> bundle = MakeBundle();
     EXPECT_EQ(bundle->GetKey(), "bundle-1");
