@@ -6,6 +6,7 @@
 
 #include "fundix/Exception.h"
 #include "fundix/Functor.h"
+#include "fundix/PanicAssert.h"
 
 using namespace Fundix;
 
@@ -59,6 +60,17 @@ TEST(FunctorTest, CallsWrappedCallableOrThrowsWhenEmpty) {
     } catch (const InvalidArgumentException& e) {
         EXPECT_EQ(e.GetMessage(), "empty functor");
     }
+}
+
+TEST(PanicAssertDeathTest, WritesOneLineAndAborts) {
+    // Other suites start threads; re-executing the binary for the death test keeps that safe.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Fundix::PanicAssert("x > 0", "src/thing.cpp", 42),
+                 "^panic: x > 0 \\(src/thing\\.cpp:42\\)\n$");
+
+    int items = 2;
+    FUNDIX_ASSERT(items == 2);
+    EXPECT_DEATH(FUNDIX_ASSERT(items == 3), "panic: items == 3 \\(.*ExceptionTest\\.cpp:[0-9]+\\)");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The generated data-object classes: construction, copies, comparison, differences, size, the property
-// functions reached through the type, and who holds which reference.
+// functions reached through the type, and who holds which reference; the containers and casts as a C++
+// programmer expects them: indexes past the end raise the library's exception, arrays of records take only
+// records of their element type, and a mismatch names both types by their wire names.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +12,10 @@
 #include <kitra/Kitra.h>
 #include <morphel/info/types.h>
 #include <morphel/params/types.h>
+#include <morphel/task/types.h>
 #include <morphel/types.h>
+
+#include "Values.h"
 
 namespace {
 
@@ -215,6 +220,52 @@ TEST(DataObjectTest, ReferencesTakenAndReleased) {
         EXPECT_EQ(vm->GetRefCount(), 1);
     }
     EXPECT_EQ(connection->GetRefCount(), 1);
+}
+
+TEST(ApiTest, IndexesPastTheEndRaiseTheLibrarysException) {
+    Fundix::Ref<Kitra::Array<int32_t>> numbers(new Kitra::Array<int32_t>());
+    numbers->Append(1);
+    EXPECT_EQ(numbers->Get(0), 1);
+    EXPECT_THROW(numbers->Get(1), Fundix::InvalidArgumentException);
+    EXPECT_THROW(numbers->Set(1, 2), Fundix::InvalidArgumentException);
+    EXPECT_THROW(numbers->GetBoxed(5), Fundix::InvalidArgumentException);
+    Fundix::Ref<Kitra::Array<bool>> flags(new Kitra::Array<bool>());
+    flags->Append(true);
+    EXPECT_TRUE(flags->Get(0));
+    EXPECT_THROW(flags->Get(1), Fundix::InvalidArgumentException);
+    Fundix::Ref<Kitra::DataArray<Bundle>> bundles(new Kitra::DataArray<Bundle>());
+    EXPECT_THROW(bundles->Get(0), Fundix::InvalidArgumentException);
+    EXPECT_THROW(bundles->GetAny(0), Fundix::InvalidArgumentException);
+    EXPECT_EQ(Values::Raised<Fundix::InvalidArgumentException>([&] { numbers->Get(4); }).value().GetMessage(),
+              "index 4 out of range: the array holds 1");
+}
+
+// Arrays of records take their element type or a class derived from it (the object model's ArrayTest);
+// references and records do not mix either way.
+TEST(ApiTest, ArraysOfRecordsTakeOnlyTheirElementType) {
+    Fundix::Ref<Kitra::DataArray<Morphel::ComputerSpec::ComputerLocation>> locations(
+        new Kitra::DataArray<Morphel::ComputerSpec::ComputerLocation>());
+    Fundix::Ref<Bundle> bundle(new Bundle());
+    Fundix::Ref<Kitra::MoRef> ref(new Kitra::MoRef("morphel.task.Task", "t"));
+    EXPECT_THROW(locations->AppendAny(ref.Get()), Fundix::TypeMismatchException);
+    Fundix::Ref<Kitra::DataArray<Kitra::MoRef>> refs(new Kitra::DataArray<Kitra::MoRef>());
+    refs->AppendAny(ref.Get());
+    EXPECT_THROW(refs->AppendAny(bundle.Get()), Fundix::TypeMismatchException);
+}
+
+TEST(ApiTest, MismatchesNameBothTypesByWireName) {
+    // Records by their wire names, both of them, as the codec's text helpers show; here the other kinds.
+    Fundix::Ref<Bundle> bundle(new Bundle());
+    Kitra::Any* any = bundle.Get();
+    auto expected = [](auto call) {
+        return Values::Raised<Fundix::TypeMismatchException>(call).value().GetExpected();
+    };
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<int32_t>>(any); }), "int");
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::MoRef>(any); }), "ManagedObjectReference");
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::DataArray<Bundle>>(any); }),
+              Kitra::GetType<Bundle>()->GetArrayType()->GetName());
+    EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<Morphel::Task::TaskInfo::State>>(any); }),
+              "morphel.task.TaskInfo.State");
 }
 
 }  // namespace
