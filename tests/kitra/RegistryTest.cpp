@@ -31,6 +31,8 @@ TEST(VersionMapTest, RepeatedAdditionsAndInclusion) {
     // Any other value for a known name is refused, and the first values stay.
     EXPECT_THROW(map->AddVersion("regtest.v1", "regtest", "1.1", false, "dovra.Task", false, "regtest"),
                  Fundix::InvalidArgumentException);
+    EXPECT_THROW(map->AddVersion("regtest.v1", "regtest", "1.0", true, "dovra.Task", false, "regtest"),
+                 Fundix::InvalidArgumentException);
     EXPECT_THROW(map->AddVersion("regtest.v1", "regtest", "1.0", false, "dovra.Task", false, "other"),
                  Fundix::InvalidArgumentException);
     const Kitra::Version* v1 = map->GetVersion("regtest.v1");
