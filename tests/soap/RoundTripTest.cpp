@@ -69,8 +69,7 @@ using Fundix::Ref;
 
 Ref<Morphel::SSLCertificateData> Certificate(const std::vector<int8_t>& bytes) {
     Ref<Kitra::Array<int8_t>> data(new Kitra::Array<int8_t>());
-    for (int8_t b : bytes)
-        data->Append(b);
+    for (int8_t b : bytes) data->Append(b);
     return new Morphel::SSLCertificateData(data.Get());
 }
 
@@ -89,8 +88,9 @@ TEST(Text, ShortVersionNamesAndOneCallHelpers) {
     EXPECT_THROW(Kitra::Soap::Codec("version9"), Fundix::InvalidArgumentException);
     EXPECT_THROW(Kitra::Soap::Codec(""), Fundix::InvalidArgumentException);
 
-    Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(new Morphel::ComputerSpec::LiveComputerLocation(
-        "src", 902, Fundix::Optional<std::string>("admin"), {}, "windowsOs", true, {})));
+    Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec(
+        new Morphel::ComputerSpec::LiveComputerLocation("src", 902, Fundix::Optional<std::string>("admin"), {},
+                                                        "windowsOs", true, {})));
     std::string text = Kitra::Soap::ToText(spec.Get(), "version2");
     EXPECT_EQ(text, Encode(spec.Get(), 2));
     EXPECT_EQ(shortName.ToText(spec.Get()), text);
@@ -103,9 +103,7 @@ TEST(Text, ShortVersionNamesAndOneCallHelpers) {
     ASSERT_TRUE(mismatch);
     EXPECT_EQ(mismatch->GetExpected(), "morphel.SSLCertificateData");
     EXPECT_EQ(mismatch->GetReceived(), "morphel.ComputerSpec");
-    EXPECT_NE(
-        FaultOf<Kitra::Fault::InvalidRequest>([&] { shortName.FromText<Morphel::ComputerSpec>("<x/>"); }),
-        nullptr);
+    EXPECT_NE(FaultOf<Kitra::Fault::InvalidRequest>([&] { shortName.FromText<Morphel::ComputerSpec>("<x/>"); }), nullptr);
 }
 
 TEST(Text, ByteArraysOfEveryLength) {
@@ -115,17 +113,14 @@ TEST(Text, ByteArraysOfEveryLength) {
     EXPECT_EQ(DataText(Encode(Certificate({'M'}).Get())), "TQ==");
     EXPECT_EQ(DataText(Encode(Certificate({'M', 'a', 'n', 'M'}).Get())), "TWFuTQ==");
     EXPECT_EQ(DataText(Encode(Certificate({-1, -2, -3}).Get())), "//79");
-    auto data = [](const Kitra::Any* v) {
-        return static_cast<const Morphel::SSLCertificateData*>(v)->GetData();
-    };
+    auto data = [](const Kitra::Any* v) { return static_cast<const Morphel::SSLCertificateData*>(v)->GetData(); };
     Ref<Kitra::Any> man = Decode(Value("MorphelSSLCertificateData", "<data>TWFu</data>"));
     ASSERT_NE(data(man.Get()), nullptr);
     EXPECT_EQ(data(man.Get())->GetValues(), (std::vector<int8_t>{'M', 'a', 'n'}));
 
     for (size_t n = 0; n <= 7; ++n) {
         std::vector<int8_t> bytes;
-        for (size_t i = 0; i < n; ++i)
-            bytes.push_back(static_cast<int8_t>(0xF0 - 37 * i));  // high bits set too
+        for (size_t i = 0; i < n; ++i) bytes.push_back(static_cast<int8_t>(0xF0 - 37 * i));  // high bits set too
         Ref<Morphel::SSLCertificateData> value = Certificate(bytes);
         Ref<Kitra::Any> back = RoundTrip(value.Get());
         const Kitra::Array<int8_t>* read = data(back.Get());
@@ -133,10 +128,8 @@ TEST(Text, ByteArraysOfEveryLength) {
         EXPECT_EQ(got, bytes) << n << " bytes";
         // An empty array is not written at all.
         std::string text = DataText(Encode(value.Get()));
-        if (n == 0)
-            EXPECT_EQ(text, "(none)");
-        else
-            EXPECT_EQ(text.size(), (n + 2) / 3 * 4) << n << " bytes";
+        if (n == 0) EXPECT_EQ(text, "(none)");
+        else EXPECT_EQ(text.size(), (n + 2) / 3 * 4) << n << " bytes";
     }
 }
 
