@@ -78,7 +78,7 @@ TEST(RegistrationTest, ModulesHoldTheirTypesInCatalogueOrder) {
             }
         }
     }
-    EXPECT_EQ(managed, 31u);  // the enumerations are EnumTest's
+    EXPECT_EQ(managed, 31u);  // the enumerations have their own table below
 }
 
 TEST(RegistrationTest, VersionsAndTheirInclusions) {
