@@ -14,14 +14,17 @@
 #include <kitra/fault/types.h>
 #include <morphel/morphelTypes.h>
 
-#include "Values.h"
+#include "../soap/Wire.h"
 
 namespace {
 
 using Fundix::Ref;
 using Kitra::Any;
 
-using Values::ElementType;
+Kitra::Type* ElementType(const Kitra::TypeInfo* t) {
+    return Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t)
+                                           : Kitra::GetTypeMap()->GetType(t->name);
+}
 
 // True when `value` may travel where a record of type `t` with `flags` is declared.
 bool Fits(const Any* value, const Kitra::TypeInfo* t, uint32_t flags) {
@@ -64,7 +67,7 @@ public:
         }
         if (count != args.size()) problems.push_back(method->GetWireName() + " argument count");
         received = args;
-        result = answer ? *answer : Values::Sample(d.result, d.resultFlags & 1);
+        result = answer ? *answer : WireTest::Argument(d.result, d.resultFlags & 1);
     }
     std::atomic<int> calls{0};
     std::optional<Ref<Any>> answer;  // given, it replaces the value of the declared result type
@@ -97,7 +100,7 @@ TEST(CallTest, EveryMethodOfEveryManagedTypeRoundTrips) {
             for (const auto* p = d.params; p != nullptr && p->name != nullptr; ++p, ++i) {
                 // Every second optional parameter stays unset: a null slot, never a shorter vector.
                 bool unset = (p->flags & Kitra::kFlagOptional) && i % 2 == 1;
-                args.push_back(unset ? nullptr : Values::Sample(p->type, p->flags));
+                args.push_back(unset ? nullptr : WireTest::Argument(p->type, p->flags));
             }
             Ref<Any> result;
             int before = echo->calls;
@@ -136,7 +139,7 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     echo->answer = Ref<Any>();
     query->Query(spec.Get(), info);
     EXPECT_EQ(info.Get(), nullptr);
-    auto noResult = Values::Raised<Kitra::Fault::InvalidArgument::Exception>(
+    auto noResult = WireTest::Raised<Kitra::Fault::InvalidArgument::Exception>(
         [&] { diag->RetrieveTaskLogBundle("key", 0, 4096); });
     ASSERT_TRUE(noResult);
     EXPECT_EQ(noResult->GetFault()->GetInvalidProperty(), "result");
@@ -160,7 +163,7 @@ public:
 // The wire name that the NotImplemented fault of `call` names.
 template <class F>
 std::string NotImplementedMethod(F call) {
-    auto e = Values::Raised<Kitra::Fault::NotImplemented::Exception>(call).value();
+    auto e = WireTest::Raised<Kitra::Fault::NotImplemented::Exception>(call).value();
     EXPECT_STREQ(e.what(), "kodl.fault.NotImplemented");
     return e.GetFault()->GetMethod();
 }
@@ -286,7 +289,7 @@ TEST(CallTest, InProcessStubsFollowTheRegistrations) {
 
     // Gone: the call fails as before, naming the object; back again: it succeeds.
     local->Unregister("tasks");
-    auto gone = Values::Raised<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { stub->GetMaxTask(); });
+    auto gone = WireTest::Raised<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { stub->GetMaxTask(); });
     ASSERT_TRUE(gone);
     EXPECT_EQ(gone->GetFault()->GetObj()->GetId(), "tasks");
     EXPECT_EQ(gone->GetFault()->GetObj()->GetTypeName(), "morphel.task.TaskManager");
@@ -311,7 +314,7 @@ TEST(CallTest, InProcessStubsFollowTheRegistrations) {
     // An object of another managed type under the identifier.
     Ref<RewindingCollector> collector(new RewindingCollector());
     local->Register("tasks", collector.Get());
-    auto mismatch = Values::Raised<Fundix::TypeMismatchException>([&] { stub->GetMaxTask(); });
+    auto mismatch = WireTest::Raised<Fundix::TypeMismatchException>([&] { stub->GetMaxTask(); });
     ASSERT_TRUE(mismatch);
     EXPECT_EQ(mismatch->GetExpected(), "morphel.task.TaskManager");  // the wire name, not the C++ class
 

@@ -15,7 +15,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-#include "Values.h"
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -236,8 +236,9 @@ TEST(ApiTest, IndexesPastTheEndRaiseTheLibrarysException) {
     Fundix::Ref<Kitra::DataArray<Bundle>> bundles(new Kitra::DataArray<Bundle>());
     EXPECT_THROW(bundles->Get(0), Fundix::InvalidArgumentException);
     EXPECT_THROW(bundles->GetAny(0), Fundix::InvalidArgumentException);
-    EXPECT_EQ(Values::Raised<Fundix::InvalidArgumentException>([&] { numbers->Get(4); }).value().GetMessage(),
-              "index 4 out of range: the array holds 1");
+    EXPECT_EQ(
+        WireTest::Raised<Fundix::InvalidArgumentException>([&] { numbers->Get(4); }).value().GetMessage(),
+        "index 4 out of range: the array holds 1");
 }
 
 // Arrays of records take their element type or a class derived from it (the object model's ArrayTest);
@@ -258,7 +259,7 @@ TEST(ApiTest, MismatchesNameBothTypesByWireName) {
     Fundix::Ref<Bundle> bundle(new Bundle());
     Kitra::Any* any = bundle.Get();
     auto expected = [](auto call) {
-        return Values::Raised<Fundix::TypeMismatchException>(call).value().GetExpected();
+        return WireTest::Raised<Fundix::TypeMismatchException>(call).value().GetExpected();
     };
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::Primitive<int32_t>>(any); }), "int");
     EXPECT_EQ(expected([&] { Kitra::CheckedCast<Kitra::MoRef>(any); }), "ManagedObjectReference");

@@ -9,7 +9,7 @@
 #include <kitra/Kitra.h>
 #include <morphel/types.h>
 
-#include "Values.h"
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -139,7 +139,7 @@ TEST(RecordTest, EveryDataRecordIsCompleteAndKeepsWhatIsSetInIt) {
         std::vector<Fundix::Ref<Kitra::Any>> values;
         for (size_t i = 0; i < all.size(); ++i) {
             SCOPED_TRACE(all[i].info->name);
-            values.push_back(Values::Sample(all[i].info->type, all[i].info->flags));
+            values.push_back(WireTest::Argument(all[i].info->type, all[i].info->flags));
             ASSERT_TRUE(values.back());
             ASSERT_NO_THROW(data->SetPropertyValue(object.Get(), static_cast<int>(i), values.back().Get()));
         }

@@ -17,7 +17,7 @@
 #include <morphel/task/types.h>
 #include <morphel/types.h>
 
-#include "Values.h"
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -169,7 +169,7 @@ using State = Morphel::Task::TaskInfo::State;
 // The message of the InvalidArgumentException `f` raised.
 template <class F>
 std::string InvalidArgumentMessage(F&& f) {
-    return Values::Raised<Fundix::InvalidArgumentException>(f).value().what();
+    return WireTest::Raised<Fundix::InvalidArgumentException>(f).value().what();
 }
 
 // Conversion both ways and the refusals are checked for every enumeration below, and the typed helpers on a

@@ -116,6 +116,13 @@ inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t fl
     return Fundix::Ref<Kitra::Any>(array.Get());
 }
 
+// The same with the latest version's samples, for records that walk every field, parameter or result: nothing
+// where no type is named.
+inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t flags) {
+    static const Kitra::Soap::Codec latest(V(4));
+    return info == nullptr ? nullptr : Argument(info, flags, latest);
+}
+
 // `message` with the first element `tag` (attributes and all) given as `element` instead.
 inline std::string Replaced(std::string message, const std::string& tag, const std::string& element) {
     const size_t at = std::min(message.find("<" + tag + ">"), message.find("<" + tag + " "));
