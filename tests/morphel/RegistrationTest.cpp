@@ -188,16 +188,15 @@ TEST(EnumTest, EveryEnumerationAsRegistered) {
     struct Row {
         const char* wireName;
         int version;
-        const char* values;  // in declaration order; null where the texts are the implementer's
-        size_t count;
+        const char* values;  // in declaration order; null where the texts are the implementer's (nine)
     };
     const Row rows[] = {
         {"morphel.ComputerSpec.HostedVmLocation.VmType", 1,
-         "tarnVM microsoftVirtualPCVM parallelsVM tarnQuillBackup livestateBackup shadowProtectBackup acronisBackup", 7},
+         "tarnVM microsoftVirtualPCVM parallelsVM tarnQuillBackup livestateBackup shadowProtectBackup acronisBackup"},
         {"morphel.DiagnosticManager.BundleContent", 1,
-         "agentLogs agentDeploymentLogs sysinfoLogs serverLogs clientLogs helperVMLogs workerLogs", 7},
-        {"morphel.DiagnosticManager.BundleFormat", 1, "zip", 1},
-        {"morphel.QueryManager.AgentAvailabilityResult", 1, "available rebootRequired hyperVNotSupported", 3},
+         "agentLogs agentDeploymentLogs sysinfoLogs serverLogs clientLogs helperVMLogs workerLogs"},
+        {"morphel.DiagnosticManager.BundleFormat", 1, "zip"},
+        {"morphel.QueryManager.AgentAvailabilityResult", 1, "available rebootRequired hyperVNotSupported"},
         {"morphel.agent.internal.CompatibilityError", 1,
          "IMPORT_SLAVE_INCOMPATIBLE IMPORT_SOURCE_MANAGED_HOST_NOT_FOUND IMPORT_SOURCE_MANAGED_HOST_BAD_CREDENTIALS "
          "IMPORT_SOURCE_MANAGED_HOST_NO_PERMISSION IMPORT_SOURCE_HOST_NOT_CONNECTED IMPORT_SOURCE_V2I_NO_IMPORT "
@@ -209,54 +208,50 @@ TEST(EnumTest, EveryEnumerationAsRegistered) {
          "IMPORT_DEST_FOLDER_NOT_FOUND IMPORT_DEST_HOST_MAINTENANCE_MODE IMPORT_DEST_HOST_NOT_CONNECTED "
          "IMPORT_DEST_NO_FOREIGN_FORMAT_LINK IMPORT_DEST_VHD_DISK_AND_VOLUME_SELECTION "
          "CUSTOMIZATION_SYSPREP_FILES_INCOMPATIBLE IMPORT_DEST_DATASTORE_READONLY_FOR_HOST IMPORT_INCOMPATIBLE "
-         "TOTAL_COMPATIBILITY_ERROR_VALUES",
-         29},
-        {"morphel.agent.internal.DiskAttachPoint.BusType", 1, "IDE SCSI", 2},
+         "TOTAL_COMPATIBILITY_ERROR_VALUES"},
+        {"morphel.agent.internal.DiskAttachPoint.BusType", 1, "IDE SCSI"},
         {"morphel.agent.internal.DiskAttachPoint.Origin", 1,
          "FROM_CONFIG_INFO EXPLICITLY_REQUESTED ALLOCATED_AS_FIRST_FREE CHANGED_BUS_TYPE CHANGED_INVALID_BUS_OR_UNIT "
-         "CHANGED_TO_AVOID_DUPLICATE SHIFTED_TO_MAINTAIN_BOOT_ORDER",
-         7},
+         "CHANGED_TO_AVOID_DUPLICATE SHIFTED_TO_MAINTAIN_BOOT_ORDER"},
         {"morphel.agent.internal.OsInfo.OsFamily", 1,
-         "NO_OS WINDOWS WIN9X_DOS LINUX NETWARE SOLARIS FREEBSD OS2 DARWIN OTHER", 10},
-        {"morphel.event.Event.Type", 1, "info warning error", 3},
-        {"morphel.info.BootConfigInfo.BootLoaderType", 1, "bootIni bcd grub", 3},
-        {"morphel.info.ComputerOsInfo.OsType", 1, "otherOs windowsOs linuxOs solarisOs", 4},
+         "NO_OS WINDOWS WIN9X_DOS LINUX NETWARE SOLARIS FREEBSD OS2 DARWIN OTHER"},
+        {"morphel.event.Event.Type", 1, "info warning error"},
+        {"morphel.info.BootConfigInfo.BootLoaderType", 1, "bootIni bcd grub"},
+        {"morphel.info.ComputerOsInfo.OsType", 1, "otherOs windowsOs linuxOs solarisOs"},
         {"morphel.info.ComputerOsInfo.OsVersion.OsDistribution", 1,
-         "otherDistro redHatDistro redHatEnterpriseLinuxDistro openSuseDistro suseLinuxEnterpriseDistro ubuntuDistro",
-         6},
-        {"morphel.info.DiskAttachPoint.ControllerType", 1, "ide scsi", 2},
+         "otherDistro redHatDistro redHatEnterpriseLinuxDistro openSuseDistro suseLinuxEnterpriseDistro ubuntuDistro"},
+        {"morphel.info.DiskAttachPoint.ControllerType", 1, "ide scsi"},
         {"morphel.info.HyperVInventoryInfo.HyperVInventoryVirtualMachineItem.PowerState", 1,
-         "poweredOn poweredOff suspended busy unknown", 5},
-        {"morphel.info.NetworkInfo.HostedNicInfo.ConnectionType", 1, "bridged nat hostonly", 3},
-        {"morphel.info.PropertyInfo.SeverityLevel", 1, "info warning error", 3},
-        {"morphel.info.ReconfigPrerequisites.HotfixType", 1, "hotfixOrServicePack plainFile", 2},
+         "poweredOn poweredOff suspended busy unknown"},
+        {"morphel.info.NetworkInfo.HostedNicInfo.ConnectionType", 1, "bridged nat hostonly"},
+        {"morphel.info.PropertyInfo.SeverityLevel", 1, "info warning error"},
+        {"morphel.info.ReconfigPrerequisites.HotfixType", 1, "hotfixOrServicePack plainFile"},
         {"morphel.info.ServiceInfo.ServiceState", 1,
-         "stopped startPending stopPending running continuePending pausePending paused", 7},
-        {"morphel.info.ServiceStartType", 1, "autoStart bootStart systemStart manual disabled", 5},
-        {"morphel.info.SnapshotInfo.BackupType", 1, "fullP2V incrementalP2V", 2},
-        {"morphel.info.SnapshotInfo.SnapshotType", 1, "backupSnapshot bootableSnapshot regular", 3},
-        {"morphel.info.SupportedSources.SourceType", 1, "local live managed hosted ovf hyperv", 6},
-        {"morphel.info.SupportedTargets.ProductType", 1, "hosted managed ovf", 3},
+         "stopped startPending stopPending running continuePending pausePending paused"},
+        {"morphel.info.ServiceStartType", 1, "autoStart bootStart systemStart manual disabled"},
+        {"morphel.info.SnapshotInfo.BackupType", 1, "fullP2V incrementalP2V"},
+        {"morphel.info.SnapshotInfo.SnapshotType", 1, "backupSnapshot bootableSnapshot regular"},
+        {"morphel.info.SupportedSources.SourceType", 1, "local live managed hosted ovf hyperv"},
+        {"morphel.info.SupportedTargets.ProductType", 1, "hosted managed ovf"},
         {"morphel.params.StorageParams.CloningMode", 1,
-         "diskBasedCloning volumeBasedCloning linkedClone writeToSourceDisk", 4},
+         "diskBasedCloning volumeBasedCloning linkedClone writeToSourceDisk"},
         {"morphel.params.StorageParams.DiskControllerType", 1,
-         "keepSource ide scsiBusLogic scsiLsiLogic scsiLsiLogicSAS", 5},
+         "keepSource ide scsiBusLogic scsiLsiLogic scsiLsiLogicSAS"},
         {"morphel.params.StorageParams.DiskCreateType", 1,
          "monolithicFlat monolithicSparse twoGbFlat twoGbSparse kelfsMonolithicFlat kelfsMonolithicFlatThinProvisioned "
-         "kelfsTwoGbFlat kelfsTwoGbFlatThinProvisioned compressedQDSK",
-         9},
-        {"morphel.params.TargetVmSpec.ProductVersion", 1, nullptr, 9},
-        {"morphel.params.ThrottlingParams.CpuThrottling", 2, "none light medium", 3},
-        {"morphel.server.AgentManager.DeploymentStatus", 1, "completed rebootRequired rebootInitiated", 3},
-        {"morphel.server.ManagedEntity.Status", 2, "green yellow red gray", 4},
-        {"morphel.server.job.Job.ActiveTaskHandling", 2, "failIfActiveTask cancelActiveTask", 2},
-        {"morphel.server.job.JobFilterSpec.TimeOption", 1, "createdTime lastRunStartedTime lastRunCompletedTime", 3},
-        {"morphel.server.job.JobInfo.State", 2, "active suspended deactivated", 3},
-        {"morphel.server.protection.ProtectionJob.RunSpec.BackupType", 2, "Full Incremental", 2},
-        {"morphel.server.protection.TargetStatistics.BandwidthUsageStatus", 1, "green yellow red", 3},
-        {"morphel.tallow.VmProtectionInfo.ReplicationMechanism", 2, "none sanReplication lumaReplication", 3},
-        {"morphel.task.TaskFilterSpec.TimeOption", 1, "queuedTime startedTime completedTime", 3},
-        {"morphel.task.TaskInfo.State", 1, "queued running success error", 4},
+         "kelfsTwoGbFlat kelfsTwoGbFlatThinProvisioned compressedQDSK"},
+        {"morphel.params.TargetVmSpec.ProductVersion", 1, nullptr},
+        {"morphel.params.ThrottlingParams.CpuThrottling", 2, "none light medium"},
+        {"morphel.server.AgentManager.DeploymentStatus", 1, "completed rebootRequired rebootInitiated"},
+        {"morphel.server.ManagedEntity.Status", 2, "green yellow red gray"},
+        {"morphel.server.job.Job.ActiveTaskHandling", 2, "failIfActiveTask cancelActiveTask"},
+        {"morphel.server.job.JobFilterSpec.TimeOption", 1, "createdTime lastRunStartedTime lastRunCompletedTime"},
+        {"morphel.server.job.JobInfo.State", 2, "active suspended deactivated"},
+        {"morphel.server.protection.ProtectionJob.RunSpec.BackupType", 2, "Full Incremental"},
+        {"morphel.server.protection.TargetStatistics.BandwidthUsageStatus", 1, "green yellow red"},
+        {"morphel.tallow.VmProtectionInfo.ReplicationMechanism", 2, "none sanReplication lumaReplication"},
+        {"morphel.task.TaskFilterSpec.TimeOption", 1, "queuedTime startedTime completedTime"},
+        {"morphel.task.TaskInfo.State", 1, "queued running success error"},
     };
 
     std::set<std::string> expectedNames;
@@ -269,7 +264,7 @@ TEST(EnumTest, EveryEnumerationAsRegistered) {
         EXPECT_EQ(type->GetVersion(), "morphel.version.version" + std::to_string(row.version));
         Kitra::EnumType* e = type->AsEnumType();
         ASSERT_NE(e, nullptr);
-        EXPECT_EQ(e->GetValues().size(), row.count);
+        EXPECT_EQ(e->GetValues().size(), row.values != nullptr ? e->GetValues().size() : 9u);
         std::string joined;
         for (const std::string& v : e->GetValues())
             joined += (joined.empty() ? "" : " ") + v;
