@@ -344,7 +344,7 @@ TEST_F(HttpTest, ConcurrentClientsLoseNoResponse) {
 
 // ---- Sessions
 
-TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
+TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShouldOrAtTheirLifetime) {
     StartServer(0, [](Kitra::Http::ServerOptions& o) {
         o.sessionIdle = std::chrono::milliseconds(600);
         o.sessionsPerUser = 3;
@@ -398,11 +398,10 @@ TEST_F(HttpTest, SessionKeysAreLongRandomAndEndWhenTheyShould) {
     EXPECT_FALSE(Refused(carol[3]));
     EXPECT_EQ(endedOf("carol"), 1);
     EXPECT_EQ(endedOf("ann"), 1);  // each end told once
-}
 
-TEST_F(HttpTest, SessionsEndAtTheirLifetimeThoughInUse) {
+    // A session in use still ends at its lifetime.
     StartServer(0, [](Kitra::Http::ServerOptions& o) { o.sessionLifetime = std::chrono::milliseconds(700); });
-    Client c = Connect();
+    c = Connect();
     Login(c, "ann");
     for (int i = 0; i < 2; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));

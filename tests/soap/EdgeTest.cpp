@@ -52,7 +52,7 @@ TEST(Polymorphism, SubclassesInPlacesOfTheirBase) {
     }
 }
 
-TEST(Records, EmptyAndSparseRecordsRoundTrip) {
+TEST(Records, EmptySparseAndArrayLessRecordsRoundTripAndNamesAsDeclared) {
     for (const char* type : {"morphel.params.ConversionParams", "morphel.server.conversion.ConversionParamsUpdateSpec",
                              "morphel.ComputerSpec.ManagedVmLocation"}) {
         SCOPED_TRACE(type);
@@ -67,9 +67,7 @@ TEST(Records, EmptyAndSparseRecordsRoundTrip) {
     Fundix::Ref<Kitra::DataObject> note = Sample("morphel.propertyInfo.VolumeBasedSkipResize");
     Set(note.Get(), "message", nullptr);
     EXPECT_TRUE(note->_IsEqual(RoundTrip(note.Get()).Get(), false));
-}
 
-TEST(Records, ArraysNullEmptyAndRequiredAndNamesAsDeclared) {
     // An empty array and a null one are the same on the wire.
     Fundix::Ref<Kitra::DataObject> a = Sample("morphel.ComputerSpec.OvfVmLocation");
     Fundix::Ref<Kitra::DataObject> b = Sample("morphel.ComputerSpec.OvfVmLocation");
