@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <string>
 
 #include "fundix/Exception.h"
 #include "fundix/Functor.h"
+#include "fundix/MessageFormatter.h"
+#include "fundix/PanicAssert.h"
 
 using namespace Fundix;
 
@@ -59,6 +62,42 @@ TEST(FunctorTest, CallsWrappedCallableOrThrowsWhenEmpty) {
     } catch (const InvalidArgumentException& e) {
         EXPECT_EQ(e.GetMessage(), "empty functor");
     }
+}
+
+TEST(PanicAssertDeathTest, WritesOneLineAndAborts) {
+    // Other suites start threads; re-executing the binary for the death test keeps that safe.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Fundix::PanicAssert("x > 0", "src/thing.cpp", 42),
+                 "^panic: x > 0 \\(src/thing\\.cpp:42\\)\n$");
+
+    int items = 2;
+    FUNDIX_ASSERT(items == 2);
+    EXPECT_DEATH(FUNDIX_ASSERT(items == 3), "panic: items == 3 \\(.*ExceptionTest\\.cpp:[0-9]+\\)");
+}
+
+TEST(MessageFormatterTest, ReplacesNumberedPlaceholdersOnly) {
+    EXPECT_EQ(MessageFormatter::Format("%2 before %1", {"one", "two"}), "two before one");
+    EXPECT_EQ(MessageFormatter::Format("%1%1", {"ab"}), "abab");
+    EXPECT_EQ(MessageFormatter::Format("no placeholders", {"unused"}), "no placeholders");
+    // Arguments are inserted verbatim, never rescanned.
+    EXPECT_EQ(MessageFormatter::Format("%1 %2", {"%2", "x"}), "%2 x");
+    EXPECT_EQ(MessageFormatter::Format("%9", {"1", "2", "3", "4", "5", "6", "7", "8", "nine"}), "nine");
+    // Unmatched percent signs are left alone.
+    EXPECT_EQ(MessageFormatter::Format("%1 and %3", {"a", "b"}), "a and %3");
+    EXPECT_EQ(MessageFormatter::Format("100%% of %1", {"x"}), "100% of x");
+    EXPECT_EQ(MessageFormatter::Format("%%1", {"x"}), "%1");
+    EXPECT_EQ(MessageFormatter::Format("%0 %x %", {"x"}), "%0 %x %");
+    EXPECT_EQ(MessageFormatter::Format("%10", {"a"}), "a0");
+    EXPECT_EQ(MessageFormatter::Format("", {}), "");
+}
+
+TEST(MessageFormatterTest, FormatValuesConvertsArguments) {
+    const std::string name = "rows";
+    EXPECT_EQ(MessageFormatter::FormatValues("%1 %2 (%3, %4)", name, -12,
+                                             std::uint64_t{18446744073709551615u}, "literal"),
+              "rows -12 (18446744073709551615, literal)");
+    EXPECT_EQ(MessageFormatter::FormatValues("%1/%2/%3", true, 'c', std::string_view("v")), "true/c/v");
+    EXPECT_EQ(MessageFormatter::FormatValues("plain %1"), "plain %1");
 }
 
 }  // namespace

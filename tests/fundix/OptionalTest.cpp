@@ -72,10 +72,6 @@ TEST(OptionalStringTest, UnsetAndEmptyDiffer) {
     EXPECT_EQ(empty.GetPtr(), nullptr);
 }
 
-}  // namespace
-
-namespace {
-
 // A pointer (a string literal above all) never becomes a bool, and nothing narrows without a cast;
 // conversions that lose nothing still work.
 static_assert(!std::is_constructible_v<Fundix::Optional<bool>, const char*>);

@@ -77,7 +77,6 @@ TEST(ValueHelpersTest, ComparisonAndDiffOfHeldValues) {
     EXPECT_EQ(set.Size(), 3u);
     // It iterates like a standard container.
     EXPECT_EQ(std::vector<std::string>(set.begin(), set.end()), set.Paths());
-    EXPECT_EQ(set.size(), 3u);
     EXPECT_FALSE(set.empty());
     EXPECT_FALSE(set.Contains(".d"));
     set.Clear();

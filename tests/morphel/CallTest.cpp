@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -13,14 +14,17 @@
 #include <kitra/fault/types.h>
 #include <morphel/morphelTypes.h>
 
-#include "Values.h"
+#include "../soap/Wire.h"
 
 namespace {
 
 using Fundix::Ref;
 using Kitra::Any;
 
-using Values::ElementType;
+Kitra::Type* ElementType(const Kitra::TypeInfo* t) {
+    return Kitra::IsPrimitiveKind(t->kind) ? Kitra::GetPrimitiveType(t)
+                                           : Kitra::GetTypeMap()->GetType(t->name);
+}
 
 // True when `value` may travel where a record of type `t` with `flags` is declared.
 bool Fits(const Any* value, const Kitra::TypeInfo* t, uint32_t flags) {
@@ -63,13 +67,10 @@ public:
         }
         if (count != args.size()) problems.push_back(method->GetWireName() + " argument count");
         received = args;
-        if (nullResult) result = nullptr;
-        else if (wrongResult) result = new Kitra::MoRef("kodl.ManagedObject", "x");
-        else result = Values::Sample(d.result, d.resultFlags & 1);
+        result = answer ? *answer : WireTest::Argument(d.result, d.resultFlags & 1);
     }
-    int calls = 0;
-    bool wrongResult = false;
-    bool nullResult = false;
+    std::atomic<int> calls{0};
+    std::optional<Ref<Any>> answer;  // given, it replaces the value of the declared result type
     std::vector<std::string> problems;
     Fundix::RefVector<Any> received;
 };
@@ -99,7 +100,7 @@ TEST(CallTest, EveryMethodOfEveryManagedTypeRoundTrips) {
             for (const auto* p = d.params; p != nullptr && p->name != nullptr; ++p, ++i) {
                 // Every second optional parameter stays unset: a null slot, never a shorter vector.
                 bool unset = (p->flags & Kitra::kFlagOptional) && i % 2 == 1;
-                args.push_back(unset ? nullptr : Values::Sample(p->type, p->flags));
+                args.push_back(unset ? nullptr : WireTest::Argument(p->type, p->flags));
             }
             Ref<Any> result;
             int before = echo->calls;
@@ -125,30 +126,32 @@ TEST(CallTest, TypedStubsUnboxAndReportFaults) {
     Ref<Morphel::ComputerSpec> spec(new Morphel::ComputerSpec());
     EXPECT_EQ(query->ValidateAgentAvailability(spec.Get()), Morphel::QueryManager::AgentAvailabilityResult::hyperVNotSupported);
     Ref<Morphel::DiagnosticManagerStub> diag(new Morphel::DiagnosticManagerStub("diag", echo.Get(), nullptr));
-    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "a text long enough for the heap");
+    EXPECT_EQ(diag->RetrieveTaskLogBundle("key", 0, 4096), "a <b> & \"c\" on the heap 0");
 
     // A result of another class: a type mismatch, and the out-parameter is left as it was.
-    echo->wrongResult = true;
+    echo->answer = new Kitra::MoRef("kodl.ManagedObject", "x");
     Ref<Morphel::Info::ComputerInfo> info(new Morphel::Info::ComputerInfo());
     EXPECT_THROW(query->Query(spec.Get(), info), Fundix::TypeMismatchException);
     EXPECT_NE(info.Get(), nullptr);
     EXPECT_THROW(query->ValidateAgentAvailability(spec.Get()), Fundix::TypeMismatchException);
 
     // An absent result: a null out-reference without a fault, but a fault where a value is due.
-    echo->wrongResult = false;
-    echo->nullResult = true;
+    echo->answer = Ref<Any>();
     query->Query(spec.Get(), info);
     EXPECT_EQ(info.Get(), nullptr);
-    auto noResult = Values::Raised<Kitra::Fault::InvalidArgument::Exception>(
+    auto noResult = WireTest::Raised<Kitra::Fault::InvalidArgument::Exception>(
         [&] { diag->RetrieveTaskLogBundle("key", 0, 4096); });
     ASSERT_TRUE(noResult);
     EXPECT_EQ(noResult->GetFault()->GetInvalidProperty(), "result");
 }
 
 // Implementations over the generated bases: each overrides only what it serves.
-class MaxOnlyTaskManager : public Morphel::Task::TaskManagerBase {
+class CountingTaskManager : public Morphel::Task::TaskManagerBase {
 public:
-    int32_t GetMaxTask() override { return 42; }
+    explicit CountingTaskManager(int32_t max) : max(max) {}
+    int32_t GetMaxTask() override { return max; }
+    void SetMaxTask(int32_t value) override { max = value; }
+    int32_t max;
 };
 
 class RewindingCollector : public Morphel::Event::EventHistoryCollectorBase {
@@ -157,29 +160,25 @@ public:
     int rewinds = 0;
 };
 
-// The wire name that the NotImplemented fault of `call` names; empty when the call raised none.
+// The wire name that the NotImplemented fault of `call` names.
 template <class F>
 std::string NotImplementedMethod(F call) {
-    try {
-        call();
-    } catch (const Kitra::Fault::NotImplemented::Exception& e) {
-        EXPECT_STREQ(e.what(), "kodl.fault.NotImplemented");
-        return e.GetFault()->GetMethod();
-    }
-    return "";
+    auto e = WireTest::Raised<Kitra::Fault::NotImplemented::Exception>(call).value();
+    EXPECT_STREQ(e.what(), "kodl.fault.NotImplemented");
+    return e.GetFault()->GetMethod();
 }
 
 TEST(CallTest, ImplementationBasesRaiseNotImplementedNamingTheOperation) {
     Ref<Kitra::LocalStubAdapter> local(new Kitra::LocalStubAdapter());
-    Ref<MaxOnlyTaskManager> tasks(new MaxOnlyTaskManager());
+    Ref<CountingTaskManager> tasks(new CountingTaskManager(42));
     local->Register("tasks", tasks.Get());
     Ref<Morphel::Task::TaskManagerStub> stub(new Morphel::Task::TaskManagerStub("tasks", local.Get(), nullptr));
     EXPECT_EQ(stub->GetMaxTask(), 42);
 
     Ref<Morphel::Task::TaskInfo> info;
     Ref<Kitra::MoRef> task(new Kitra::MoRef("morphel.task.Task", "task-1"));
-    EXPECT_EQ(NotImplementedMethod([&] { stub->GetTaskInfo(task.Get(), info); }), "morphel.task.TaskManager.getTaskInfo");
-    EXPECT_EQ(NotImplementedMethod([&] { stub->SetMaxTask(3); }), "morphel.task.TaskManager.setMaxTask");
+    EXPECT_EQ(NotImplementedMethod([&] { stub->GetTaskInfo(task.Get(), info); }),
+              "morphel.task.TaskManager.getTaskInfo");
     EXPECT_EQ(NotImplementedMethod([&] { stub->GetMaxCollector(); }), "morphel.task.TaskManager.maxCollector");
     Ref<Kitra::DataArray<Kitra::MoRef>> recent;
     EXPECT_EQ(NotImplementedMethod([&] { tasks->GetRecentTask(recent); }), "morphel.task.TaskManager.recentTask");
@@ -205,22 +204,8 @@ TEST(CallTest, ImplementationBasesRaiseNotImplementedNamingTheOperation) {
     EXPECT_EQ(method, "morphel.task.TaskManager.destroyTask");
 }
 
-// Answers every call with `answer` and counts the calls.
-class AnswerAdapter : public Kitra::StubAdapter {
-public:
-    void Invoke(const std::string&, Kitra::ManagedMethod*, Fundix::RefVector<Any>&, Ref<Any>& result,
-                Kitra::RequestContext*) override {
-        ++calls;
-        result = answer;
-    }
-    Ref<Any> answer;
-    std::atomic<int> calls{0};
-};
-
 Kitra::ManagedMethod* MethodNamed(const char* type, const char* name) {
-    for (Kitra::ManagedMethod* m : Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->GetMethods())
-        if (std::string(m->GetName()) == name) return m;
-    return nullptr;
+    return Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->FindMethod(name);
 }
 
 // The failure a started task call hands to its completion, as text; "task <id>" for a task reference.
@@ -239,7 +224,7 @@ std::string StartTask(Kitra::StubImpl& stub, Kitra::ManagedMethod* method, Fundi
 }
 
 TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
-    Ref<AnswerAdapter> adapter(new AnswerAdapter());
+    Ref<EchoAdapter> adapter(new EchoAdapter());
     Ref<Morphel::Agent::MorphelManagerStub> manager(new Morphel::Agent::MorphelManagerStub("agent", adapter.Get(), nullptr));
     Kitra::ManagedMethod* convert = MethodNamed("morphel.agent.MorphelManager", "convert");
     ASSERT_NE(convert, nullptr);
@@ -263,7 +248,7 @@ TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
     EXPECT_THROW(manager->_Invoke_Task(convert, args, task), Fundix::TypeMismatchException);
     EXPECT_EQ(task->GetId(), "task-9");
     EXPECT_EQ(StartTask(*manager, convert, args).rfind("type mismatch", 0), 0u) << StartTask(*manager, convert, args);
-    adapter->answer = nullptr;
+    adapter->answer = Ref<Any>();
     EXPECT_THROW(manager->_Invoke_Task(convert, args, task), Kitra::Fault::InvalidArgument::Exception);
     EXPECT_EQ(task->GetId(), "task-9");
     EXPECT_EQ(StartTask(*manager, convert, args), "kodl.fault.InvalidArgument");
@@ -280,14 +265,6 @@ TEST(CallTest, TaskMethodsHandBackTheStartedTask) {
     EXPECT_FALSE(item);
     EXPECT_EQ(adapter->calls, before);
 }
-
-class CountingTaskManager : public Morphel::Task::TaskManagerBase {
-public:
-    explicit CountingTaskManager(int32_t max) : max(max) {}
-    int32_t GetMaxTask() override { return max; }
-    void SetMaxTask(int32_t value) override { max = value; }
-    int32_t max;
-};
 
 // An in-process stub resolves its implementation once and again only when the registrations change.
 TEST(CallTest, InProcessStubsFollowTheRegistrations) {
@@ -312,7 +289,7 @@ TEST(CallTest, InProcessStubsFollowTheRegistrations) {
 
     // Gone: the call fails as before, naming the object; back again: it succeeds.
     local->Unregister("tasks");
-    auto gone = Values::Raised<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { stub->GetMaxTask(); });
+    auto gone = WireTest::Raised<Kitra::Fault::ManagedObjectNotFound::Exception>([&] { stub->GetMaxTask(); });
     ASSERT_TRUE(gone);
     EXPECT_EQ(gone->GetFault()->GetObj()->GetId(), "tasks");
     EXPECT_EQ(gone->GetFault()->GetObj()->GetTypeName(), "morphel.task.TaskManager");
@@ -337,7 +314,7 @@ TEST(CallTest, InProcessStubsFollowTheRegistrations) {
     // An object of another managed type under the identifier.
     Ref<RewindingCollector> collector(new RewindingCollector());
     local->Register("tasks", collector.Get());
-    auto mismatch = Values::Raised<Fundix::TypeMismatchException>([&] { stub->GetMaxTask(); });
+    auto mismatch = WireTest::Raised<Fundix::TypeMismatchException>([&] { stub->GetMaxTask(); });
     ASSERT_TRUE(mismatch);
     EXPECT_EQ(mismatch->GetExpected(), "morphel.task.TaskManager");  // the wire name, not the C++ class
 

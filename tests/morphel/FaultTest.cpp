@@ -19,7 +19,7 @@ namespace AF = Morphel::Agent::Internal::Fault;
 
 // Raises `fault` through its base pointer and reports whether a handler for H caught it.
 template <class H>
-bool CaughtAs(Kitra::MethodFault* fault) {
+bool CaughtAs(Fundix::Ref<Kitra::MethodFault> fault) {
     try {
         fault->Throw();
     } catch (H&) {
@@ -32,7 +32,7 @@ bool CaughtAs(Kitra::MethodFault* fault) {
 
 // True when a handler for each of H catches `fault`; false when any does not.
 template <class... H>
-bool CaughtAsEach(Kitra::MethodFault* fault) {
+bool CaughtAsEach(Fundix::Ref<Kitra::MethodFault> fault) {
     return (CaughtAs<H>(fault) && ...);
 }
 
@@ -62,35 +62,27 @@ TEST(FaultTest, RaisedThroughTheBaseAndCaughtAlongTheChain) {
     EXPECT_STREQ(none.what(), "kodl.MethodFault");
 }
 
-TEST(FaultTest, FaultsOutsideTheProgramRoot) {
-    Fundix::Ref<Kitra::MethodFault> propertyInfo(new MF::PropertyInfoFault());
-    EXPECT_FALSE(CaughtAs<Kitra::RuntimeFault::Exception>(propertyInfo.Get()));
-    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(propertyInfo.Get()));
-    EXPECT_TRUE(
-        (CaughtAsEach<MF::PropertyInfoFault::Exception, Kitra::MethodFault::Exception>(propertyInfo.Get())));
+TEST(FaultTest, FamiliesAndFaultsOutsideTheProgramRootCatchAlongTheirOwnChain) {
+    EXPECT_FALSE(CaughtAs<Kitra::RuntimeFault::Exception>(new MF::PropertyInfoFault()));
+    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(new MF::PropertyInfoFault()));
+    EXPECT_TRUE((CaughtAsEach<MF::PropertyInfoFault::Exception, Kitra::MethodFault::Exception>(
+        new MF::PropertyInfoFault())));
+    EXPECT_TRUE(CaughtAs<Kitra::RuntimeFault::Exception>(new AF::PlatformError(5)));
+    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(new AF::PlatformError(5)));
+    EXPECT_FALSE(
+        CaughtAs<MF::FileNotFound::Exception>(new MF::MorphelFault()));  // a base is not its subclass
 
-    Fundix::Ref<Kitra::MethodFault> platform(new AF::PlatformError(5));
-    EXPECT_TRUE(CaughtAs<Kitra::RuntimeFault::Exception>(platform.Get()));
-    EXPECT_FALSE(CaughtAs<MF::MorphelFault::Exception>(platform.Get()));
-    // A base is not caught as its subclass.
-    Fundix::Ref<Kitra::MethodFault> root(new MF::MorphelFault());
-    EXPECT_FALSE(CaughtAs<MF::FileNotFound::Exception>(root.Get()));
-}
-
-TEST(FaultTest, FamiliesCatchTheirMembers) {
-    Fundix::Ref<Kitra::MethodFault> agent(new MF::NoHostConnectionFromAgent("agent-host"));
-    EXPECT_TRUE((CaughtAsEach<MF::NoHostConnection::Exception, MF::ConnectionFault::Exception>(agent.Get())));
-    Fundix::Ref<Kitra::MethodFault> scsi(new AF::NoAttachPointForDiskMigratedToScsi());
+    EXPECT_TRUE((CaughtAsEach<MF::NoHostConnection::Exception, MF::ConnectionFault::Exception>(
+        new MF::NoHostConnectionFromAgent("agent-host"))));
     EXPECT_TRUE(
         (CaughtAsEach<AF::InsufficientScsiAttachPoints::Exception,
                       AF::InsufficientMassStorageBusAttachPoints::Exception, MF::MorphelFault::Exception>(
-            scsi.Get())));
-    EXPECT_FALSE(CaughtAs<AF::InsufficientIdeAttachPoints::Exception>(scsi.Get()));
-    Fundix::Ref<MF::OvfImportSourceNotFound> ovf(new MF::OvfImportSourceNotFound("pkg.ovf"));
-    EXPECT_TRUE(
-        (CaughtAsEach<MF::ImportSourceNotFound::Exception, MF::ImportSourceFault::Exception>(ovf.Get())));
-    Fundix::Ref<Kitra::MethodFault> notAdmin(new MF::ImportSourceLiveNotAdmin());
-    EXPECT_TRUE(CaughtAs<MF::ImportSourceNoPermission::Exception>(notAdmin.Get()));
+            new AF::NoAttachPointForDiskMigratedToScsi())));
+    EXPECT_FALSE(
+        CaughtAs<AF::InsufficientIdeAttachPoints::Exception>(new AF::NoAttachPointForDiskMigratedToScsi()));
+    EXPECT_TRUE((CaughtAsEach<MF::ImportSourceNotFound::Exception, MF::ImportSourceFault::Exception>(
+        new MF::OvfImportSourceNotFound("pkg.ovf"))));
+    EXPECT_TRUE(CaughtAs<MF::ImportSourceNoPermission::Exception>(new MF::ImportSourceLiveNotAdmin()));
     EXPECT_EQ(Kitra::GetType<MF::ImportSourceLiveNotAdmin>()->GetBaseType(),
               Kitra::GetType<MF::ImportSourceNoPermission>());
 }

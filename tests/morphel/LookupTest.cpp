@@ -14,11 +14,23 @@ using Morphel::Info::StorageInfo;
 using Morphel::Params::StorageParams;
 namespace Util = Morphel::MorphelTypesUtil;
 
+// An array of records of class T, one per identifier, each given its identifier through `set`.
+template <class T>
+Ref<Kitra::DataArray<T>> Items(std::initializer_list<const char*> ids, void (T::*set)(const std::string&)) {
+    Ref<Kitra::DataArray<T>> array(new Kitra::DataArray<T>());
+    for (const char* id : ids) {
+        Ref<T> item(new T());
+        (item.Get()->*set)(id);
+        array->Append(item.Get());
+    }
+    return array;
+}
+
 // Hardware whose storage has volumes with these ids (and partition types, where given).
 Ref<ComputerHardwareInfo> Hardware(std::initializer_list<std::pair<std::string, int>> volumes, bool withArray = true) {
     Ref<StorageInfo> storage(new StorageInfo());
     if (withArray) {
-        Ref<Kitra::DataArray<StorageInfo::VolumeInfo>> array(new Kitra::DataArray<StorageInfo::VolumeInfo>());
+        auto array = Items<StorageInfo::VolumeInfo>({}, &StorageInfo::VolumeInfo::SetVolumeId);
         for (const auto& [id, type] : volumes) {
             Ref<StorageInfo::VolumeInfo> v(new StorageInfo::VolumeInfo());
             v->SetVolumeId(id);
@@ -26,13 +38,7 @@ Ref<ComputerHardwareInfo> Hardware(std::initializer_list<std::pair<std::string, 
             array->Append(v.Get());
         }
         storage->SetVolume(array.Get());
-        Ref<Kitra::DataArray<StorageInfo::DiskInfo>> disks(new Kitra::DataArray<StorageInfo::DiskInfo>());
-        for (const char* id : {"disk-0", "disk-1", "disk-1"}) {
-            Ref<StorageInfo::DiskInfo> d(new StorageInfo::DiskInfo());
-            d->SetDiskId(id);
-            disks->Append(d.Get());
-        }
-        storage->SetDisk(disks.Get());
+        storage->SetDisk(Items({"disk-0", "disk-1", "disk-1"}, &StorageInfo::DiskInfo::SetDiskId).Get());
     }
     Ref<ComputerHardwareInfo> hardware(new ComputerHardwareInfo());
     hardware->SetStorage(storage.Get());
@@ -71,16 +77,9 @@ TEST(Lookup, GptIsRecognisedFromVolumesOnly) {
 
 Ref<StorageParams::TargetDiskParams> TargetDisk(std::initializer_list<const char*> sourceVolumes, bool withArray) {
     Ref<StorageParams::TargetDiskParams> disk(new StorageParams::TargetDiskParams());
-    if (withArray) {
-        Ref<Kitra::DataArray<StorageParams::VolumeCloningParams>> volumes(
-            new Kitra::DataArray<StorageParams::VolumeCloningParams>());
-        for (const char* id : sourceVolumes) {
-            Ref<StorageParams::VolumeCloningParams> v(new StorageParams::VolumeCloningParams());
-            v->SetSourceVolumeId(id);
-            volumes->Append(v.Get());
-        }
-        disk->SetVolumesToClone(volumes.Get());
-    }
+    if (withArray)
+        disk->SetVolumesToClone(
+            Items(sourceVolumes, &StorageParams::VolumeCloningParams::SetSourceVolumeId).Get());
     return disk;
 }
 
@@ -108,12 +107,7 @@ TEST(Lookup, VolumesToCloneAcrossTargetDisks) {
 
 TEST(Lookup, VolumeMappingsOfAgentCloningParams) {
     using Morphel::Agent::Params::StorageMapping;
-    Ref<Kitra::DataArray<StorageMapping::VolumeMapping>> mappings(new Kitra::DataArray<StorageMapping::VolumeMapping>());
-    for (const char* id : {"vol-a", "vol-b", "vol-a"}) {
-        Ref<StorageMapping::VolumeMapping> m(new StorageMapping::VolumeMapping());
-        m->SetSourceVolumeId(id);
-        mappings->Append(m.Get());
-    }
+    auto mappings = Items({"vol-a", "vol-b", "vol-a"}, &StorageMapping::VolumeMapping::SetSourceVolumeId);
     Ref<StorageMapping> mapping(new StorageMapping());
     mapping->SetVolumeMapping(mappings.Get());
     Ref<Morphel::Agent::Params::AgentCloningParams> params(new Morphel::Agent::Params::AgentCloningParams());

@@ -1,4 +1,5 @@
-// What the library leaves in the process-wide maps once it is loaded.
+// What the library leaves in the process-wide maps once it is loaded; the enumerations' registered value
+// texts, and conversion between texts and values.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,9 +8,16 @@
 #include <string>
 #include <vector>
 
+#include <fundix/Exception.h>
 #include <kitra/Kitra.h>
+#include <morphel/agent/internal/types.h>
+#include <morphel/info/types.h>
+#include <morphel/server/job/types.h>
+#include <morphel/server/protection/types.h>
 #include <morphel/task/types.h>
 #include <morphel/types.h>
+
+#include "../soap/Wire.h"
 
 namespace {
 
@@ -70,7 +78,7 @@ TEST(RegistrationTest, ModulesHoldTheirTypesInCatalogueOrder) {
             }
         }
     }
-    EXPECT_EQ(managed, 31u);  // the enumerations are EnumTest's
+    EXPECT_EQ(managed, 31u);  // the enumerations have their own table below
 }
 
 TEST(RegistrationTest, VersionsAndTheirInclusions) {
@@ -149,15 +157,146 @@ TEST(RegistrationTest, VersionsAndTheirInclusions) {
     EXPECT_FALSE(map->IsIncluded(m + "3", d + "8"));
 }
 
-// Every record's instances name their type (RecordTest); here the names a program may reach a type by.
-TEST(RegistrationTest, TypeLookupIsCached) {
-    Kitra::Type* type = Kitra::GetType<Morphel::ComputerSpec_LiveComputerLocation>();
-    ASSERT_NE(type, nullptr);
-    EXPECT_EQ(Kitra::GetType<Morphel::ComputerSpec::LiveComputerLocation>(), type);
-    EXPECT_EQ(Kitra::GetTypeMap()->GetType("morphel.ComputerSpec.LiveComputerLocation"), type);
-    Kitra::Type* state = Kitra::GetType<Morphel::Task::TaskInfo::State>();
-    EXPECT_EQ(state, Kitra::GetType<Morphel::Task::TaskInfo_State>());
-    EXPECT_STREQ(state->GetWsdlName(), "MorphelTaskInfoState");
+// Every record's instances name their type (RecordTest); here a type reached by its class and by its name.
+TEST(RegistrationTest, TypeLookupByClassAndByName) {
+    EXPECT_EQ(Kitra::GetTypeMap()->GetType("morphel.ComputerSpec.LiveComputerLocation"),
+              Kitra::GetType<Morphel::ComputerSpec::LiveComputerLocation>());
+    EXPECT_STREQ(Kitra::GetType<Morphel::Task::TaskInfo::State>()->GetWsdlName(), "MorphelTaskInfoState");
+}
+
+using State = Morphel::Task::TaskInfo::State;
+
+// The message of the InvalidArgumentException `f` raised.
+template <class F>
+std::string InvalidArgumentMessage(F&& f) {
+    return WireTest::Raised<Fundix::InvalidArgumentException>(f).value().what();
+}
+
+// Conversion both ways and the refusals are checked for every enumeration below, and the typed helpers on a
+// hand-made one in the object model's tests; here the exported constants and a box of another enumeration.
+TEST(EnumTest, ConstantsAndForeignBoxesOfTaskState) {
+    const char* const constants[] = {Morphel::Task::TaskInfo::STATE_QUEUED, Morphel::Task::TaskInfo::STATE_RUNNING,
+                                     Morphel::Task::TaskInfo::STATE_SUCCESS, Morphel::Task::TaskInfo::STATE_ERROR};
+    EXPECT_EQ(Kitra::GetType<State>()->AsEnumType()->GetValues(),
+              std::vector<std::string>(constants, constants + 4));
+    Fundix::Ref<Kitra::Any> foreign(new Kitra::Primitive<Morphel::Server::Job::JobInfo::State>(
+        Morphel::Server::Job::JobInfo::State::active));
+    EXPECT_THROW(Kitra::GetType<State>()->AsEnumType()->BoxedValueToText(foreign.Get()), Fundix::TypeMismatchException);
+}
+
+TEST(EnumTest, EveryEnumerationAsRegistered) {
+    struct Row {
+        const char* wireName;
+        int version;
+        const char* values;  // in declaration order; null where the texts are the implementer's (nine)
+    };
+    const Row rows[] = {
+        {"morphel.ComputerSpec.HostedVmLocation.VmType", 1,
+         "tarnVM microsoftVirtualPCVM parallelsVM tarnQuillBackup livestateBackup shadowProtectBackup acronisBackup"},
+        {"morphel.DiagnosticManager.BundleContent", 1,
+         "agentLogs agentDeploymentLogs sysinfoLogs serverLogs clientLogs helperVMLogs workerLogs"},
+        {"morphel.DiagnosticManager.BundleFormat", 1, "zip"},
+        {"morphel.QueryManager.AgentAvailabilityResult", 1, "available rebootRequired hyperVNotSupported"},
+        {"morphel.agent.internal.CompatibilityError", 1,
+         "IMPORT_SLAVE_INCOMPATIBLE IMPORT_SOURCE_MANAGED_HOST_NOT_FOUND IMPORT_SOURCE_MANAGED_HOST_BAD_CREDENTIALS "
+         "IMPORT_SOURCE_MANAGED_HOST_NO_PERMISSION IMPORT_SOURCE_HOST_NOT_CONNECTED IMPORT_SOURCE_V2I_NO_IMPORT "
+         "IMPORT_SOURCE_VPC_CONFIG_FILE_PARSE_ERROR IMPORT_DEST_MANAGED_HOST_NOT_FOUND "
+         "IMPORT_DEST_MANAGED_HOST_BAD_CREDENTIALS IMPORT_DEST_MANAGED_HOST_NO_PERMISSION IMPORT_DEST_ALREADY_EXISTS "
+         "IMPORT_DEST_NO_PERMISSION IMPORT_DEST_NOT_FOUND IMPORT_DEST_INCOMPATIBLE_DISK_TYPE "
+         "IMPORT_DEST_DOWN_HW_LEVEL_LINK IMPORT_DEST_UP_HW_LEVEL_LINK IMPORT_DEST_HOST_NOT_FOUND "
+         "IMPORT_DEST_HOST_NOT_UNIQUE IMPORT_DEST_RESOURCE_POOL_NOT_FOUND IMPORT_DEST_DATASTORE_NOT_FOUND "
+         "IMPORT_DEST_FOLDER_NOT_FOUND IMPORT_DEST_HOST_MAINTENANCE_MODE IMPORT_DEST_HOST_NOT_CONNECTED "
+         "IMPORT_DEST_NO_FOREIGN_FORMAT_LINK IMPORT_DEST_VHD_DISK_AND_VOLUME_SELECTION "
+         "CUSTOMIZATION_SYSPREP_FILES_INCOMPATIBLE IMPORT_DEST_DATASTORE_READONLY_FOR_HOST IMPORT_INCOMPATIBLE "
+         "TOTAL_COMPATIBILITY_ERROR_VALUES"},
+        {"morphel.agent.internal.DiskAttachPoint.BusType", 1, "IDE SCSI"},
+        {"morphel.agent.internal.DiskAttachPoint.Origin", 1,
+         "FROM_CONFIG_INFO EXPLICITLY_REQUESTED ALLOCATED_AS_FIRST_FREE CHANGED_BUS_TYPE CHANGED_INVALID_BUS_OR_UNIT "
+         "CHANGED_TO_AVOID_DUPLICATE SHIFTED_TO_MAINTAIN_BOOT_ORDER"},
+        {"morphel.agent.internal.OsInfo.OsFamily", 1,
+         "NO_OS WINDOWS WIN9X_DOS LINUX NETWARE SOLARIS FREEBSD OS2 DARWIN OTHER"},
+        {"morphel.event.Event.Type", 1, "info warning error"},
+        {"morphel.info.BootConfigInfo.BootLoaderType", 1, "bootIni bcd grub"},
+        {"morphel.info.ComputerOsInfo.OsType", 1, "otherOs windowsOs linuxOs solarisOs"},
+        {"morphel.info.ComputerOsInfo.OsVersion.OsDistribution", 1,
+         "otherDistro redHatDistro redHatEnterpriseLinuxDistro openSuseDistro suseLinuxEnterpriseDistro ubuntuDistro"},
+        {"morphel.info.DiskAttachPoint.ControllerType", 1, "ide scsi"},
+        {"morphel.info.HyperVInventoryInfo.HyperVInventoryVirtualMachineItem.PowerState", 1,
+         "poweredOn poweredOff suspended busy unknown"},
+        {"morphel.info.NetworkInfo.HostedNicInfo.ConnectionType", 1, "bridged nat hostonly"},
+        {"morphel.info.PropertyInfo.SeverityLevel", 1, "info warning error"},
+        {"morphel.info.ReconfigPrerequisites.HotfixType", 1, "hotfixOrServicePack plainFile"},
+        {"morphel.info.ServiceInfo.ServiceState", 1,
+         "stopped startPending stopPending running continuePending pausePending paused"},
+        {"morphel.info.ServiceStartType", 1, "autoStart bootStart systemStart manual disabled"},
+        {"morphel.info.SnapshotInfo.BackupType", 1, "fullP2V incrementalP2V"},
+        {"morphel.info.SnapshotInfo.SnapshotType", 1, "backupSnapshot bootableSnapshot regular"},
+        {"morphel.info.SupportedSources.SourceType", 1, "local live managed hosted ovf hyperv"},
+        {"morphel.info.SupportedTargets.ProductType", 1, "hosted managed ovf"},
+        {"morphel.params.StorageParams.CloningMode", 1,
+         "diskBasedCloning volumeBasedCloning linkedClone writeToSourceDisk"},
+        {"morphel.params.StorageParams.DiskControllerType", 1,
+         "keepSource ide scsiBusLogic scsiLsiLogic scsiLsiLogicSAS"},
+        {"morphel.params.StorageParams.DiskCreateType", 1,
+         "monolithicFlat monolithicSparse twoGbFlat twoGbSparse kelfsMonolithicFlat kelfsMonolithicFlatThinProvisioned "
+         "kelfsTwoGbFlat kelfsTwoGbFlatThinProvisioned compressedQDSK"},
+        {"morphel.params.TargetVmSpec.ProductVersion", 1, nullptr},
+        {"morphel.params.ThrottlingParams.CpuThrottling", 2, "none light medium"},
+        {"morphel.server.AgentManager.DeploymentStatus", 1, "completed rebootRequired rebootInitiated"},
+        {"morphel.server.ManagedEntity.Status", 2, "green yellow red gray"},
+        {"morphel.server.job.Job.ActiveTaskHandling", 2, "failIfActiveTask cancelActiveTask"},
+        {"morphel.server.job.JobFilterSpec.TimeOption", 1, "createdTime lastRunStartedTime lastRunCompletedTime"},
+        {"morphel.server.job.JobInfo.State", 2, "active suspended deactivated"},
+        {"morphel.server.protection.ProtectionJob.RunSpec.BackupType", 2, "Full Incremental"},
+        {"morphel.server.protection.TargetStatistics.BandwidthUsageStatus", 1, "green yellow red"},
+        {"morphel.tallow.VmProtectionInfo.ReplicationMechanism", 2, "none sanReplication lumaReplication"},
+        {"morphel.task.TaskFilterSpec.TimeOption", 1, "queuedTime startedTime completedTime"},
+        {"morphel.task.TaskInfo.State", 1, "queued running success error"},
+    };
+
+    std::set<std::string> expectedNames;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.wireName);
+        expectedNames.insert(row.wireName);
+        Kitra::Type* type = Kitra::GetTypeMap()->GetType(row.wireName);
+        ASSERT_NE(type, nullptr);
+        ASSERT_EQ(type->GetKind(), Kitra::kKindEnum);
+        EXPECT_EQ(type->GetVersion(), "morphel.version.version" + std::to_string(row.version));
+        Kitra::EnumType* e = type->AsEnumType();
+        ASSERT_NE(e, nullptr);
+        EXPECT_EQ(e->GetValues().size(), row.values != nullptr ? e->GetValues().size() : 9u);
+        std::string joined;
+        for (const std::string& v : e->GetValues())
+            joined += (joined.empty() ? "" : " ") + v;
+        EXPECT_EQ(joined, row.values != nullptr ? std::string(row.values) : joined);
+    }
+
+    // Every registered enumeration is one of these, and each converts both ways for all its values.
+    std::set<std::string> registered;
+    for (Kitra::Type* type : Kitra::GetTypeMap()->GetTypes()) {
+        if (type->GetKind() != Kitra::kKindEnum || std::string(type->GetName()).rfind("morphel.", 0) != 0) continue;
+        SCOPED_TRACE(type->GetName());
+        registered.insert(type->GetName());
+        Kitra::EnumType* e = type->AsEnumType();
+        ASSERT_NE(e, nullptr);
+        EXPECT_FALSE(e->IsValidText(""));
+        EXPECT_EQ(InvalidArgumentMessage([&] { e->TextToValue(""); }), "");
+        const auto& values = e->GetValues();
+        EXPECT_EQ(std::set<std::string>(values.begin(), values.end()).size(), values.size()) << "repeated text";
+        for (size_t i = 0; i < values.size(); ++i) {
+            EXPECT_EQ(e->TextToValue(values[i]), static_cast<int32_t>(i));
+            EXPECT_EQ(e->ValueToText(static_cast<int32_t>(i)), values[i]);
+            Fundix::Ref<Kitra::Any> box = e->CreateBox(static_cast<int32_t>(i));
+            EXPECT_EQ(box->_GetType(), type);
+            EXPECT_EQ(e->BoxedValueToText(box.Get()), values[i]);
+        }
+        const int32_t past = static_cast<int32_t>(values.size());
+        EXPECT_EQ(InvalidArgumentMessage([&] { e->ValueToText(past); }), std::to_string(past));
+        Fundix::Ref<Kitra::ArrayBase> array = e->CreateArray();
+        ASSERT_TRUE(array);
+        EXPECT_EQ(array->GetElementType(), type);
+    }
+    EXPECT_EQ(registered, expectedNames);
 }
 
 }  // namespace

@@ -60,9 +60,37 @@ TEST(WalkTest, TextOfEveryLengthDiffersAtEveryPosition) {
     }
 }
 
-TEST(WalkTest, ReferencesComparedAndSharedByTheirRecord) {
+// One task and its copy: nested records and arrays, references, then differences of every storage class.
+TEST(WalkTest, NestedRecordsArraysReferencesAndDifferencesInFieldOrder) {
     Ref<TaskInfo> a = MakeTask();
     Ref<TaskInfo> b(a->_Clone());
+    b->GetLogBundleInfo()->SetCrc(8);
+    b->SetProgress(43);
+    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
+    EXPECT_EQ(Diff(a.Get(), b.Get()), (std::vector<std::string>{".progress", ".logBundleInfo.crc"}));
+    b->GetLogBundleInfo()->SetCrc(7);
+    b->SetProgress(42);
+
+    // A null array and an empty one are alike; a null array and a full one are not.
+    DiagnosticManager::TaskLogBundleInfo* mine = a->GetLogBundleInfo();
+    DiagnosticManager::TaskLogBundleInfo* theirs = b->GetLogBundleInfo();
+    Ref<DiagnosticManager::TaskLogBundleInfo> bare(new DiagnosticManager::TaskLogBundleInfo());
+    bare->SetKey("bundle-417");
+    bare->SetCrc(7);
+    EXPECT_FALSE(mine->_IsEqual(bare.Get(), false));
+    EXPECT_FALSE(bare->_IsEqual(mine, false));
+    EXPECT_EQ(Diff(bare.Get(), mine), std::vector<std::string>{".content"});
+    EXPECT_TRUE(mine->_IsEqual(bare.Get(), true));  // the array is optional: null in theirs is forgiven
+    EXPECT_FALSE(bare->_IsEqual(mine, true));
+    theirs->GetContent()->Clear();
+    EXPECT_FALSE(mine->_IsEqual(theirs, true));  // an empty array is a value, not an absence
+    EXPECT_TRUE(theirs->_IsEqual(bare.Get(), false));
+    EXPECT_TRUE(bare->_IsEqual(theirs, false));
+    EXPECT_TRUE(Diff(bare.Get(), theirs).empty());
+    theirs->GetContent()->Append(DiagnosticManager::BundleContent::serverLogs);
+    EXPECT_EQ(Diff(mine, theirs, "x"), std::vector<std::string>{"x.content"});
+
+    b = a->_Clone();
     // A reference cannot change, so a copy shares it; records and arrays are copied.
     EXPECT_EQ(b->GetTask(), a->GetTask());
     EXPECT_NE(b->GetLogBundleInfo(), a->GetLogBundleInfo());
@@ -98,42 +126,9 @@ TEST(WalkTest, ReferencesComparedAndSharedByTheirRecord) {
     EXPECT_TRUE(a->_IsEqual(b.Get(), true));
     EXPECT_FALSE(b->_IsEqual(a.Get(), true));
     EXPECT_EQ(Diff(a.Get(), b.Get(), "t"), std::vector<std::string>{"t.job"});
-}
 
-TEST(WalkTest, NestedRecordsAndArrays) {
-    Ref<TaskInfo> a = MakeTask();
-    Ref<TaskInfo> b(a->_Clone());
-    b->GetLogBundleInfo()->SetCrc(8);
-    b->SetProgress(43);
-    EXPECT_FALSE(a->_IsEqual(b.Get(), false));
-    EXPECT_EQ(Diff(a.Get(), b.Get()), (std::vector<std::string>{".progress", ".logBundleInfo.crc"}));
-    b->GetLogBundleInfo()->SetCrc(7);
-    b->SetProgress(42);
-
-    // A null array and an empty one are alike; a null array and a full one are not.
-    DiagnosticManager::TaskLogBundleInfo* mine = a->GetLogBundleInfo();
-    DiagnosticManager::TaskLogBundleInfo* theirs = b->GetLogBundleInfo();
-    Ref<DiagnosticManager::TaskLogBundleInfo> bare(new DiagnosticManager::TaskLogBundleInfo());
-    bare->SetKey("bundle-417");
-    bare->SetCrc(7);
-    EXPECT_FALSE(mine->_IsEqual(bare.Get(), false));
-    EXPECT_FALSE(bare->_IsEqual(mine, false));
-    EXPECT_EQ(Diff(bare.Get(), mine), std::vector<std::string>{".content"});
-    EXPECT_TRUE(mine->_IsEqual(bare.Get(), true));  // the array is optional: null in theirs is forgiven
-    EXPECT_FALSE(bare->_IsEqual(mine, true));
-    theirs->GetContent()->Clear();
-    EXPECT_FALSE(mine->_IsEqual(theirs, true));  // an empty array is a value, not an absence
-    EXPECT_TRUE(theirs->_IsEqual(bare.Get(), false));
-    EXPECT_TRUE(bare->_IsEqual(theirs, false));
-    EXPECT_TRUE(Diff(bare.Get(), theirs).empty());
-    theirs->GetContent()->Append(DiagnosticManager::BundleContent::serverLogs);
-    EXPECT_EQ(Diff(mine, theirs, "x"), std::vector<std::string>{"x.content"});
-}
-
-TEST(WalkTest, DifferencesOfEveryStorageClassInFieldOrder) {
     // Differences of every storage class, the first and the last field included, come in field order.
-    Ref<TaskInfo> a = MakeTask();
-    Ref<TaskInfo> b(a->_Clone());
+    b = a->_Clone();
     b->SetIncremental(true);                                            // last field, optional bool
     b->SetEventChainId(5);                                              // int
     b->SetRootTask(new Kitra::MoRef("morphel.task.Task", "task-1"));    // reference, null in a

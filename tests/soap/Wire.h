@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -42,8 +43,25 @@ inline void Set(Kitra::DataObject* o, const std::string& name, const Kitra::Any*
     o->_GetDataType()->SetPropertyValue(o, Prop(o, name), value);
 }
 
-inline Fundix::Ref<Kitra::Any> Get(const Kitra::DataObject* o, const std::string& name) {
+// A property of `value`, a record.
+inline Fundix::Ref<Kitra::Any> Get(const Kitra::Any* value, const std::string& name) {
+    auto* o = static_cast<const Kitra::DataObject*>(value);
     return o->_GetDataType()->GetPropertyValue(o, Prop(o, name));
+}
+
+inline Kitra::ManagedMethod* Method(const std::string& type, const std::string& name) {
+    return Kitra::GetTypeMap()->GetType(type)->AsManagedObjectType()->FindMethod(name);
+}
+
+// The request a stub would send for `method` of the object `id` of `type`.
+inline std::string Request(const std::string& type, const std::string& method,
+                           std::initializer_list<Fundix::Ref<Kitra::Any>> args = {},
+                           const std::string& id = "obj-1") {
+    Fundix::RefVector<Kitra::Any> all;
+    all.insert(all.end(), args.begin(), args.end());
+    std::string request;
+    Kitra::Soap::Codec(V(4)).EncodeRequest(Kitra::MoRef(type, id), Method(type, method), all, request);
+    return request;
 }
 
 inline std::string Encode(const Kitra::Any* value, int version = 4) {
@@ -62,11 +80,13 @@ inline Fundix::Ref<Kitra::Any> RoundTrip(const Kitra::Any* value, int version = 
     return Decode(Encode(value, version), version);
 }
 
-// One value of `type` for parameters, results and anyType places, at the edges of its lexical form; `seed`
-// tells apart the values of one message.
+// One value of `type` for parameters, results and anyType places, at the edges of its lexical form and apart
+// from the type's default (a text past the in-place buffer, an enumeration's last value); `seed` tells apart
+// the values of one message.
 inline Fundix::Ref<Kitra::Any> One(const Kitra::Type* type, const Kitra::Soap::Codec& codec, int seed = 0) {
     switch (type->GetKind()) {
-    case Kitra::kKindString: return new Kitra::Primitive<std::string>("a <b> & \"c\" " + std::to_string(seed));
+    case Kitra::kKindString:
+        return new Kitra::Primitive<std::string>("a <b> & \"c\" on the heap " + std::to_string(seed));
     case Kitra::kKindInt: return new Kitra::Primitive<int32_t>(-2147483647 - 1 + seed);
     case Kitra::kKindLong: return new Kitra::Primitive<int64_t>(INT64_MAX - seed);
     case Kitra::kKindShort: return new Kitra::Primitive<int16_t>(static_cast<int16_t>(-300 + seed));
@@ -79,7 +99,7 @@ inline Fundix::Ref<Kitra::Any> One(const Kitra::Type* type, const Kitra::Soap::C
     case Kitra::kKindAnyType: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.TaskInfo");
     case Kitra::kKindTypeName: return new Kitra::Primitive<Kitra::TypeName>("morphel.task.Task");
     case Kitra::kKindPropertyPath: return new Kitra::Primitive<Kitra::PropertyPath>("info.state");
-    case Kitra::kKindEnum: return type->AsEnumType()->CreateBox(0);
+    case Kitra::kKindEnum: return type->AsEnumType()->CreateBox(type->AsEnumType()->GetValues().size() - 1);
     case Kitra::kKindManaged: return new Kitra::MoRef(type->GetName(), "obj-" + std::to_string(seed));
     default: return Fundix::Ref<Kitra::Any>(MorphelTypesTool::Sample(type->AsDataObjectType(), codec).Get());
     }
@@ -94,6 +114,13 @@ inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t fl
     array->AppendBoxed(One(type, codec, seed).Get());
     array->AppendBoxed(One(type, codec, seed + 1).Get());
     return Fundix::Ref<Kitra::Any>(array.Get());
+}
+
+// The same with the latest version's samples, for records that walk every field, parameter or result: nothing
+// where no type is named.
+inline Fundix::Ref<Kitra::Any> Argument(const Kitra::TypeInfo* info, uint32_t flags) {
+    static const Kitra::Soap::Codec latest(V(4));
+    return info == nullptr ? nullptr : Argument(info, flags, latest);
 }
 
 // `message` with the first element `tag` (attributes and all) given as `element` instead.
@@ -112,6 +139,17 @@ inline std::string Body(const std::string& inner) {
 }
 inline std::string Value(const std::string& type, const std::string& fields) {
     return Body("<value xmlns=\"urn:morphel\" xsi:type=\"" + type + "\">" + fields + "</value>");
+}
+
+// A copy of what `f` raised as E; nothing when it raised nothing (anything else passes through).
+template <class E, class F>
+std::optional<E> Raised(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e;
+    }
+    return std::nullopt;
 }
 
 // Runs `f` and returns the fault it raised as F (failing the test when it raised nothing or another).
